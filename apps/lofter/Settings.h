@@ -1,0 +1,37 @@
+// The settings record: what the command line asked for, read by the whole program through one accessor.
+//
+// One per process, created on first use under the graph lock and never destroyed. The command line fills it before any other
+// thread exists. Afterwards only the run sequence (parallel, thread count, plugin directory) and interactive mode, which is
+// serial, change it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace lofter {
+
+struct Settings {
+    static Settings& Instance();
+
+    bool verbose = false;
+    bool parallel = false;
+    bool randomize = false;
+    bool interactive = false;
+    bool trace = false;
+    std::uint32_t threadCount = 1;
+    std::int64_t randomSeed;  // seconds since the epoch when the record was created, unless given
+    std::string pluginDirectory;
+    std::vector<std::string> disabledPlugins;
+    std::vector<std::string> interactiveModeRequirements;
+    std::string method;
+    bool invoke = false;
+    bool daemonWait = false;
+    std::uint32_t daemonWaitTimeout = 40;  // seconds
+    char** environment = nullptr;          // the process environment, not owned
+
+ private:
+    Settings();
+};
+
+}  // namespace lofter

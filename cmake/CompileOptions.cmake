@@ -1,0 +1,26 @@
+# One target, `lofter_options`, carries the language level, the warnings, the hardening and the sanitizers to every target.
+set(LOFTER_SANITIZE "" CACHE STRING "Sanitizers to build with, comma separated: address,undefined or thread")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+include(CheckPIESupported)
+check_pie_supported()
+
+add_library(lofter_options INTERFACE)
+target_compile_options(lofter_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+target_compile_definitions(lofter_options INTERFACE _GNU_SOURCE _GLIBCXX_ASSERTIONS)
+target_link_options(lofter_options INTERFACE -Wl,-z,relro,-z,now)
+
+if(LOFTER_SANITIZE)
+  target_compile_options(lofter_options INTERFACE
+    -fsanitize=${LOFTER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+  target_link_options(lofter_options INTERFACE -fsanitize=${LOFTER_SANITIZE})
+else()
+  target_compile_options(lofter_options INTERFACE -fstack-protector-strong)
+  target_compile_definitions(lofter_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+endif()
