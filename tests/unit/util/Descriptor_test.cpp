@@ -1,0 +1,61 @@
+#include "util/Descriptor.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace lofter {
+namespace {
+
+bool IsOpen(int number) { return ::fcntl(number, F_GETFD) != -1; }
+
+Descriptor OpenNull() { return Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
+TEST(Descriptor, OwnsNothingAtFirst) {
+    const Descriptor nothing;
+    EXPECT_FALSE(nothing);
+    EXPECT_EQ(nothing.Get(), -1);
+}
+
+TEST(Descriptor, ClosesWhatItOwnsWhenItGoes) {
+    int number = -1;
+    {
+        const Descriptor owner = OpenNull();
+        number = owner.Get();
+        ASSERT_TRUE(IsOpen(number));
+    }
+    EXPECT_FALSE(IsOpen(number));
+}
+
+TEST(Descriptor, MovesItsOwnershipAndClosesWhatTheTargetOwned) {
+    Descriptor source = OpenNull();
+    Descriptor target = OpenNull();
+    const int kept = source.Get();
+    const int dropped = target.Get();
+    target = std::move(source);
+    EXPECT_EQ(target.Get(), kept);
+    EXPECT_TRUE(IsOpen(kept));
+    EXPECT_FALSE(IsOpen(dropped));
+}
+
+TEST(Descriptor, LeavesReleasedDescriptorsOpen) {
+    int number = -1;
+    {
+        Descriptor owner = OpenNull();
+        number = owner.Release();
+        EXPECT_FALSE(owner);
+    }
+    EXPECT_TRUE(IsOpen(number));
+    const Descriptor cleanUp(number);
+}
+
+TEST(Descriptor, KeepsTheReasonOfAFailureWhileItCloses) {
+    Descriptor owner = OpenNull();
+    errno = ECONNREFUSED;
+    owner.Reset();
+    EXPECT_EQ(errno, ECONNREFUSED);
+}
+
+}  // namespace
+}  // namespace lofter
