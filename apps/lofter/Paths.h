@@ -13,6 +13,7 @@ inline constexpr char kSyslogPidFile[] = "/var/run/tessel/tssyslogd.pid";
 inline constexpr char kSyslogConfiguration[] = "/etc/syslog.conf";
 inline constexpr char kSyslogUpgradeScript[] = "/usr/lib/tessel/tssyslog/bin/upgrade-syslog.conf.sh";
 inline constexpr char kObservationDaemon[] = "/etc/init.d/hxed";
+inline constexpr char kInitScriptLister[] = "/bin/chkconfig -p";  // a shell command
 inline constexpr char kStatelessMarker[] = "/stateless.tgz";
 
 inline constexpr char kHostProfile[] = "/etc/tessel/hostprofile.xml";

@@ -1,0 +1,133 @@
+#include "hopper/InitScriptDiscovery.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <sstream>
+#include <unordered_set>
+#include <utility>
+
+#include <boost/iostreams/device/file_descriptor.hpp>
+#include <boost/iostreams/stream.hpp>
+#include <boost/lexical_cast/try_lexical_convert.hpp>
+#include <sys/wait.h>
+
+#include "Logging.h"
+#include "Paths.h"
+#include "hopper/LegacyDaemonPlugin.h"
+#include "plugins/Exception.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr int kStarting = 0;
+constexpr std::size_t kLongestQuote = 200;
+
+// The start of a line from outside, fit for a log: on one line, and without anything that a terminal would act on.
+std::string Quotable(const std::string& line) {
+    std::string text = line.substr(0, kLongestQuote);
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char byte) { return byte < ' ' || byte == 0x7f; }, '?');
+    return line.size() > kLongestQuote ? text + "..." : text;
+}
+
+std::optional<InitScript> ReadLine(const std::string& line) {
+    std::istringstream words(line);
+    InitScript script{};
+    std::string number;
+    if (!(words >> script.path >> number) || !boost::conversion::try_lexical_convert(number, script.priority)) {
+        return std::nullopt;
+    }
+    return script;
+}
+
+// A shell command whose output can be read.
+class ReadPipe {
+  public:
+    explicit ReadPipe(const std::string& shellCommand) : command(shellCommand), pipe(popen(command.c_str(), "re")) {}
+    ReadPipe(const ReadPipe&) = delete;
+    ReadPipe& operator=(const ReadPipe&) = delete;
+
+    // -1 when there is no pipe.
+    int Descriptor() const { return pipe == nullptr ? -1 : fileno(pipe); }
+
+    // Waits for the command's end.
+    ~ReadPipe() {
+        if (pipe != nullptr) {
+            Report(pclose(pipe));
+        }
+    }
+
+  private:
+    void Report(int status) const {
+        if (status == -1) {
+            Log_Level(kWarning, "%s: no exit status: %s\n", command.c_str(), std::strerror(errno));
+        } else if (WIFSIGNALED(status)) {
+            Log_Level(kWarning, "%s was killed by signal %d\n", command.c_str(), WTERMSIG(status));
+        } else if (WEXITSTATUS(status) != 0) {
+            Log_Level(kWarning, "%s exited with status %d\n", command.c_str(), WEXITSTATUS(status));
+        }
+    }
+
+    const std::string command;
+    std::FILE* const pipe;
+};
+
+void AddPlugin(std::vector<std::unique_ptr<Plugin>>& plugins, const std::string& name, const InitScript& script) {
+    try {
+        // A negative priority wraps around to a large one: such a script comes last.
+        plugins.push_back(
+            std::make_unique<LegacyDaemonPlugin>(name, script.path, static_cast<std::uint32_t>(script.priority)));
+    } catch (const std::exception& failure) {
+        Log_Level(kWarning, "Failed to create init.d daemon plugin: %s because: %s\n", name.c_str(), failure.what());
+    } catch (...) {
+        Log_Level(kWarning, "Failed to create init.d daemon plugin: %s\n", name.c_str());
+    }
+}
+
+}  // namespace
+
+std::vector<InitScript> ReadInitScripts(std::istream& output) {
+    std::vector<InitScript> scripts;
+    for (std::string line; std::getline(output, line);) {
+        if (std::optional<InitScript> script = ReadLine(line)) {
+            scripts.push_back(std::move(*script));
+        } else {
+            Log_Level(kWarning, "Skipping a line that is not an init.d script and its priority: '%s'\n",
+                      Quotable(line).c_str());
+        }
+    }
+    return scripts;
+}
+
+std::vector<InitScript> ListInitScripts(const std::string& command) {
+    const ReadPipe pipe(command);
+    if (pipe.Descriptor() <= 0) {
+        throw Exception("Failed obtaining list of init.d scripts");
+    }
+    namespace io = boost::iostreams;
+    io::stream<io::file_descriptor_source> output(pipe.Descriptor(), io::never_close_handle);
+    return ReadInitScripts(output);
+}
+
+std::vector<std::unique_ptr<Plugin>> MakeDaemonPlugins(const std::vector<InitScript>& scripts, int startStopFlag) {
+    const std::unordered_set<std::string> startedByTheBootRun = {"tssyslogd", "hxed"};
+    std::vector<std::unique_ptr<Plugin>> plugins;
+    for (const InitScript& script : scripts) {
+        const std::string name = std::filesystem::path(script.path).filename().string();
+        if (startStopFlag != kStarting || !startedByTheBootRun.contains(name)) {
+            AddPlugin(plugins, name, script);
+        }
+    }
+    return plugins;
+}
+
+std::vector<std::unique_ptr<Plugin>> DiscoverInitDaemons(int startStopFlag) {
+    return MakeDaemonPlugins(ListInitScripts(paths::kInitScriptLister), startStopFlag);
+}
+
+}  // namespace lofter
