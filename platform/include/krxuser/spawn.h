@@ -5,6 +5,8 @@
 
 #include <cstddef>
 
+extern "C" {
+
 using KrxuserStatus = int;
 
 struct KrxuserCompatSpawnFileActions;
@@ -26,3 +28,5 @@ void KrxuserCompat_SpawnFileActionsDestroy(KrxuserCompatSpawnFileActions* action
 
 // Renders a status as text into the buffer, always NUL-terminated, and returns the buffer.
 const char* KrxuserStatus_CodeToString(KrxuserStatus status, char* buffer, std::size_t size, unsigned flags);
+
+}  // extern "C"
