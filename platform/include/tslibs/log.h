@@ -9,13 +9,13 @@
 // One destination of log messages. Opaque to callers.
 struct LogOutput;
 
-// Logs one printf-style message. Levels that the host's programs use: 110 error, 115 warning, 125 information. Never throws
-// and never fails visibly; errno is left as it was. Messages logged before any output exists are dropped.
+// Logs one printf-style message. Levels that the host's programs use: 110 error, 115 warning, 125 information. Never
+// throws and never fails visibly; errno is left as it was. Messages logged before any output exists are dropped.
 void Log_Level(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Sets up the syslog output from "log.syslogID" (identifier) and "log.syslogLevel" (the finest level that is let through,
-// by name: "error", "warning" or "info"). No syslog daemon need exist yet. Returns false when the dictionary lacks the
-// identifier or names an unknown level.
+// Sets up the syslog output from "log.syslogID" (identifier) and "log.syslogLevel" (the finest level that is let
+// through, by name: "error", "warning" or "info"). No syslog daemon need exist yet. Returns false when the dictionary
+// lacks the identifier or names an unknown level.
 bool Log_InitWithSyslogInt(const Dictionary* configuration);
 
 // Makes a standard-output log output from "log.stdoutLevel", "log.useTimeStamps.stdio" and "log.useMilliseconds.stdio".
@@ -28,5 +28,5 @@ bool Log_AddOutput(LogOutput* output);
 // Messages whose level is at or below this one are copied to standard error as well; -1 copies none.
 void Log_SetStderrLevel(int level);
 
-// What the log says of the product; logged once, as the first line of an output that is added afterwards, when non-empty.
+// What product this is. A panic names it after its message; ordinary runs log no line about it.
 void Log_SetProductInfo(const char* name, const char* version, const char* build, const char* compilationOption);

@@ -1,0 +1,212 @@
+#include "tslibs/log.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <errno.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "tslibs/LogOutput.h"
+#include "tslibs/StreamOutput.h"
+#include "tslibs/SyslogOutput.h"
+#include "tslibs/str.h"
+
+namespace platform {
+
+namespace {
+
+struct LogLibrary {
+    LogLibrary() {
+        pthread_atfork([] { Instance().lock.lock(); }, [] { Instance().lock.unlock(); },
+                       [] { Instance().lock.unlock(); });
+    }
+
+    // Never destroyed: threads may log until the process is gone.
+    static LogLibrary& Instance() {
+        static LogLibrary& library = *new LogLibrary;
+        return library;
+    }
+
+    std::mutex lock;
+    std::vector<std::unique_ptr<LogOutput>> outputs;
+    const LogOutput* syslogOutput = nullptr;  // the one that a further initialisation replaces
+    std::unique_ptr<LogOutput> standardError;
+    std::string identifier = program_invocation_short_name;
+    std::string product;
+};
+
+// Before main, while there is one thread: a fork can come at any time after it.
+[[maybe_unused]] const LogLibrary& createdEarly = LogLibrary::Instance();
+
+std::string_view WithoutLineEnds(std::string_view message) {
+    while (message.ends_with('\n')) {
+        message.remove_suffix(1);
+    }
+    return message;
+}
+
+void WriteToOutputs(int level, std::string_view message) {
+    LogLibrary& library = LogLibrary::Instance();
+    const LogLock held;
+    for (const auto& output : library.outputs) {
+        output->Write(level, message);
+    }
+    if (library.standardError) {
+        library.standardError->Write(level, message);
+    }
+}
+
+}  // namespace
+
+LogLock::LogLock() {
+    LogLibrary::Instance().lock.lock();
+}
+
+LogLock::~LogLock() {
+    LogLibrary::Instance().lock.unlock();
+}
+
+bool FindLevel(std::string_view name, int& level) {
+    static constexpr std::array<std::pair<std::string_view, int>, 3> kLevels{
+        {{"error", kErrorLevel}, {"warning", kWarningLevel}, {"info", kInfoLevel}}};
+    const auto* found =
+        std::find_if(kLevels.begin(), kLevels.end(), [&](const auto& known) { return known.first == name; });
+    if (found == kLevels.end()) {
+        return false;
+    }
+    level = found->second;
+    return true;
+}
+
+std::unique_ptr<LogOutput> RemoveLogOutput(const LogOutput* output) {
+    LogLibrary& library = LogLibrary::Instance();
+    const LogLock held;
+    const auto found = std::find_if(library.outputs.begin(), library.outputs.end(),
+                                    [&](const auto& known) { return known.get() == output; });
+    if (found == library.outputs.end()) {
+        return nullptr;
+    }
+    std::unique_ptr<LogOutput> removed = std::move(*found);
+    library.outputs.erase(found);
+    if (library.syslogOutput == output) {
+        library.syslogOutput = nullptr;
+    }
+    return removed;
+}
+
+void LogAlert(std::string_view message) {
+    const int callersError = errno;
+    {
+        const LogLock held;
+        for (const auto& output : LogLibrary::Instance().outputs) {
+            output->Alert(WithoutLineEnds(message));
+        }
+    }
+    errno = callersError;
+}
+
+std::string LoggedProduct() {
+    const LogLock held;
+    return LogLibrary::Instance().product;
+}
+
+void LogFormatted(int level, const char* format, va_list arguments) {
+    const int callersError = errno;
+    // Messages of ordinary length need no memory; see the note on forks in LogOutput.h.
+    std::array<char, 1024> line{};
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
+    if (length >= 0 && static_cast<std::size_t>(length) < line.size()) {
+        WriteToOutputs(level, WithoutLineEnds({line.data(), static_cast<std::size_t>(length)}));
+    } else {
+        std::size_t fullLength = 0;
+        errno = callersError;
+        const std::unique_ptr<char, decltype(&std::free)> text(Str_SafeVasprintf(&fullLength, format, again),
+                                                               &std::free);
+        WriteToOutputs(level, WithoutLineEnds({text.get(), fullLength}));
+    }
+    va_end(again);
+    errno = callersError;
+}
+
+}  // namespace platform
+
+using platform::LogLibrary;
+using platform::LogLock;
+
+void Log_Level(int level, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    platform::LogFormatted(level, format, arguments);
+    va_end(arguments);
+}
+
+bool Log_InitWithSyslogInt(const Dictionary* configuration) {
+    const char* identifier = Dict_GetString(configuration, "log.syslogID", nullptr);
+    int level = 0;
+    if (identifier == nullptr ||
+        !platform::FindLevel(Dict_GetString(configuration, "log.syslogLevel", "info"), level)) {
+        return false;
+    }
+    auto output = std::make_unique<platform::SyslogOutput>(platform::kSyslogSocket, identifier, level);
+    LogLibrary& library = LogLibrary::Instance();
+    platform::RemoveLogOutput(library.syslogOutput);
+    const LogLock held;
+    library.identifier = identifier;
+    library.syslogOutput = output.get();
+    library.outputs.push_back(std::move(output));
+    return true;
+}
+
+LogOutput* Log_NewStdioOutput(const Dictionary* configuration) {
+    platform::StreamOutput::Form form;
+    if (!platform::FindLevel(Dict_GetString(configuration, "log.stdoutLevel", "info"), form.finestLevel)) {
+        return nullptr;
+    }
+    form.timeStamps = Dict_GetBool(configuration, "log.useTimeStamps.stdio", false);
+    form.milliseconds = Dict_GetBool(configuration, "log.useMilliseconds.stdio", false);
+    const LogLock held;
+    return new platform::StreamOutput(STDOUT_FILENO, LogLibrary::Instance().identifier, form);
+}
+
+bool Log_AddOutput(LogOutput* output) {
+    auto& outputs = LogLibrary::Instance().outputs;
+    const LogLock held;
+    if (output == nullptr ||
+        std::any_of(outputs.begin(), outputs.end(), [&](const auto& known) { return known.get() == output; })) {
+        return false;
+    }
+    outputs.emplace_back(output);
+    return true;
+}
+
+void Log_SetStderrLevel(int level) {
+    const LogLock held;
+    LogLibrary& library = LogLibrary::Instance();
+    library.standardError.reset();
+    if (level >= 0) {
+        platform::StreamOutput::Form form;
+        form.finestLevel = level;
+        library.standardError = std::make_unique<platform::StreamOutput>(STDERR_FILENO, library.identifier, form);
+    }
+}
+
+void Log_SetProductInfo(const char* name, const char* version, const char* build, const char* compilationOption) {
+    std::string product(name);
+    for (const char* part : {version, build}) {
+        product.append(*part != '\0' ? " " : "").append(part);
+    }
+    product.append(" (").append(compilationOption).append(")");
+    const LogLock held;
+    LogLibrary::Instance().product = std::move(product);
+}

@@ -1,0 +1,55 @@
+// The inside of the logging library: what an output is, and the operations that only this layer and tests need.
+//
+// One lock guards the library and everything its outputs hold. fork() takes it, so that a child finds the library at
+// rest and can log at once. Neither the library nor an output on the path of a message may therefore take another lock,
+// allocate for a message of ordinary length, or set something up on first use.
+#pragma once
+
+#include <cstdarg>
+#include <memory>
+#include <string>
+#include <string_view>
+
+// One destination of log messages.
+struct LogOutput {
+    virtual ~LogOutput() = default;
+
+    // Takes one message without its trailing line end, of whatever level: the output decides what it lets through.
+    // Called with the library's lock held; must not throw, log or fork.
+    virtual void Write(int level, std::string_view message) = 0;
+
+    // Takes a message that needs someone's action at once. Outputs without a notion of that ignore it.
+    virtual void Alert(std::string_view /*message*/) {}
+};
+
+namespace platform {
+
+inline constexpr int kErrorLevel = 110;
+inline constexpr int kWarningLevel = 115;
+inline constexpr int kInfoLevel = 125;
+
+// The bound of a level name: "error", "warning" or "info". False, and nothing stored, for any other name.
+bool FindLevel(std::string_view name, int& level);
+
+// Takes an output out of the library and hands it back; null when the library does not hold it.
+std::unique_ptr<LogOutput> RemoveLogOutput(const LogOutput* output);
+
+// Log_Level for a list of arguments.
+void LogFormatted(int level, const char* format, va_list arguments) __attribute__((format(printf, 2, 0)));
+
+// Hands a message of LOG_ALERT urgency to the outputs.
+void LogAlert(std::string_view message);
+
+// The product line that a panic adds; empty until product information was given.
+std::string LoggedProduct();
+
+// Scoped hold of the library's lock, for reading what an output has collected while other threads log.
+class LogLock {
+  public:
+    LogLock();
+    ~LogLock();
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+};
+
+}  // namespace platform

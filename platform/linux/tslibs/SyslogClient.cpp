@@ -1,0 +1,151 @@
+#include "tslibs/SyslogClient.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <span>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "Descriptor.h"
+#include "tslibs/Gather.h"
+
+namespace platform {
+
+namespace {
+
+constexpr timeval kPatience{0, 200'000};
+constexpr timeval kNoPatience{0, 1};  // zero would mean to wait for ever
+
+// Where standard streams were closed, a new socket gets their number, and what is printed would land in it.
+Descriptor AboveStandardStreams(Descriptor created) {
+    if (created.Get() > STDERR_FILENO || !created) {
+        return created;
+    }
+    return Descriptor(::fcntl(created.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
+// The first half of a text, not ending within a UTF-8 sequence.
+std::string_view FirstHalf(std::string_view text) {
+    std::size_t length = text.size() / 2;
+    while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) {
+        --length;
+    }
+    return text.substr(0, length);
+}
+
+}  // namespace
+
+SyslogClient::SyslogClient(std::string socketPath) : path(std::move(socketPath)) {}
+
+SyslogClient::~SyslogClient() {
+    Disconnect();
+}
+
+void SyslogClient::Send(std::string_view head, std::string_view text) {
+    // The second attempt is for a daemon that was restarted.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (!IsConnected() && !Connect()) {
+            return;
+        }
+        const Outcome outcome = SendCut(head, text);
+        hung = outcome == Outcome::kBusy;
+        if (outcome == Outcome::kSent) {
+            return;
+        }
+        // A busy one is left as well: another daemon may have taken its place while a relative of the old one keeps the
+        // old socket open and never reads it.
+        Disconnect();
+        if (hung) {
+            return;
+        }
+    }
+}
+
+bool SyslogClient::IsConnected() {
+    if (socket >= 0 && !IsOwnSocket()) {
+        socket = -1;
+    }
+    return socket >= 0;
+}
+
+bool SyslogClient::IsOwnSocket() const {
+    struct stat status {};
+    return ::fstat(socket, &status) == 0 && status.st_dev == device && status.st_ino == inode;
+}
+
+void SyslogClient::Disconnect() {
+    if (IsConnected()) {
+        const Descriptor closing(std::exchange(socket, -1));
+    }
+}
+
+bool SyslogClient::Connect() {
+    return ConnectAs(SOCK_DGRAM) || (errno == EPROTOTYPE && ConnectAs(SOCK_STREAM));
+}
+
+bool SyslogClient::ConnectAs(int type) {
+    sockaddr_un address{};
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+
+    Descriptor created = AboveStandardStreams(Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)));
+    const timeval& patience = hung ? kNoPatience : kPatience;
+    struct stat status {};
+    if (!created || ::setsockopt(created.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0 ||
+        ::fstat(created.Get(), &status) != 0) {
+        return false;
+    }
+    if (::connect(created.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        hung = errno == EAGAIN;
+        return false;
+    }
+    device = status.st_dev;
+    inode = status.st_ino;
+    socketType = type;
+    socket = created.Release();
+    return true;
+}
+
+SyslogClient::Outcome SyslogClient::SendCut(std::string_view head, std::string_view text) const {
+    Outcome outcome = SendOnce(head, text);
+    while (outcome == Outcome::kTooLong && !text.empty()) {
+        text = FirstHalf(text);
+        outcome = SendOnce(head, text);
+    }
+    return outcome;
+}
+
+SyslogClient::Outcome SyslogClient::SendOnce(std::string_view head, std::string_view text) const {
+    // On a stream, records end with a NUL.
+    const std::string_view end = socketType == SOCK_STREAM ? std::string_view("", 1) : std::string_view();
+    std::array parts{Part(head), Part(text), Part(end)};
+    std::span<iovec> left(parts);
+    do {
+        msghdr message{};
+        message.msg_iov = left.data();
+        message.msg_iovlen = left.size();
+        const ssize_t sent = ::sendmsg(socket, &message, MSG_NOSIGNAL | (hung ? MSG_DONTWAIT : 0));
+        if (sent >= 0) {
+            left = Advance(left, static_cast<std::size_t>(sent));
+        } else if (errno == EMSGSIZE || errno == ENOBUFS) {
+            return Outcome::kTooLong;
+        } else if (errno == EAGAIN) {
+            return Outcome::kBusy;
+        } else if (errno != EINTR) {
+            return Outcome::kGone;
+        }
+    } while (!left.empty());
+    return Outcome::kSent;
+}
+
+}  // namespace platform

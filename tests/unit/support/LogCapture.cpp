@@ -1,0 +1,65 @@
+#include "support/LogCapture.h"
+
+#include <memory>
+#include <ostream>
+
+#include "tslibs/LogOutput.h"
+#include "tslibs/log.h"
+
+namespace lofter::test {
+
+struct LogCapture::Recorder : LogOutput {
+    void Write(int level, std::string_view message) override { entries.push_back({level, std::string(message)}); }
+    void Alert(std::string_view message) override { alerts.emplace_back(message); }
+
+    std::vector<Entry> entries;
+    std::vector<std::string> alerts;
+};
+
+LogCapture::LogCapture() : recorder(new Recorder) {
+    Log_AddOutput(recorder);
+}
+
+LogCapture::~LogCapture() {
+    platform::RemoveLogOutput(recorder);
+}
+
+std::vector<std::string> LogCapture::Lines() const {
+    std::vector<std::string> lines;
+    for (const Entry& entry : Entries()) {
+        lines.push_back(entry.text);
+    }
+    return lines;
+}
+
+std::vector<std::string> LogCapture::Lines(int level) const {
+    std::vector<std::string> lines;
+    for (const Entry& entry : Entries()) {
+        if (entry.level == level) {
+            lines.push_back(entry.text);
+        }
+    }
+    return lines;
+}
+
+std::vector<LogCapture::Entry> LogCapture::Entries() const {
+    const platform::LogLock held;
+    return recorder->entries;
+}
+
+std::vector<std::string> LogCapture::Alerts() const {
+    const platform::LogLock held;
+    return recorder->alerts;
+}
+
+void LogCapture::Clear() {
+    const platform::LogLock held;
+    recorder->entries.clear();
+    recorder->alerts.clear();
+}
+
+void PrintTo(const LogCapture::Entry& entry, std::ostream* stream) {
+    *stream << entry.level << " \"" << entry.text << '"';
+}
+
+}  // namespace lofter::test
