@@ -26,9 +26,6 @@
 /* The two symbols stay visible when a plugin is compiled with -fvisibility=hidden. */
 #define LOFTER_EXPORT __attribute__((visibility("default")))
 
-/* What the orchestrator installs, and where it looks for plugins. */
-#define LOFTER_PLUGIN_DIRECTORY "/usr/libexec/lofter/plugins"
-
 /* Interface versions. Each one reads all that the one before it reads; the fourth reads what the third does. */
 enum {
     LOFTER_VERSION_BASIC = 1,        /* the barriers, and the operation `start` */
