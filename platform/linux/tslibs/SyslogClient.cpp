@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <span>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include "Descriptor.h"
+#include "Printable.h"
 #include "tslibs/Gather.h"
 
 namespace platform {
@@ -28,15 +30,6 @@ Descriptor AboveStandardStreams(Descriptor created) {
         return created;
     }
     return Descriptor(::fcntl(created.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-}
-
-// The first half of a text, not ending within a UTF-8 sequence.
-std::string_view FirstHalf(std::string_view text) {
-    std::size_t length = text.size() / 2;
-    while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) {
-        --length;
-    }
-    return text.substr(0, length);
 }
 
 }  // namespace
@@ -119,7 +112,7 @@ bool SyslogClient::ConnectAs(int type) {
 SyslogClient::Outcome SyslogClient::SendCut(std::string_view head, std::string_view text) const {
     Outcome outcome = SendOnce(head, text);
     while (outcome == Outcome::kTooLong && !text.empty()) {
-        text = FirstHalf(text);
+        text = Shortened(text, text.size() / 2);
         outcome = SendOnce(head, text);
     }
     return outcome;

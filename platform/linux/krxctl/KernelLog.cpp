@@ -1,0 +1,44 @@
+#include "krxctl/KernelLog.h"
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "Descriptor.h"
+#include "Printable.h"
+
+namespace platform {
+
+namespace {
+
+constexpr char kPrefix[] = "<6>lofter: ";
+
+// The kernel refuses longer records than 1024 bytes less its own prefix, of which versions differ.
+constexpr std::size_t kLongestRecord = 960;
+
+[[noreturn]] void Fail(const char* path) {
+    throw std::runtime_error(std::string(path) + ": " + std::strerror(errno));
+}
+
+}  // namespace
+
+void WriteKernelLog(const char* path, const std::vector<std::string>& texts) {
+    const Descriptor log(::open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY));
+    if (!log) {
+        Fail(path);
+    }
+    for (const std::string& text : texts) {
+        const std::string whole = kPrefix + text;
+        const std::string_view record = Shortened(whole, kLongestRecord);
+        while (::write(log.Get(), record.data(), record.size()) < 0) {
+            if (errno != EINTR) {
+                Fail(path);
+            }
+        }
+    }
+}
+
+}  // namespace platform

@@ -1,0 +1,114 @@
+#include "krxctl/ProgressScreen.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "Printable.h"
+#include "krxctl/KernelProgressScreenImpl.h"
+#include "tslibs/LogOutput.h"
+#include "tslibs/log.h"
+
+namespace platform {
+
+namespace {
+
+constexpr unsigned kUsualColumns = 80;
+
+// One column stays free: a full line would wrap.
+std::size_t UsableColumns(int terminal) {
+    winsize size{};
+    const bool known = ::ioctl(terminal, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return (known ? size.ws_col : kUsualColumns) - 1;
+}
+
+void AppendWord(std::string& line, const std::string& word) {
+    if (!line.empty() && !word.empty()) {
+        line.push_back(' ');
+    }
+    line.append(word);
+}
+
+// One line of it.
+std::string ForScreen(const std::string& text) {
+    std::string shown = Printable(text);
+    std::replace(shown.begin(), shown.end(), '\n', ' ');
+    return shown;
+}
+
+// The process's one screen; never destroyed, since threads may report progress until the process is gone.
+ProgressScreen& Screen() {
+    static ProgressScreen& screen = *new ProgressScreen(kConsole);
+    return screen;
+}
+
+}  // namespace
+
+ProgressScreen::ProgressScreen(const char* consolePath)
+    : console(::open(consolePath, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
+    if (console && ::isatty(console.Get()) == 0) {
+        console.Reset();
+    }
+}
+
+void ProgressScreen::ProgressText(const std::string& text) {
+    Show(progressText, text);
+}
+
+void ProgressScreen::StatusText(const std::string& text) {
+    Show(statusText, text);
+}
+
+void ProgressScreen::Step() {
+    const std::lock_guard held(lock);
+    ++steps;
+    Redraw();
+}
+
+void ProgressScreen::Show(std::string& shown, const std::string& text) {
+    const std::lock_guard held(lock);
+    shown = ForScreen(text);
+    if (!Redraw() && !text.empty()) {
+        Log_Level(kInfoLevel, "%s\n", text.c_str());
+    }
+}
+
+// Returns false when there is no terminal to draw on.
+bool ProgressScreen::Redraw() {
+    if (!console) {
+        return false;
+    }
+    const std::string drawn = "\r\x1b[2K" + std::string(Shortened(Line(), UsableColumns(console.Get()))) + "\r";
+    if (::write(console.Get(), drawn.data(), drawn.size()) < 0 && errno != EAGAIN && errno != EINTR) {
+        console.Reset();
+    }
+    return static_cast<bool>(console);
+}
+
+std::string ProgressScreen::Line() const {
+    std::string line = progressText;
+    AppendWord(line, steps > 0 ? "[" + std::to_string(steps) + "]" : "");
+    AppendWord(line, statusText);
+    return line;
+}
+
+}  // namespace platform
+
+namespace KrxCtl::System {
+
+void KernelProgressScreenImpl::ProgressText(const std::string& text) {
+    platform::Screen().ProgressText(text);
+}
+
+void KernelProgressScreenImpl::StatusText(const std::string& text) {
+    platform::Screen().StatusText(text);
+}
+
+void KernelProgressScreenImpl::Step() {
+    platform::Screen().Step();
+}
+
+}  // namespace KrxCtl::System

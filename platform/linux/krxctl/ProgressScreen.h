@@ -1,0 +1,39 @@
+// The progress screen: one line of the console that is redrawn in place, "Activating Lofter Plugins [3] net".
+//
+// The line shows the progress text, the number of steps when there were any, and the status text, cut to the console's
+// width. The cursor is left at its start, so that whatever else is printed there takes its place. Where the console is
+// no terminal, each text that is not empty becomes a log line instead; so does the rest once the console fails. A
+// console that takes no output, for instance because it was stopped, misses redraws and holds up nobody. Any thread may
+// call it; nothing throws.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "Descriptor.h"
+
+namespace platform {
+
+inline constexpr char kConsole[] = "/dev/console";
+
+class ProgressScreen {
+  public:
+    explicit ProgressScreen(const char* consolePath);
+
+    void ProgressText(const std::string& text);
+    void StatusText(const std::string& text);
+    void Step();
+
+  private:
+    void Show(std::string& shown, const std::string& text);
+    bool Redraw();
+    std::string Line() const;
+
+    std::mutex lock;
+    Descriptor console;  // owns nothing when there is no terminal
+    std::string progressText;
+    std::string statusText;
+    unsigned long steps = 0;
+};
+
+}  // namespace platform
