@@ -45,8 +45,8 @@ class PriorityBarrier : public InitBarrier {
 // The barrier of that name; null, or a new one if `create` says so, when there is none.
 InitBarrier* GetBarrier(const std::string& name, bool create);
 
-// Makes the barrier the registry's entry for the name, replacing any earlier one. The registry owns it from then on; a
-// barrier that was replaced lives on, since nodes may be linked to it.
+// Makes the barrier, which must live as long as the process, the registry's entry for the name. An earlier entry is
+// replaced but lives on, since nodes may be linked to it.
 void RegisterBarrier(InitBarrier* barrier, const std::string& name);
 
 // Every registered barrier, in byte-wise order of the names.
@@ -54,5 +54,9 @@ std::vector<InitBarrier*> AllBarriers();
 
 // The barrier of that priority, created when there is none.
 PriorityBarrier* GetPriorityBarrier(std::uint32_t priority);
+
+// Empties the registry, the priorities and the store of kept nodes. For tests and benchmarks, which build one graph after
+// another: nodes of their own are destroyed before.
+void ForgetGraph();
 
 }  // namespace lofter

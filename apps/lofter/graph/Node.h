@@ -45,12 +45,14 @@ enum class NodeState : std::uint32_t {
 
 class Node {
  public:
+    using Links = std::vector<Node*>;
+
     // Lower classes are taken first among nodes that are ready.
     static constexpr std::uint32_t kDefaultClass = 1;
     static constexpr std::uint32_t kInitScriptClass = 3;
 
     // Throws Exception "Condition variable for Node could not be initialized".
-    Node(std::string nodeName, std::uint32_t scheduleClass);
+    Node(std::string nodeName, std::uint32_t nodeClass);
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
 
@@ -68,8 +70,8 @@ class Node {
     std::uint32_t ScheduleClass() const { return scheduleClass; }
 
     // In the order in which they were linked. The caller holds the graph lock or knows that nothing links any more.
-    const std::vector<Node*>& Dependencies() const { return dependencies; }
-    const std::vector<Node*>& Dependents() const { return dependents; }
+    const Links& Dependencies() const { return dependencies; }
+    const Links& Dependents() const { return dependents; }
 
     // This node starts after the other.
     void AddDependency(Node& other);
@@ -98,18 +100,20 @@ class Node {
 
  private:
     struct Phase;
-    struct Walk;
     static const Phase kStart;
     static const Phase kStop;
 
     void Schedule(const Phase& phase, Executor& executor);
+    void ScheduleWithPrerequisites(const Phase& phase, Executor& executor);
+    void Recheck(const Phase& phase, Executor& executor);
+    void Queue(const Phase& phase, Executor& executor);
     void Finish(const Phase& phase, Executor& executor);
     void WaitFor(NodeState wanted);
-    std::int32_t Depth(std::int32_t Node::*cache, std::vector<Node*> Node::*links);
+    std::int32_t Depth(std::int32_t Node::*cache, Links Node::*links);
 
     std::string name;
-    std::vector<Node*> dependencies;
-    std::vector<Node*> dependents;
+    Links dependencies;
+    Links dependents;
     const std::uint32_t scheduleClass;
     std::int32_t dependentDepth = -1;
     std::int32_t dependencyDepth = -1;
@@ -120,7 +124,7 @@ class Node {
     // total cost of all re-checks linear in the number of links.
     std::size_t satisfiedPrefix = 0;
 
-    friend class BarrierRegistry;
+    friend class NodeStore;
 };
 
 }  // namespace lofter

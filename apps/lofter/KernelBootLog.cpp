@@ -1,0 +1,36 @@
+#include "KernelBootLog.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+
+#include "Logging.h"
+#include "krxctl/Sysinfo.h"
+#include "tslibs/str.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr char kSystemLogNode[] = "syslog";
+
+}  // namespace
+
+void KernelBootLog(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const std::unique_ptr<char, decltype(&std::free)> text(Str_SafeVasprintf(nullptr, format, arguments), &std::free);
+    va_end(arguments);
+    try {
+        KrxCtl::Util::Sysinfo node(kSystemLogNode);
+        node.AddInput(text.get());
+        node.Set();
+    } catch (const std::exception& e) {
+        Log_Level(kWarning, "Exception occurred while logging msg: %s\n", e.what());
+    } catch (...) {
+        Log_Level(kWarning, "Unexpected exception while logging msg\n");
+    }
+}
+
+}  // namespace lofter

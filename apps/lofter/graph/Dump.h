@@ -1,0 +1,18 @@
+// Writes the graph as a Graphviz digraph. Nodes are identified by their addresses in decimal; edges point from a node to the
+// nodes that wait for it. Every line is flushed; write errors are ignored.
+#pragma once
+
+#include <ostream>
+#include <vector>
+
+#include "graph/Node.h"
+
+namespace lofter {
+
+// The node's statement, then one statement for each edge to a dependent.
+void DumpNode(const Node& node, std::ostream& output);
+
+// The whole graph: the given nodes in their order, then every registered barrier in name order.
+void DumpGraph(const std::vector<Node*>& nodes, std::ostream& output);
+
+}  // namespace lofter

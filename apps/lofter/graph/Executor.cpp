@@ -1,0 +1,82 @@
+#include "graph/Executor.h"
+
+#include <memory>
+#include <string>
+
+#include "plugins/Exception.h"
+
+namespace lofter {
+
+// What a worker thread is started with; the thread owns and frees it.
+struct Executor::Worker {
+    Executor* executor;
+    int index;
+};
+
+Executor::Executor(int threadCount, bool randomizePicks)
+    : workAvailable("Condition variable for Executor could not be initialized"), randomize(randomizePicks) {
+    int created = 0;
+    while (created < threadCount && CreateWorker(created)) {
+        ++created;
+    }
+    if (created < threadCount) {
+        // The workers need the lock to see the shutdown, so it is not held while they are joined.
+        JoinWorkers();
+        // The missing blank is kept on purpose: operators match on this text.
+        throw Exception("Could not create enough execution threads. (" + std::to_string(created) + " created, " +
+                        std::to_string(threadCount) + "requested)");
+    }
+}
+
+Executor::~Executor() { JoinWorkers(); }
+
+bool Executor::CreateWorker(int index) {
+    auto worker = std::make_unique<Worker>(Worker{this, index});
+    threads.reserve(threads.size() + 1);
+    pthread_t thread{};
+    if (pthread_create(&thread, nullptr, WorkerMain, worker.get()) != 0) {
+        return false;
+    }
+    static_cast<void>(worker.release());
+    threads.push_back(thread);
+    return true;
+}
+
+void Executor::JoinWorkers() {
+    {
+        GraphLock lock;
+        shutdown = true;
+        workAvailable.Broadcast();
+    }
+    for (pthread_t thread : threads) {
+        pthread_join(thread, nullptr);
+    }
+}
+
+void Executor::Enqueue(Node& node) {
+    GraphLock lock;
+    readyQueue.Push(node);
+    workAvailable.Broadcast();
+}
+
+void* Executor::WorkerMain(void* argument) {
+    const std::unique_ptr<Worker> worker(static_cast<Worker*>(argument));
+    worker->executor->Work();
+    return nullptr;
+}
+
+void Executor::Work() {
+    GraphLock lock;
+    while (!shutdown) {
+        if (readyQueue.Empty()) {
+            workAvailable.Wait();
+            continue;
+        }
+        Node& node = readyQueue.Take(randomize);
+        lock.Release();
+        node.RunQueued(*this);
+        lock.Acquire();
+    }
+}
+
+}  // namespace lofter

@@ -1,0 +1,32 @@
+#include "graph/GraphRun.h"
+
+namespace lofter {
+
+// One hold of the lock over all scheduling: the first pick already sees everything that is ready, so that one thread means
+// one order.
+
+void StartRun(const std::vector<Node*>& nodes, Executor& executor) {
+    {
+        GraphLock lock;
+        for (Node* node : nodes) {
+            node->ScheduleStart(executor);
+        }
+    }
+    for (Node* node : nodes) {
+        node->WaitStarted();
+    }
+}
+
+void StopRun(const std::vector<Node*>& nodes, Executor& executor) {
+    {
+        GraphLock lock;
+        for (Node* node : nodes) {
+            node->ScheduleStop(executor);
+        }
+    }
+    for (Node* node : nodes) {
+        node->WaitStopped();
+    }
+}
+
+}  // namespace lofter

@@ -1,0 +1,17 @@
+// Drives a run over a sequence of nodes, in the order in which they were discovered. Barriers are not in the sequence; they
+// are reached through the links. A cycle makes the run wait for ever.
+#pragma once
+
+#include <vector>
+
+#include "graph/Executor.h"
+
+namespace lofter {
+
+// Starts every node after what it depends on, and returns when all have started.
+void StartRun(const std::vector<Node*>& nodes, Executor& executor);
+
+// Stops every node after what depends on it, and returns when all have stopped.
+void StopRun(const std::vector<Node*>& nodes, Executor& executor);
+
+}  // namespace lofter

@@ -1,0 +1,229 @@
+#include "graph/Node.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "graph/Executor.h"
+#include "graph/NodeStore.h"
+
+namespace lofter {
+
+// Starting and stopping, told apart only by these values.
+struct Node::Phase {
+    NodeState pending;
+    NodeState queued;
+    NodeState finished;
+    Links Node::*prerequisites;  // what a node waits for
+    Links Node::*followers;      // what waits for the node
+
+    // Whether a prerequisite still holds its followers up. The states of the other phase do not.
+    bool IsOutstanding(NodeState state) const {
+        return state == NodeState::Idle || state == pending || state == queued;
+    }
+};
+
+const Node::Phase Node::kStart{NodeState::StartPending, NodeState::StartQueued, NodeState::Started,
+                               &Node::dependencies, &Node::dependents};
+const Node::Phase Node::kStop{NodeState::StopPending, NodeState::StopQueued, NodeState::Stopped,
+                              &Node::dependents, &Node::dependencies};
+
+namespace {
+
+constexpr std::int32_t kNotComputed = -1;
+constexpr std::int32_t kBeingComputed = -2;  // never outlives one hold of the lock
+
+}  // namespace
+
+Node::Node(std::string nodeName, std::uint32_t nodeClass)
+    : name(std::move(nodeName)),
+      scheduleClass(nodeClass),
+      done("Condition variable for Node could not be initialized") {}
+
+Node::~Node() {
+    if (!dependencies.empty() || !dependents.empty()) {
+        NodeStore::LeaveStandIn(*this);
+    }
+}
+
+void Node::AddDependency(Node& other) {
+    GraphLock lock;
+    dependencyDepth = kNotComputed;
+    other.dependentDepth = kNotComputed;
+    dependencies.push_back(&other);
+    other.dependents.push_back(this);
+}
+
+void Node::AddDependent(Node& other) {
+    GraphLock lock;
+    dependentDepth = kNotComputed;
+    other.dependencyDepth = kNotComputed;
+    dependents.push_back(&other);
+    other.dependencies.push_back(this);
+}
+
+std::int32_t Node::DependencyDepth() { return Depth(&Node::dependencyDepth, &Node::dependencies); }
+
+std::int32_t Node::DependentDepth() { return Depth(&Node::dependentDepth, &Node::dependents); }
+
+// The longest chain of links that leads away from this node, by a walk in depth with its own stack. A link that closes a
+// cycle contributes nothing.
+std::int32_t Node::Depth(std::int32_t Node::*cache, Links Node::*links) {
+    struct Visit {
+        Node* node;
+        std::size_t nextLink;
+        std::int32_t deepest;
+    };
+
+    GraphLock lock;
+    if (this->*cache >= 0) {
+        return this->*cache;
+    }
+    std::vector<Visit> path;
+    const auto enter = [&](Node* node) {
+        node->*cache = kBeingComputed;
+        path.push_back({node, 0, -1});
+    };
+
+    enter(this);
+    while (!path.empty()) {
+        Visit& visit = path.back();
+        const Links& neighbours = visit.node->*links;
+        if (visit.nextLink < neighbours.size()) {
+            Node* neighbour = neighbours[visit.nextLink++];
+            if (neighbour->*cache == kNotComputed) {
+                enter(neighbour);
+            } else {
+                visit.deepest = std::max(visit.deepest, neighbour->*cache);
+            }
+            continue;
+        }
+        const std::int32_t depth = std::max(visit.deepest, -1) + 1;
+        visit.node->*cache = depth;
+        path.pop_back();
+        if (!path.empty()) {
+            path.back().deepest = std::max(path.back().deepest, depth);
+        }
+    }
+    return this->*cache;
+}
+
+NodeState Node::State() const {
+    GraphLock lock;
+    return state;
+}
+
+void Node::ScheduleStart(Executor& executor) { Schedule(kStart, executor); }
+
+void Node::ScheduleStop(Executor& executor) { Schedule(kStop, executor); }
+
+void Node::Schedule(const Phase& phase, Executor& executor) {
+    GraphLock lock;
+    if (state == phase.queued || state == phase.finished) {
+        return;
+    }
+    if (state == phase.pending) {
+        Recheck(phase, executor);
+    } else {
+        ScheduleWithPrerequisites(phase, executor);
+    }
+}
+
+// A node that is asked for the first time: looks at all its prerequisites, in order, and schedules the idle ones in the same
+// way before it goes on to the next. A node is queued after the last look at its prerequisites, if none was outstanding.
+void Node::ScheduleWithPrerequisites(const Phase& phase, Executor& executor) {
+    struct Visit {
+        Node* node;
+        std::size_t nextLink;
+        bool ready;
+    };
+
+    std::vector<Visit> path;
+    const auto enter = [&](Node* node) {
+        if (node->state == NodeState::Idle) {
+            node->state = phase.pending;
+        }
+        path.push_back({node, 0, true});
+    };
+
+    enter(this);
+    while (!path.empty()) {
+        Visit& visit = path.back();
+        const Links& prerequisites = visit.node->*phase.prerequisites;
+        if (visit.nextLink < prerequisites.size()) {
+            Node* prerequisite = prerequisites[visit.nextLink++];
+            visit.ready = visit.ready && !phase.IsOutstanding(prerequisite->state);
+            if (prerequisite->state == NodeState::Idle) {
+                enter(prerequisite);
+            }
+            continue;
+        }
+        Node* visited = visit.node;
+        const bool ready = visit.ready;
+        path.pop_back();
+        if (ready) {
+            visited->Queue(phase, executor);
+        }
+    }
+}
+
+// A node that was asked for before: its prerequisites are all scheduled, and the first outstanding one decides.
+void Node::Recheck(const Phase& phase, Executor& executor) {
+    const Links& prerequisites = this->*phase.prerequisites;
+    while (satisfiedPrefix < prerequisites.size()) {
+        Node* prerequisite = prerequisites[satisfiedPrefix];
+        if (prerequisite->state == NodeState::Idle) {  // linked after this node was first asked for
+            prerequisite->Schedule(phase, executor);
+            return;
+        }
+        if (phase.IsOutstanding(prerequisite->state)) {
+            return;
+        }
+        ++satisfiedPrefix;
+    }
+    Queue(phase, executor);
+}
+
+void Node::Queue(const Phase& phase, Executor& executor) {
+    state = phase.queued;
+    satisfiedPrefix = 0;
+    executor.Enqueue(*this);
+}
+
+void Node::RunQueued(Executor& executor) {
+    if (State() == kStart.queued) {
+        Start();
+        Finish(kStart, executor);
+    } else {
+        Stop();
+        Finish(kStop, executor);
+    }
+}
+
+void Node::Finish(const Phase& phase, Executor& executor) {
+    GraphLock lock;
+    state = phase.finished;
+    for (Node* follower : this->*phase.followers) {
+        if (follower->state == phase.pending) {
+            follower->Schedule(phase, executor);
+        }
+    }
+    done.Broadcast();
+}
+
+void Node::WaitStarted() { WaitFor(NodeState::Started); }
+
+void Node::WaitStopped() { WaitFor(NodeState::Stopped); }
+
+void Node::WaitFor(NodeState wanted) {
+    GraphLock lock;
+    while (state != wanted) {
+        done.Wait();
+    }
+}
+
+void Node::MarkStarted() {
+    GraphLock lock;
+    state = NodeState::Started;
+}
+
+}  // namespace lofter

@@ -1,0 +1,69 @@
+#include "graph/NodeStore.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+namespace lofter {
+
+namespace {
+
+using Links = std::vector<Node*>;
+
+class StandIn : public Node {
+ public:
+    explicit StandIn(const std::string& name) : Node(name, kDefaultClass) { MarkStarted(); }
+    void Start() override {}
+    std::string DotAttributes() const override { return {}; }
+};
+
+// Never destroyed: worker threads may still look at nodes while the process exits.
+std::vector<std::unique_ptr<Node>>& KeptNodes() {
+    static auto* nodes = new std::vector<std::unique_ptr<Node>>;
+    return *nodes;
+}
+
+}  // namespace
+
+void NodeStore::KeepNode(std::unique_ptr<Node> node) {
+    GraphLock lock;
+    KeptNodes().push_back(std::move(node));
+}
+
+void NodeStore::Clear() {
+    GraphLock lock;
+    for (const std::unique_ptr<Node>& node : KeptNodes()) {
+        node->dependencies.clear();
+        node->dependents.clear();
+    }
+    KeptNodes().clear();
+}
+
+void NodeStore::LeaveStandIn(Node& leaving) noexcept {
+    GraphLock lock;
+    Node* standIn = nullptr;
+    try {
+        auto node = std::make_unique<StandIn>(leaving.name);
+        node->dependencies = leaving.dependencies;
+        node->dependents = leaving.dependents;
+        standIn = Keep(std::move(node));
+    } catch (...) {
+        standIn = nullptr;
+    }
+
+    const auto replaceIn = [&](Links& links) {
+        if (standIn != nullptr) {
+            std::replace(links.begin(), links.end(), &leaving, standIn);
+        } else {
+            std::erase(links, &leaving);
+        }
+    };
+    for (Node* dependency : leaving.dependencies) {
+        replaceIn(dependency->dependents);
+    }
+    for (Node* dependent : leaving.dependents) {
+        replaceIn(dependent->dependencies);
+    }
+}
+
+}  // namespace lofter

@@ -1,0 +1,59 @@
+#include "plugins/DebugConfiguration.h"
+
+#include <boost/algorithm/string/trim.hpp>
+#include <boost/token_functions.hpp>
+#include <boost/tokenizer.hpp>
+#include <fstream>
+#include <utility>
+
+#include "Logging.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr char kEscape[] = "\\";
+constexpr char kQuotes[] = "\"'";
+constexpr std::size_t kFields = 4;
+
+// Throws boost::escaped_list_error for a backslash in front of anything that needs none.
+std::vector<std::string> Split(const std::string& text, const char* separator) {
+    using Separator = boost::escaped_list_separator<char>;
+    const boost::tokenizer<Separator> tokens(text, Separator(kEscape, separator, kQuotes));
+    return {tokens.begin(), tokens.end()};
+}
+
+std::vector<std::string> BarrierNames(const std::string& field) { return Split(boost::algorithm::trim_copy(field), ","); }
+
+}  // namespace
+
+std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
+    std::vector<DebugEntry> entries;
+    std::string line;
+    for (int number = 1; std::getline(input, line); ++number) {
+        boost::algorithm::trim(line);
+        if (line.empty()) {
+            continue;
+        }
+        try {
+            std::vector<std::string> fields = Split(line, ":");
+            if (fields.size() != kFields) {
+                Log_Level(kInfo, "ignoring malformed debug entry at line %d: %s\n", number, line.c_str());
+                continue;
+            }
+            entries.push_back({std::move(fields[0]), BarrierNames(fields[1]), BarrierNames(fields[2]),
+                               std::move(fields[3])});
+        } catch (const boost::escaped_list_error& e) {
+            Log_Level(kWarning, "ignoring malformed debug entry at line %d: %s (%s)\n", number, line.c_str(),
+                      e.what());
+        }
+    }
+    return entries;
+}
+
+std::vector<DebugEntry> ReadDebugConfiguration(const std::string& path) {
+    std::ifstream file(path);
+    return ParseDebugConfiguration(file);
+}
+
+}  // namespace lofter

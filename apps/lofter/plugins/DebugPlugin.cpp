@@ -1,0 +1,32 @@
+#include "plugins/DebugPlugin.h"
+
+#include <sys/wait.h>
+
+#include <cstdlib>
+
+#include "Logging.h"
+#include "plugins/Exception.h"
+
+namespace lofter {
+
+DebugPlugin::DebugPlugin(const DebugEntry& entry) : Plugin(entry.name), command(entry.command) {
+    for (const std::string& barrier : entry.requiredBarriers) {
+        RequireBarrier(barrier);
+    }
+    for (const std::string& barrier : entry.providedBarriers) {
+        ProvideBarrier(barrier);
+    }
+    plugin_version.clear();
+    version = 1;
+}
+
+void DebugPlugin::StartPlugin() {
+    const int status = std::system(command.c_str());
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        Log_Level(kInfo, "debug injection '%s' returned %#08x\n", Name().c_str(), static_cast<unsigned>(status));
+    }
+}
+
+void DebugPlugin::ApplyHostProfile() { throw NotImplementedException("DebugPlugin::ApplyHostProfile"); }
+
+}  // namespace lofter

@@ -1,0 +1,129 @@
+#include "util/RunOnceRecord.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/algorithm/string/trim.hpp>
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/device/back_inserter.hpp>
+#include <boost/iostreams/filter/gzip.hpp>
+#include <boost/iostreams/filtering_streambuf.hpp>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string_view>
+
+#include "util/Descriptor.h"
+#include "util/SyncToDisk.h"
+
+namespace lofter {
+
+namespace {
+
+namespace io = boost::iostreams;
+
+constexpr std::string_view kPrefix = "lofter.run-once=";
+constexpr std::streamsize kBufferSize = 4096;
+
+// Far more than any host's plugins need; a record that inflates beyond it is damaged or hostile.
+constexpr std::size_t kLongestRecord = 64U << 20U;
+
+std::string FileContent(const std::string& path) {
+    std::ifstream file(path, std::ios_base::in | std::ios_base::binary);
+    std::string content;
+    if (file) {
+        // Through the stream, not its buffer: reading a directory fails quietly then.
+        char buffer[kBufferSize];
+        while (file.read(buffer, sizeof buffer) || file.gcount() > 0) {
+            content.append(buffer, static_cast<std::size_t>(file.gcount()));
+        }
+    }
+    return content;
+}
+
+// The text behind the prefix; empty when the record begins with another text.
+std::string Decompress(const std::string& compressed) {
+    io::filtering_istreambuf input;
+    input.push(io::gzip_decompressor(io::zlib::default_window_bits, kBufferSize), kBufferSize);
+    input.push(io::array_source(compressed.data(), compressed.size()));
+
+    std::string text(kPrefix.size(), '\0');
+    if (input.sgetn(text.data(), static_cast<std::streamsize>(text.size())) !=
+            static_cast<std::streamsize>(text.size()) ||
+        text != kPrefix) {
+        return {};
+    }
+    text.clear();
+    char buffer[kBufferSize];
+    for (std::streamsize count = 0; (count = input.sgetn(buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(count));
+        if (text.size() > kLongestRecord) {
+            throw std::runtime_error("run-once record is too large");
+        }
+    }
+    return text;
+}
+
+std::string Compress(const std::string& text) {
+    std::string compressed;
+    io::filtering_ostreambuf output;
+    output.push(io::gzip_compressor(io::gzip_params(), kBufferSize));
+    output.push(io::back_inserter(compressed));
+    output.sputn(text.data(), static_cast<std::streamsize>(text.size()));
+    output.reset();  // finishes the gzip stream
+    return compressed;
+}
+
+[[noreturn]] void FailWriting(const std::string& path) {
+    const std::string reason = std::strerror(errno);
+    throw std::runtime_error("unable to write '" + path + "': " + reason);
+}
+
+}  // namespace
+
+void ReadRunOnceRecord(const std::string& path, std::set<std::string>& names) {
+    const std::string compressed = FileContent(path);
+    if (compressed.empty()) {
+        return;
+    }
+    const std::string text = Decompress(compressed);
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find(',', begin), text.size());
+        const std::string name = boost::algorithm::trim_copy(text.substr(begin, end - begin));
+        if (!name.empty()) {
+            names.insert(name);
+        }
+        begin = end + 1;
+    }
+}
+
+void WriteRunOnceRecord(const std::string& path, const std::set<std::string>& names) {
+    std::string text(kPrefix);
+    for (const std::string& name : names) {
+        text += name + ',';
+    }
+    text += '\n';
+    const std::string compressed = Compress(text);
+
+    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;  // less the umask
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kMode));
+    if (file.Get() < 0) {
+        FailWriting(path);
+    }
+    for (std::string_view rest = compressed; !rest.empty();) {
+        const ssize_t count = write(file.Get(), rest.data(), rest.size());
+        if (count > 0) {
+            rest.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            FailWriting(path);
+        }
+    }
+    if (!SyncToDisk(file.Get())) {
+        FailWriting(path);
+    }
+}
+
+}  // namespace lofter

@@ -1,0 +1,123 @@
+#include "util/afstream.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include "util/Descriptor.h"
+#include "util/SyncToDisk.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr char kPatternSuffix[] = ".XXXXXX";
+
+std::string ErrorText(int error) { return std::strerror(error); }
+
+// The rename must not become durable before the data that it publishes.
+void SyncFile(const std::string& path) {
+    const Descriptor descriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+    if (!SyncToDisk(descriptor.Get())) {
+        throw std::runtime_error("unable to sync '" + path + "': " + ErrorText(errno));
+    }
+}
+
+}  // namespace
+
+afstream::afstream() : std::ostream(nullptr) { rdbuf(&file); }
+
+afstream::~afstream() { Discard(); }
+
+void afstream::Discard() {
+    if (tempName.empty()) {
+        return;
+    }
+    file.close();
+    unlink(tempName.c_str());
+    tempName.clear();
+    destination.clear();
+}
+
+void afstream::CreateTemporaryFile(const char* path) {
+    const std::size_t size = std::strlen(path) + sizeof kPatternSuffix;
+    const std::unique_ptr<char, decltype(&std::free)> pattern(static_cast<char*>(std::calloc(size, 1)), &std::free);
+    if (!pattern) {
+        throw std::runtime_error("insufficient memory to allocate buffer");
+    }
+    const int written = std::snprintf(pattern.get(), size, "%s%s", path, kPatternSuffix);
+    if (written < 0 || static_cast<std::size_t>(written) != size - 1) {
+        throw std::runtime_error("unable to allocate mkstemp pattern");
+    }
+    const Descriptor descriptor(mkstemp(pattern.get()));
+    if (descriptor.Get() < 0) {
+        throw std::runtime_error("unable to create temporary file to write '" + std::string(path) +
+                                 "': " + ErrorText(errno));
+    }
+    tempName = pattern.get();
+    destination = path;
+}
+
+void afstream::open(const char* path, std::ios_base::openmode mode) {
+    Discard();
+    CreateTemporaryFile(path);
+    if (file.open(tempName, mode | std::ios_base::out) != nullptr) {
+        clear();
+    } else {
+        setstate(std::ios_base::failbit);
+    }
+    if (!good()) {
+        throw std::runtime_error("failed to create temp file: " + ErrorText(errno));
+    }
+}
+
+void afstream::reopen(const char* path, std::ios_base::openmode mode) {
+    open(path, mode);
+    {
+        std::ifstream current(path, std::ios_base::in | std::ios_base::binary);
+        // Sets the fail state when nothing could be copied: there must be something to extend.
+        *this << current.rdbuf();
+    }
+    if (!good()) {
+        throw std::runtime_error("failed to write to temp file: " + ErrorText(errno));
+    }
+}
+
+void afstream::commit() {
+    if (tempName.empty() || destination.empty()) {
+        throw std::runtime_error("commit invoked on an unknown destination");
+    }
+    flush();
+    if (file.close() == nullptr) {
+        setstate(std::ios_base::failbit);
+    }
+    SyncFile(tempName);
+
+    errno = 0;
+    struct stat old{};
+    const bool hasOld = stat(destination.c_str(), &old) == 0;
+    const int statError = hasOld ? 0 : errno;
+    if (std::rename(tempName.c_str(), destination.c_str()) != 0) {
+        throw std::runtime_error("unable to rename '" + tempName + "' to '" + destination +
+                                 "': " + ErrorText(errno));
+    }
+    tempName.clear();
+
+    int permissionError = statError == ENOENT ? 0 : statError;
+    if (hasOld && chmod(destination.c_str(), old.st_mode & 07777) != 0) {
+        permissionError = errno;
+    }
+    if (permissionError != 0) {
+        throw std::runtime_error("failed to restore file permissions, file permissions may be incorrect: " +
+                                 ErrorText(permissionError));
+    }
+}
+
+}  // namespace lofter

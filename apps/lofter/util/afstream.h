@@ -1,0 +1,50 @@
+// An output file stream that never writes its destination in place.
+//
+// Opening creates a uniquely named temporary file beside the destination; commit() syncs it and moves it over the
+// destination in one step, with the permissions that the old destination had. A stream that is destroyed without a commit
+// removes its temporary file and leaves the destination as it was. One stream is used by one thread; several may write the
+// same destination, and the last commit wins.
+//
+// Failures are std::runtime_error. The destination is not touched before the rename.
+#pragma once
+
+#include <fstream>
+#include <ostream>
+#include <string>
+
+namespace lofter {
+
+class afstream : public std::ostream {
+ public:
+    afstream();
+    ~afstream() override;
+
+    // Creates the temporary file and opens the stream on it. An earlier one of this stream is discarded. Throws
+    //   "insufficient memory to allocate buffer",
+    //   "unable to allocate mkstemp pattern",
+    //   "unable to create temporary file to write '<path>': <reason>" and
+    //   "failed to create temp file: <reason>",
+    // with errno as the failed call left it.
+    void open(const char* path, std::ios_base::openmode mode);
+
+    // The same, and copies the destination's current content, which must exist and not be empty, into the stream. Throws
+    // "failed to write to temp file: <reason>" as well.
+    void reopen(const char* path, std::ios_base::openmode mode);
+
+    // Flushes, syncs and renames. The state of the stream before is the writer's to check. Throws
+    //   "commit invoked on an unknown destination",
+    //   "unable to sync '<temporary file>': <reason>",
+    //   "unable to rename '<temporary file>' to '<path>': <reason>" and, with the new content in place,
+    //   "failed to restore file permissions, file permissions may be incorrect: <reason>".
+    void commit();
+
+ private:
+    void CreateTemporaryFile(const char* path);
+    void Discard();
+
+    std::filebuf file;
+    std::string tempName;     // empty until an open succeeded in creating it
+    std::string destination;  // empty likewise
+};
+
+}  // namespace lofter
