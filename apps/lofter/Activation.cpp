@@ -106,25 +106,25 @@ bool InvokeMethod(Plugin& plugin, const std::string& method) {
 
 void Plugin::Start() {
     const Settings& settings = Settings::Instance();
-    const char* name = Name().c_str();
+    const char* const pluginName = Name().c_str();
 
     SetStartTime(Now());
     if (settings.trace) {
-        Log_Level(kInfo, "starting execution of plugin: %s\n", name);
+        Log_Level(kInfo, "starting execution of plugin: %s\n", pluginName);
     }
-    KernelBootLog("Activating Lofter plugin %s.", name);
+    KernelBootLog("Activating Lofter plugin %s.", pluginName);
 
     const Failure failure = ExecuteContained(*this, settings.method);
 
     SetEndTime(Now());
     if (settings.trace) {
-        Log_Level(kInfo, "completed execution of plugin: %s (took %lld us)\n", name,
+        Log_Level(kInfo, "completed execution of plugin: %s (took %lld us)\n", pluginName,
                   static_cast<long long>(ElapsedMicroseconds()));
     }
     if (failure) {
-        KernelBootLog("Lofter plugin %s activation failed: %s", name, failure->c_str());
+        KernelBootLog("Lofter plugin %s activation failed: %s", pluginName, failure->c_str());
     } else {
-        KernelBootLog("Lofter plugin %s activated.", name);
+        KernelBootLog("Lofter plugin %s activated.", pluginName);
     }
 }
 

@@ -8,6 +8,7 @@
 #include "Logging.h"
 #include "graph/NodeStore.h"
 #include "plugins/DebugPlugin.h"
+#include "plugins/NativePlugin.h"
 
 namespace lofter {
 
@@ -22,7 +23,9 @@ std::unique_ptr<Plugin> ConstructKind(const std::string& name, const std::string
 
 // Plugin kinds with a file of their own, by extension; null for any other extension.
 Construct ConstructorFor(const std::string& extension) {
-    static_cast<void>(extension);
+    if (extension == "so") {
+        return ConstructKind<NativePlugin>;
+    }
     return nullptr;
 }
 

@@ -1,0 +1,237 @@
+#include "RunSequence.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <utility>
+
+#include "Logging.h"
+#include "Paths.h"
+#include "ProgramLauncher.h"
+#include "SyslogReload.h"
+#if __has_include("executor/QorcliExecutor.h")
+#include "executor/QorcliExecutor.h"
+#define LOFTER_HAS_EXECUTOR
+#endif
+#include "graph/Dump.h"
+#include "graph/Executor.h"
+#include "graph/GraphRun.h"
+#include "graph/NodeStore.h"
+#include "hopper/InitScriptDiscovery.h"
+#include "hostkernel/hostkernel.h"
+#include "krxctl/KernelProgressScreenImpl.h"
+#include "util/RunOnceRecord.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr const char* kSyslogDaemonArguments[] = {paths::kSyslogDaemon, "-i", nullptr};
+constexpr const char* kObservationDaemonArguments[] = {paths::kObservationDaemon, "start", nullptr};
+
+// The workers for the run. A host that is short of threads boots on one rather than not at all.
+std::unique_ptr<Executor> MakeExecutor(std::uint32_t threadCount, bool randomize) {
+    try {
+        return std::make_unique<Executor>(static_cast<int>(threadCount), randomize);
+    } catch (const Exception& e) {
+        if (threadCount <= 1) {
+            throw;
+        }
+        Log_Level(kError, "%s\n", e.what());
+        return std::make_unique<Executor>(1, randomize);
+    }
+}
+
+}  // namespace
+
+RunSequence::RunSequence(RunOptions runOptions, const RunTimes& runTimes, Settings& runSettings)
+    : options(std::move(runOptions)), times(runTimes), settings(runSettings), runOnce(options.runOnce) {}
+
+int RunSequence::Run() {
+    if (options.init) {
+        LaunchHostDaemons();
+    }
+    if (!options.daemon && !StartExecutorProcess()) {
+        return EXIT_FAILURE;
+    }
+    EnterRoot();
+    if (BuildNodeList()) {
+        ChooseThreadCount();
+        if (options.dump) {
+            Dump();
+        } else {
+            Execute();
+        }
+    } else {
+        exitStatus = EXIT_FAILURE;
+    }
+    gettimeofday(&times.end, nullptr);
+    WriteProfilingLog();
+    if (options.init) {
+        ReloadSyslogDaemon();
+    }
+    if (!options.daemon && !StopExecutorProcess()) {
+        return EXIT_FAILURE;
+    }
+    return exitStatus;
+}
+
+// The outcome is of no consequence here: a host without these daemons boots all the same.
+void RunSequence::LaunchHostDaemons() const {
+    for (const char* const* arguments : {kSyslogDaemonArguments, kObservationDaemonArguments}) {
+        static_cast<void>(LaunchProgram(arguments, settings.environment, paths::kNull));
+    }
+}
+
+bool RunSequence::StartExecutorProcess() const {
+    Log_Level(kInfo, "Launching Executor\n");
+    try {
+#ifdef LOFTER_HAS_EXECUTOR
+        QorcliExecutor::Instance()->Reset();
+#endif
+        return true;
+    } catch (const std::exception& e) {
+        Log_Level(kWarning, "Failed to start executor %s\n", e.what());
+    } catch (...) {
+        Log_Level(kWarning, "Failed to start executor\n");
+    }
+    return false;
+}
+
+void RunSequence::EnterRoot() {
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(options.pluginDirectory, error);
+    // Without a current directory to go by, the directory stays as it was given; reading it will tell.
+    settings.pluginDirectory = error ? options.pluginDirectory : absolute.string();
+
+    if (chdir("/") != 0) {
+        Log_Level(kInfo, "unable to change filesystem root: %s.\n", std::strerror(errno));
+    }
+    if (setsid() < 0) {
+        Log_Level(kInfo, "unable to create session: %s.\n", std::strerror(errno));
+    }
+}
+
+bool RunSequence::BuildNodeList() {
+    try {
+        if (options.daemon) {
+            DiscoverDaemons();
+        } else {
+            DiscoverPlugins();
+        }
+        return true;
+    } catch (const std::exception& e) {
+        Log_Level(kError, "unhandled exception whilst enumerating plugins.\nDetails:\n %s \n\n", e.what());
+        return false;
+    }
+}
+
+void RunSequence::DiscoverPlugins() {
+    if (settings.invoke) {
+        ReadRunOnceRecord(paths::kRunOnceArchive, runOnce);
+    }
+    Discovery discovery(
+        {settings.pluginDirectory, paths::kDebugConfiguration, settings.disabledPlugins, options.pluginFlags}, runOnce,
+        plugins);
+    if (options.plugins.empty()) {
+        discovery.DiscoverAll();
+    } else {
+        discovery.DiscoverListed(options.plugins);
+    }
+}
+
+void RunSequence::DiscoverDaemons() {
+    for (std::unique_ptr<Plugin>& daemon : DiscoverInitDaemons(IsStopRun() ? 1 : 0)) {
+        plugins.push_back(NodeStore::Keep(std::move(daemon)));
+    }
+}
+
+void RunSequence::ChooseThreadCount() {
+    std::error_code error;
+    if (std::filesystem::exists(std::filesystem::symlink_status(paths::kStatelessMarker, error))) {
+        settings.parallel = false;
+    } else if (settings.parallel) {
+        settings.threadCount =
+            static_cast<std::uint32_t>(std::min<std::size_t>(plugins.size(), 2UL * HostKernel_ProcessorCount()));
+    }
+}
+
+void RunSequence::Execute() {
+    try {
+        const std::unique_ptr<Executor> executor = MakeExecutor(settings.threadCount, settings.randomize);
+        ExecuteOn(*executor);
+    } catch (const std::exception& e) {
+        Log_Level(kError, "unable to execute plugins: %s\n", e.what());
+        exitStatus = EXIT_FAILURE;
+    }
+}
+
+void RunSequence::ExecuteOn(Executor& executor) {
+    if (options.daemon && IsStopRun()) {
+        StopRun(Nodes(), executor);
+        return;
+    }
+    if (options.daemon) {
+        StartRun(Nodes(), executor);
+        return;
+    }
+    KrxCtl::System::KernelProgressScreenImpl progressScreen;
+    progressScreen.ProgressText("Activating Lofter Plugins");
+    progressScreen.StatusText("");
+    StartRun(Nodes(), executor);
+    WriteRunOnce();
+}
+
+// A boot bank that cannot be written costs a message, not the run.
+void RunSequence::WriteRunOnce() const {
+    try {
+        WriteRunOnceRecord(paths::kRunOnceArchive, runOnce);
+    } catch (const std::exception& e) {
+        Log_Level(kError, "unable to save run-once record: %s\n", e.what());
+    }
+}
+
+void RunSequence::Dump() {
+    if (!options.dumpPath) {
+        DumpGraph(Nodes(), std::cout);
+        return;
+    }
+    std::ofstream file(*options.dumpPath, std::ios_base::out | std::ios_base::trunc);
+    if (!file) {
+        exitStatus = EXIT_FAILURE;
+        return;
+    }
+    DumpGraph(Nodes(), file);
+}
+
+void RunSequence::WriteProfilingLog() {
+    if (options.daemon) {
+        LogDaemonProfile(paths::kProfilingLog, times, plugins, settings);
+    } else if (!settings.invoke) {
+        LogBootProfile(paths::kProfilingLog, times, plugins, settings);
+    }
+}
+
+bool RunSequence::StopExecutorProcess() const {
+    try {
+#ifdef LOFTER_HAS_EXECUTOR
+        QorcliExecutor::Instance()->Stop();
+#endif
+        return true;
+    } catch (const std::exception& e) {
+        Log_Level(kError, "Failed to stop Executor: %s\n", e.what());
+    } catch (...) {
+        Log_Level(kError, "Failed to stop Executor\n");
+    }
+    return false;
+}
+
+}  // namespace lofter

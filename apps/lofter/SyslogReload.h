@@ -1,0 +1,17 @@
+// Makes the host's syslog daemon take up a new configuration: upgrades the configuration file where there is one, then sends
+// the daemon that the pid file names user signal 1. Failures are logged.
+#pragma once
+
+#include <sys/types.h>
+
+#include <istream>
+#include <optional>
+
+namespace lofter {
+
+// A process id: one decimal integer above 0, with nothing but white space around it. Anything else is none.
+std::optional<pid_t> ReadProcessId(std::istream& input);
+
+void ReloadSyslogDaemon();
+
+}  // namespace lofter

@@ -1,0 +1,78 @@
+// Entry: what must be known before the first option is read, then the command line, then the run.
+
+#include <fcntl.h>
+#include <sys/sysinfo.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+#include "CommandLine.h"
+#include "Logging.h"
+#include "Paths.h"
+#include "ProfilingLog.h"
+#include "RunSequence.h"
+#include "Settings.h"
+
+// Host tools recognise the programs that speak the command protocol by this object. The program itself never reads it.
+namespace {
+const std::uint32_t qorclicMagic = 0x5CA1AB1E;
+}
+extern "C" {
+extern const std::uint32_t* const __qorclic_magic;
+__attribute__((used, visibility("default"))) const std::uint32_t* const __qorclic_magic = &qorclicMagic;
+}
+
+namespace {
+
+// Files that are opened later must not become a standard stream that the invoking process left closed.
+void OpenMissingStandardStreams() {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+        if (fcntl(stream, F_GETFD) < 0) {
+            static_cast<void>(open(lofter::paths::kNull, O_RDWR));  // the lowest free number, which is the stream's
+        }
+    }
+}
+
+lofter::RunTimes StartOfRun() {
+    lofter::RunTimes times;
+    gettimeofday(&times.start, nullptr);
+    struct sysinfo information{};
+    if (sysinfo(&information) == 0) {
+        times.uptime = static_cast<unsigned long>(information.uptime);
+    }
+    return times;
+}
+
+bool SetUpLogging() {
+    try {
+        lofter::InitializeLogging("lofter");
+        return true;
+    } catch (const std::exception& e) {
+        Log_Level(lofter::kWarning, "Failed to initialize lofter: %s\n", e.what());
+    } catch (...) {
+        Log_Level(lofter::kWarning, "Failed to initialize lofter\n");
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv, char** environment) {
+    OpenMissingStandardStreams();
+
+    lofter::Settings& settings = lofter::Settings::Instance();
+    settings.environment = environment;
+    const lofter::RunTimes times = StartOfRun();
+    if (!SetUpLogging()) {
+        return EXIT_FAILURE;
+    }
+    lofter::CommandLine commandLine = lofter::ParseCommandLine(argc, argv, settings);
+    if (commandLine.exitStatus) {
+        return *commandLine.exitStatus;
+    }
+    return lofter::RunSequence(std::move(commandLine.options), times, settings).Run();
+}

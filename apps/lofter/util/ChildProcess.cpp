@@ -1,0 +1,31 @@
+#include "util/ChildProcess.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "util/Descriptor.h"
+
+namespace lofter {
+
+void CloseDescriptorsFrom(int first) {
+    if (close_range(static_cast<unsigned>(first), ~0U, 0) == 0) {
+        return;
+    }
+    // A kernel without the call: one by one, up to the limit.
+    const long limit = sysconf(_SC_OPEN_MAX);
+    for (int descriptor = first; descriptor < limit; ++descriptor) {
+        Descriptor(descriptor).Reset();
+    }
+}
+
+bool WaitForChild(pid_t child, int& status) {
+    pid_t waited = -1;
+    do {
+        waited = waitpid(child, &status, 0);
+    } while (waited < 0 && errno == EINTR);
+    return waited == child;
+}
+
+}  // namespace lofter
