@@ -1,11 +1,11 @@
 #include "Activation.h"
 
-#include <sys/time.h>
-
 #include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <optional>
+
+#include <sys/time.h>
 
 #include "KernelBootLog.h"
 #include "Logging.h"

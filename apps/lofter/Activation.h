@@ -1,11 +1,11 @@
 // Activation: what a plugin does when the executor runs its node (the implementation of Plugin::Start).
 //
-// Stamps the start time, gives the operator a chance to stop in front of the plugin, reports to the kernel's boot log, calls
-// the right operation, catches every failure, stamps the end time and reports the outcome. Never lets an exception escape:
-// a failed plugin counts as started, and what depends on it runs.
+// Stamps the start time, gives the operator a chance to stop in front of the plugin, reports to the kernel's boot log,
+// calls the right operation, catches every failure, stamps the end time and reports the outcome. Never lets an
+// exception escape: a failed plugin counts as started, and what depends on it runs.
 //
-// The operation is the method named on the command line, if any; else ApplyHostProfile for a plugin that takes part in host
-// profiles on a host that has one; else StartPlugin.
+// The operation is the method named on the command line, if any; else ApplyHostProfile for a plugin that takes part in
+// host profiles on a host that has one; else StartPlugin.
 #pragma once
 
 #include <string>
@@ -14,8 +14,8 @@ namespace lofter {
 
 class Plugin;
 
-// Calls the plugin's operation of that name ("start" or "apply_host_profile"). Any other name calls nothing and succeeds,
-// on purpose. A failure is logged and makes the result false.
+// Calls the plugin's operation of that name ("start" or "apply_host_profile"). Any other name calls nothing and
+// succeeds, on purpose. A failure is logged and makes the result false.
 bool InvokeMethod(Plugin& plugin, const std::string& method);
 
 }  // namespace lofter

@@ -1,12 +1,12 @@
 #include "CommandLine.h"
 
-#include <getopt.h>
-
-#include <boost/lexical_cast/try_lexical_convert.hpp>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+
+#include <boost/lexical_cast/try_lexical_convert.hpp>
+#include <getopt.h>
 
 #include "Logging.h"
 #include "Paths.h"
@@ -133,8 +133,8 @@ void Insert(std::set<std::string>& target, const char* list) {
     target.insert(tokens.begin(), tokens.end());
 }
 
-// Stores the number if the whole text is one that fits, and silently keeps the old value otherwise. "-1" for an unsigned
-// number is its two's complement; kept on purpose.
+// Stores the number if the whole text is one that fits, and silently keeps the old value otherwise. "-1" for an
+// unsigned number is its two's complement; kept on purpose.
 template <typename Number, typename Target>
 void StoreNumber(Target& target, const char* text) {
     Number number{};
@@ -146,16 +146,28 @@ void StoreNumber(Target& target, const char* text) {
 // Applies one option. Returns false for one that the parser did not accept.
 bool Apply(int code, RunOptions& options, Settings& settings) {
     switch (code) {
-        case kInit: options.init = true; break;
+        case kInit:
+            options.init = true;
+            break;
         case kPluginFlags:
             options.pluginFlags.clear();
             Insert(options.pluginFlags, optarg);
             break;
-        case kTrace: settings.trace = true; break;
-        case kInvoke: settings.invoke = true; break;
-        case kMethod: settings.method = optarg; break;
-        case kPlugin: Append(options.plugins, optarg); break;
-        case kVerbose: settings.verbose = true; break;
+        case kTrace:
+            settings.trace = true;
+            break;
+        case kInvoke:
+            settings.invoke = true;
+            break;
+        case kMethod:
+            settings.method = optarg;
+            break;
+        case kPlugin:
+            Append(options.plugins, optarg);
+            break;
+        case kVerbose:
+            settings.verbose = true;
+            break;
         case kParallel:
             settings.parallel = true;
             settings.interactive = false;
@@ -166,28 +178,39 @@ bool Apply(int code, RunOptions& options, Settings& settings) {
                 StoreNumber<std::int32_t>(settings.randomSeed, optarg);
             }
             break;
-        case kRunOnce: Insert(options.runOnce, optarg); break;
+        case kRunOnce:
+            Insert(options.runOnce, optarg);
+            break;
         case kInteractive:
             settings.interactive = true;
             settings.parallel = false;
             break;
-        case kDisablePlugins: Append(settings.disabledPlugins, optarg); break;
-        case kPluginDirectory: options.pluginDirectory = optarg; break;
+        case kDisablePlugins:
+            Append(settings.disabledPlugins, optarg);
+            break;
+        case kPluginDirectory:
+            options.pluginDirectory = optarg;
+            break;
         case kDumpDependencyTree:
             options.dump = true;
             if (optarg != nullptr) {
                 options.dumpPath = optarg;
             }
             break;
-        case kInteractiveModeRequires: Append(settings.interactiveModeRequirements, optarg); break;
+        case kInteractiveModeRequires:
+            Append(settings.interactiveModeRequirements, optarg);
+            break;
         case kDaemon:
             options.daemon = true;
             if (optarg != nullptr) {
                 settings.daemonWait = std::string_view(optarg) == "wait";
             }
             break;
-        case kDaemonWaitTimeout: StoreNumber<std::uint32_t>(settings.daemonWaitTimeout, optarg); break;
-        default: return false;
+        case kDaemonWaitTimeout:
+            StoreNumber<std::uint32_t>(settings.daemonWaitTimeout, optarg);
+            break;
+        default:
+            return false;
     }
     return true;
 }
@@ -195,8 +218,8 @@ bool Apply(int code, RunOptions& options, Settings& settings) {
 // The exit status for a combination of options that makes no sense.
 std::optional<int> CheckCombination(const RunOptions& options, const Settings& settings) {
     const bool isDaemonMethod = settings.method == "start" || settings.method == "stop";
-    if (options.daemon && (settings.interactive || settings.invoke || options.init || !options.plugins.empty() ||
-                           !isDaemonMethod)) {
+    if (options.daemon &&
+        (settings.interactive || settings.invoke || options.init || !options.plugins.empty() || !isDaemonMethod)) {
         Log_Level(kError, "Invalid combination of options passed. Exiting\n");
         return EXIT_FAILURE;
     }

@@ -1,7 +1,7 @@
 // The command line: what may be asked for, and which combinations make sense.
 //
-// Options are handled one at a time, in order. Those that the whole program reads go straight into the settings record; the
-// rest is what the run sequence needs once.
+// Options are handled one at a time, in order. Those that the whole program reads go straight into the settings record;
+// the rest is what the run sequence needs once.
 #pragma once
 
 #include <optional>
@@ -30,9 +30,9 @@ struct CommandLine {
     std::optional<int> exitStatus;  // set when the process is to end now, with everything said already
 };
 
-// Parses and checks. Usage text goes to standard output, the complaint about an unusable option to standard error, and the
-// complaint about a combination that makes no sense to the log. The parser's own state is reset first, so that it may be
-// called again.
+// Parses and checks. Usage text goes to standard output, the complaint about an unusable option to standard error, and
+// the complaint about a combination that makes no sense to the log. The parser's own state is reset first, so that it
+// may be called again.
 CommandLine ParseCommandLine(int argc, char** argv, Settings& settings);
 
 }  // namespace lofter

@@ -1,11 +1,11 @@
 #include "Logging.h"
 
+#include <cstdio>
+#include <memory>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstdio>
-#include <memory>
 
 #include "Paths.h"
 #include "plugins/Exception.h"

@@ -25,8 +25,8 @@ struct SectionTexts {
 };
 
 constexpr SectionTexts kBootTexts{" sysboot: ", "=== Lofter configuration info ===", " Start: ", " End: "};
-constexpr SectionTexts kDaemonTexts{" daemon: ", "=== Daemon configuration info ===", " Start Daemon: ",
-                                    " End Daemon: "};
+constexpr SectionTexts kDaemonTexts{
+    " daemon: ", "=== Daemon configuration info ===", " Start Daemon: ", " End Daemon: "};
 
 void WriteSection(std::ostream& output, const SectionTexts& texts, const RunTimes& times,
                   const std::deque<Plugin*>& plugins, const Settings& settings) {
@@ -44,8 +44,8 @@ void WriteSection(std::ostream& output, const SectionTexts& texts, const RunTime
            << " Random Seed: " << settings.randomSeed << '\n';
 }
 
-// What the log's two ways of being written have in common: fill the opened stream, then put the file in place. A write that
-// failed must end here, before the old log is replaced.
+// What the log's two ways of being written have in common: fill the opened stream, then put the file in place. A write
+// that failed must end here, before the old log is replaced.
 template <typename Section>
 void FillAndCommit(afstream& stream, const char* failureFormat, const Section& writeSection) {
     try {

@@ -4,11 +4,11 @@
 // step, so a reader never sees half a log. Failures are logged and never thrown: they do not change how the run ends.
 #pragma once
 
-#include <sys/time.h>
-
 #include <deque>
 #include <ostream>
 #include <string>
+
+#include <sys/time.h>
 
 namespace lofter {
 
@@ -16,9 +16,9 @@ class Plugin;
 struct Settings;
 
 struct RunTimes {
-    timeval start{};             // before option parsing
-    timeval end{};               // after execution
-    unsigned long uptime = 0;    // of the host's kernel at the start, in whole seconds
+    timeval start{};           // before option parsing
+    timeval end{};             // after execution
+    unsigned long uptime = 0;  // of the host's kernel at the start, in whole seconds
 };
 
 // "YYYY-MM-DD hh:mm:ss.uuuuuu" in UTC.

@@ -1,11 +1,11 @@
 #include "ProgramLauncher.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "Logging.h"
 #include "util/ChildProcess.h"

@@ -1,7 +1,5 @@
 #include "RunSequence.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -12,6 +10,8 @@
 #include <iostream>
 #include <memory>
 #include <utility>
+
+#include <unistd.h>
 
 #include "Logging.h"
 #include "Paths.h"
@@ -28,6 +28,7 @@
 #include "hopper/InitScriptDiscovery.h"
 #include "hostkernel/hostkernel.h"
 #include "krxctl/KernelProgressScreenImpl.h"
+#include "plugins/Exception.h"
 #include "util/RunOnceRecord.h"
 
 namespace lofter {

@@ -1,4 +1,5 @@
-// One run from the checked command line to the exit status: a fixed sequence whose steps the run mode switches on or off.
+// One run from the checked command line to the exit status: a fixed sequence whose steps the run mode switches on or
+// off.
 //
 //      boot (--init)   launch syslog and observation daemons, then as plain, then reload the syslog daemon
 //      plain           executor process, plugins, run, run-once record, profiling log, stop of the executor process
@@ -27,7 +28,7 @@ namespace lofter {
 class Executor;
 
 class RunSequence {
- public:
+  public:
     // The times hold the start and the uptime.
     RunSequence(RunOptions options, const RunTimes& times, Settings& settings);
 
@@ -35,7 +36,7 @@ class RunSequence {
     // enumerated or executed, or the dump file cannot be opened. Failures of single plugins do not count.
     int Run();
 
- private:
+  private:
     void LaunchHostDaemons() const;
     bool StartExecutorProcess() const;
     void EnterRoot();

@@ -1,8 +1,8 @@
 // The settings record: what the command line asked for, read by the whole program through one accessor.
 //
-// One per process, created on first use under the graph lock and never destroyed. The command line fills it before any other
-// thread exists. Afterwards only the run sequence (parallel, thread count, plugin directory) and interactive mode, which is
-// serial, change it.
+// One per process, created on first use under the graph lock and never destroyed. The command line fills it before any
+// other thread exists. Afterwards only the run sequence (parallel, thread count, plugin directory) and interactive
+// mode, which is serial, change it.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ struct Settings {
     std::uint32_t daemonWaitTimeout = 40;  // seconds
     char** environment = nullptr;          // the process environment, not owned
 
- private:
+  private:
     Settings();
 };
 

@@ -1,7 +1,5 @@
 #include "SyslogReload.h"
 
-#include <boost/algorithm/string/trim.hpp>
-#include <boost/lexical_cast/try_lexical_convert.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -9,6 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+
+#include <boost/algorithm/string/trim.hpp>
+#include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include "Logging.h"
 #include "Paths.h"

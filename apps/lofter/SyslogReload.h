@@ -1,11 +1,11 @@
-// Makes the host's syslog daemon take up a new configuration: upgrades the configuration file where there is one, then sends
-// the daemon that the pid file names user signal 1. Failures are logged.
+// Makes the host's syslog daemon take up a new configuration: upgrades the configuration file where there is one, then
+// sends the daemon that the pid file names user signal 1. Failures are logged.
 #pragma once
-
-#include <sys/types.h>
 
 #include <istream>
 #include <optional>
+
+#include <sys/types.h>
 
 namespace lofter {
 

@@ -1,14 +1,14 @@
 // Entry: what must be known before the first option is read, then the command line, then the run.
 
-#include <fcntl.h>
-#include <sys/sysinfo.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/sysinfo.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include "CommandLine.h"
 #include "Logging.h"
@@ -40,7 +40,7 @@ void OpenMissingStandardStreams() {
 lofter::RunTimes StartOfRun() {
     lofter::RunTimes times;
     gettimeofday(&times.start, nullptr);
-    struct sysinfo information{};
+    struct sysinfo information {};
     if (sysinfo(&information) == 0) {
         times.uptime = static_cast<unsigned long>(information.uptime);
     }

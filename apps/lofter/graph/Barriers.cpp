@@ -24,7 +24,9 @@ Registry& TheRegistry() {
     return *registry;
 }
 
-std::string PriorityBarrierName(std::uint32_t priority) { return "_<->_priority_<->_" + std::to_string(priority); }
+std::string PriorityBarrierName(std::uint32_t priority) {
+    return "_<->_priority_<->_" + std::to_string(priority);
+}
 
 void RaiseSystemAlert(const std::string& message) {
     try {
@@ -36,7 +38,7 @@ void RaiseSystemAlert(const std::string& message) {
 
 }  // namespace
 
-InitBarrier::InitBarrier(const std::string& name) : Node(name, kDefaultClass) {}
+InitBarrier::InitBarrier(const std::string& barrierName) : Node(barrierName, kDefaultClass) {}
 
 void InitBarrier::Start() {
     std::string message;
@@ -60,8 +62,8 @@ void InitBarrier::Start() {
     Log_Level(kWarning, "%s\n", message.c_str());
 }
 
-// Between the groups of the next lower and the next higher priority. The plugins of the higher group keep the links that
-// they already have to the barrier in front of this one.
+// Between the groups of the next lower and the next higher priority. The plugins of the higher group keep the links
+// that they already have to the barrier in front of this one.
 PriorityBarrier::PriorityBarrier(std::uint32_t ownPriority)
     : InitBarrier(PriorityBarrierName(ownPriority)), priority(ownPriority) {
     GraphLock lock;
@@ -89,7 +91,8 @@ void PriorityBarrier::AddPlugin(Node& plugin) {
     const std::vector<std::uint32_t>& priorities = TheRegistry().priorities;
     auto index = static_cast<std::size_t>(priorityIndex);
     if (priorityIndex < 0 || index >= priorities.size() || priorities[index] != priority) {
-        index = static_cast<std::size_t>(std::find(priorities.begin(), priorities.end(), priority) - priorities.begin());
+        index =
+            static_cast<std::size_t>(std::find(priorities.begin(), priorities.end(), priority) - priorities.begin());
         priorityIndex = static_cast<std::int32_t>(index);
     }
     if (index > 0) {

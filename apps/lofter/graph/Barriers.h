@@ -13,7 +13,7 @@
 namespace lofter {
 
 class InitBarrier : public Node {
- public:
+  public:
     explicit InitBarrier(const std::string& name);
 
     // Reports a barrier that plugins require and no plugin provides: as the host's alert, unless one method is being
@@ -25,7 +25,7 @@ class InitBarrier : public Node {
 // Closes the group of init.d daemons of one start priority. Groups run strictly one after another, in ascending order;
 // the daemons of one group may run in parallel.
 class PriorityBarrier : public InitBarrier {
- public:
+  public:
     // Registers itself and takes its place in the chain of priorities.
     explicit PriorityBarrier(std::uint32_t priority);
 
@@ -37,7 +37,7 @@ class PriorityBarrier : public InitBarrier {
 
     std::uint32_t Priority() const { return priority; }
 
- private:
+  private:
     std::int32_t priorityIndex = -1;  // position in the sorted priorities when last looked up
     const std::uint32_t priority;
 };
@@ -55,8 +55,8 @@ std::vector<InitBarrier*> AllBarriers();
 // The barrier of that priority, created when there is none.
 PriorityBarrier* GetPriorityBarrier(std::uint32_t priority);
 
-// Empties the registry, the priorities and the store of kept nodes. For tests and benchmarks, which build one graph after
-// another: nodes of their own are destroyed before.
+// Empties the registry, the priorities and the store of kept nodes. For tests and benchmarks, which build one graph
+// after another: nodes of their own are destroyed before.
 void ForgetGraph();
 
 }  // namespace lofter

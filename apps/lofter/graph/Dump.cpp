@@ -8,7 +8,9 @@ namespace lofter {
 
 namespace {
 
-std::uint64_t Identifier(const Node& node) { return reinterpret_cast<std::uintptr_t>(&node); }
+std::uint64_t Identifier(const Node& node) {
+    return reinterpret_cast<std::uintptr_t>(&node);
+}
 
 }  // namespace
 

@@ -1,5 +1,5 @@
-// Writes the graph as a Graphviz digraph. Nodes are identified by their addresses in decimal; edges point from a node to the
-// nodes that wait for it. Every line is flushed; write errors are ignored.
+// Writes the graph as a Graphviz digraph. Nodes are identified by their addresses in decimal; edges point from a node
+// to the nodes that wait for it. Every line is flushed; write errors are ignored.
 #pragma once
 
 #include <ostream>

@@ -28,7 +28,9 @@ Executor::Executor(int threadCount, bool randomizePicks)
     }
 }
 
-Executor::~Executor() { JoinWorkers(); }
+Executor::~Executor() {
+    JoinWorkers();
+}
 
 bool Executor::CreateWorker(int index) {
     auto worker = std::make_unique<Worker>(Worker{this, index});

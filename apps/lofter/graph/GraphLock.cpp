@@ -1,8 +1,8 @@
 #include "graph/GraphLock.h"
 
-#include <unistd.h>
-
 #include <atomic>
+
+#include <unistd.h>
 
 #include "plugins/Exception.h"
 
@@ -23,7 +23,9 @@ void NoteTaken(int count) {
 
 }  // namespace
 
-GraphLock::GraphLock() { Acquire(); }
+GraphLock::GraphLock() {
+    Acquire();
+}
 
 GraphLock::~GraphLock() {
     if (held) {
@@ -54,7 +56,9 @@ GraphCondition::GraphCondition(const char* failureText) {
     }
 }
 
-GraphCondition::~GraphCondition() { pthread_cond_destroy(&condition); }
+GraphCondition::~GraphCondition() {
+    pthread_cond_destroy(&condition);
+}
 
 void GraphCondition::Wait() {
     lockCount.store(0, std::memory_order_relaxed);
@@ -62,6 +66,8 @@ void GraphCondition::Wait() {
     NoteTaken(1);
 }
 
-void GraphCondition::Broadcast() { pthread_cond_broadcast(&condition); }
+void GraphCondition::Broadcast() {
+    pthread_cond_broadcast(&condition);
+}
 
 }  // namespace lofter

@@ -2,8 +2,8 @@
 
 namespace lofter {
 
-// One hold of the lock over all scheduling: the first pick already sees everything that is ready, so that one thread means
-// one order.
+// One hold of the lock over all scheduling: the first pick already sees everything that is ready, so that one thread
+// means one order.
 
 void StartRun(const std::vector<Node*>& nodes, Executor& executor) {
     {

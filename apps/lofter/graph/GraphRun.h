@@ -1,5 +1,5 @@
-// Drives a run over a sequence of nodes, in the order in which they were discovered. Barriers are not in the sequence; they
-// are reached through the links. A cycle makes the run wait for ever.
+// Drives a run over a sequence of nodes, in the order in which they were discovered. Barriers are not in the sequence;
+// they are reached through the links. A cycle makes the run wait for ever.
 #pragma once
 
 #include <vector>

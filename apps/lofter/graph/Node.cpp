@@ -22,10 +22,10 @@ struct Node::Phase {
     }
 };
 
-const Node::Phase Node::kStart{NodeState::StartPending, NodeState::StartQueued, NodeState::Started,
-                               &Node::dependencies, &Node::dependents};
-const Node::Phase Node::kStop{NodeState::StopPending, NodeState::StopQueued, NodeState::Stopped,
-                              &Node::dependents, &Node::dependencies};
+const Node::Phase Node::kStart{NodeState::StartPending, NodeState::StartQueued, NodeState::Started, &Node::dependencies,
+                               &Node::dependents};
+const Node::Phase Node::kStop{NodeState::StopPending, NodeState::StopQueued, NodeState::Stopped, &Node::dependents,
+                              &Node::dependencies};
 
 namespace {
 
@@ -61,12 +61,16 @@ void Node::AddDependent(Node& other) {
     other.dependencies.push_back(this);
 }
 
-std::int32_t Node::DependencyDepth() { return Depth(&Node::dependencyDepth, &Node::dependencies); }
+std::int32_t Node::DependencyDepth() {
+    return Depth(&Node::dependencyDepth, &Node::dependencies);
+}
 
-std::int32_t Node::DependentDepth() { return Depth(&Node::dependentDepth, &Node::dependents); }
+std::int32_t Node::DependentDepth() {
+    return Depth(&Node::dependentDepth, &Node::dependents);
+}
 
-// The longest chain of links that leads away from this node, by a walk in depth with its own stack. A link that closes a
-// cycle contributes nothing.
+// The longest chain of links that leads away from this node, by a walk in depth with its own stack. A link that closes
+// a cycle contributes nothing.
 std::int32_t Node::Depth(std::int32_t Node::*cache, Links Node::*links) {
     struct Visit {
         Node* node;
@@ -112,9 +116,13 @@ NodeState Node::State() const {
     return state;
 }
 
-void Node::ScheduleStart(Executor& executor) { Schedule(kStart, executor); }
+void Node::ScheduleStart(Executor& executor) {
+    Schedule(kStart, executor);
+}
 
-void Node::ScheduleStop(Executor& executor) { Schedule(kStop, executor); }
+void Node::ScheduleStop(Executor& executor) {
+    Schedule(kStop, executor);
+}
 
 void Node::Schedule(const Phase& phase, Executor& executor) {
     GraphLock lock;
@@ -128,8 +136,9 @@ void Node::Schedule(const Phase& phase, Executor& executor) {
     }
 }
 
-// A node that is asked for the first time: looks at all its prerequisites, in order, and schedules the idle ones in the same
-// way before it goes on to the next. A node is queued after the last look at its prerequisites, if none was outstanding.
+// A node that is asked for the first time: looks at all its prerequisites, in order, and schedules the idle ones in the
+// same way before it goes on to the next. A node is queued after the last look at its prerequisites, if none was
+// outstanding.
 void Node::ScheduleWithPrerequisites(const Phase& phase, Executor& executor) {
     struct Visit {
         Node* node;
@@ -210,9 +219,13 @@ void Node::Finish(const Phase& phase, Executor& executor) {
     done.Broadcast();
 }
 
-void Node::WaitStarted() { WaitFor(NodeState::Started); }
+void Node::WaitStarted() {
+    WaitFor(NodeState::Started);
+}
 
-void Node::WaitStopped() { WaitFor(NodeState::Stopped); }
+void Node::WaitStopped() {
+    WaitFor(NodeState::Stopped);
+}
 
 void Node::WaitFor(NodeState wanted) {
     GraphLock lock;

@@ -1,7 +1,7 @@
 // A node of the dependency graph: the unit that the executor starts and stops.
 //
-// Plugins and barriers are nodes. An edge says that one node may start only after another has finished starting, and stop
-// only after the other direction has finished stopping. Every node lives through the same states:
+// Plugins and barriers are nodes. An edge says that one node may start only after another has finished starting, and
+// stop only after the other direction has finished stopping. Every node lives through the same states:
 //
 //                ScheduleStart             all dependencies satisfied            Start() returned
 //      Idle ───────────────────▶ StartPending ───────────────────▶ StartQueued ───────────────────▶ Started
@@ -10,13 +10,14 @@
 //        │       ScheduleStop               all dependents satisfied               Stop() returned
 //        └─────────────────────▶ StopPending ────────────────────▶ StopQueued ────────────────────▶ Stopped
 //
-// Nothing ever returns to Idle, so "satisfied" (Started or beyond) never becomes untrue again. Starting and stopping are
-// mirror images: starting waits for `dependencies` and then releases `dependents`, stopping does the reverse. The code says
-// it once, for either Phase.
+// Nothing ever returns to Idle, so "satisfied" (Started or beyond) never becomes untrue again. Starting and stopping
+// are mirror images: starting waits for `dependencies` and then releases `dependents`, stopping does the reverse. The
+// code says it once, for either Phase.
 //
-// All state is guarded by the graph lock, which every operation here takes for itself. Links are made while the graph is
-// built and never removed, with one exception: a node that is destroyed while linked, as a plugin is whose constructor
-// throws, leaves a stand-in of the same name in its place that counts as started. No link ever points to a destroyed node.
+// All state is guarded by the graph lock, which every operation here takes for itself. Links are made while the graph
+// is built and never removed, with one exception: a node that is destroyed while linked, as a plugin is whose
+// constructor throws, leaves a stand-in of the same name in its place that counts as started. No link ever points to a
+// destroyed node.
 //
 // Cycles are not detected: a node on a cycle never becomes ready. Neither scheduling nor the depths recurse, so a cycle
 // waits instead of ending the process, and a chain may be as long as memory allows.
@@ -44,7 +45,7 @@ enum class NodeState : std::uint32_t {
 };
 
 class Node {
- public:
+  public:
     using Links = std::vector<Node*>;
 
     // Lower classes are taken first among nodes that are ready.
@@ -78,8 +79,8 @@ class Node {
     // The other node starts after this one.
     void AddDependent(Node& other);
 
-    // Length of the longest chain of nodes above (dependencies) or below (dependents). Cached; linking resets the caches of
-    // the two nodes linked only, so depths mean something once the graph is complete.
+    // Length of the longest chain of nodes above (dependencies) or below (dependents). Cached; linking resets the
+    // caches of the two nodes linked only, so depths mean something once the graph is complete.
     std::int32_t DependencyDepth();
     std::int32_t DependentDepth();
 
@@ -98,7 +99,7 @@ class Node {
     // Counts the node as started without running anything. For nodes that nobody waits for yet.
     void MarkStarted();
 
- private:
+  private:
     struct Phase;
     static const Phase kStart;
     static const Phase kStop;

@@ -11,7 +11,7 @@ namespace {
 using Links = std::vector<Node*>;
 
 class StandIn : public Node {
- public:
+  public:
     explicit StandIn(const std::string& name) : Node(name, kDefaultClass) { MarkStarted(); }
     void Start() override {}
     std::string DotAttributes() const override { return {}; }

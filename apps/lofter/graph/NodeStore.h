@@ -1,7 +1,7 @@
 // Nodes that live as long as the process: barriers, plugins, and the stand-ins of destroyed nodes.
 //
-// Links between nodes are plain pointers. They stay valid because whatever was linked is kept here, reachable to the end:
-// also a plugin that discovery rejected, since its edges were recorded when it was constructed.
+// Links between nodes are plain pointers. They stay valid because whatever was linked is kept here, reachable to the
+// end: also a plugin that discovery rejected, since its edges were recorded when it was constructed.
 #pragma once
 
 #include <memory>
@@ -11,7 +11,7 @@
 namespace lofter {
 
 class NodeStore {
- public:
+  public:
     // Takes ownership for the life of the process and returns the node.
     template <typename NodeType>
     static NodeType* Keep(std::unique_ptr<NodeType> node) {
@@ -23,13 +23,13 @@ class NodeStore {
     // Destroys every kept node. For tests and benchmarks, which build one graph after another.
     static void Clear();
 
- private:
+  private:
     friend class Node;
 
     static void KeepNode(std::unique_ptr<Node> node);
 
-    // Puts a node of the same name, which counts as started, into every link of a node that is being destroyed. When memory
-    // runs out the links are removed instead.
+    // Puts a node of the same name, which counts as started, into every link of a node that is being destroyed. When
+    // memory runs out the links are removed instead.
     static void LeaveStandIn(Node& leaving) noexcept;
 };
 

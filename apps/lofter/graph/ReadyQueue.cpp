@@ -6,8 +6,7 @@
 namespace lofter {
 
 void ReadyQueue::Push(Node& node) {
-    const std::int64_t depth =
-        node.State() == NodeState::StartQueued ? node.DependentDepth() : node.DependencyDepth();
+    const std::int64_t depth = node.State() == NodeState::StartQueued ? node.DependentDepth() : node.DependencyDepth();
     nodes.insert({Rank(node.ScheduleClass(), -depth, arrivals++), &node});
 }
 

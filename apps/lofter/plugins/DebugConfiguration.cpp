@@ -1,10 +1,11 @@
 #include "plugins/DebugConfiguration.h"
 
+#include <fstream>
+#include <utility>
+
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/token_functions.hpp>
 #include <boost/tokenizer.hpp>
-#include <fstream>
-#include <utility>
 
 #include "Logging.h"
 
@@ -23,7 +24,9 @@ std::vector<std::string> Split(const std::string& text, const char* separator) {
     return {tokens.begin(), tokens.end()};
 }
 
-std::vector<std::string> BarrierNames(const std::string& field) { return Split(boost::algorithm::trim_copy(field), ","); }
+std::vector<std::string> BarrierNames(const std::string& field) {
+    return Split(boost::algorithm::trim_copy(field), ",");
+}
 
 }  // namespace
 
@@ -41,11 +44,10 @@ std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
                 Log_Level(kInfo, "ignoring malformed debug entry at line %d: %s\n", number, line.c_str());
                 continue;
             }
-            entries.push_back({std::move(fields[0]), BarrierNames(fields[1]), BarrierNames(fields[2]),
-                               std::move(fields[3])});
+            entries.push_back(
+                {std::move(fields[0]), BarrierNames(fields[1]), BarrierNames(fields[2]), std::move(fields[3])});
         } catch (const boost::escaped_list_error& e) {
-            Log_Level(kWarning, "ignoring malformed debug entry at line %d: %s (%s)\n", number, line.c_str(),
-                      e.what());
+            Log_Level(kWarning, "ignoring malformed debug entry at line %d: %s (%s)\n", number, line.c_str(), e.what());
         }
     }
     return entries;

@@ -1,7 +1,8 @@
 // The debug configuration: one boot step a line, "name:requires:provides:command".
 //
-// The two barrier lists are separated by commas. Separators inside single or double quotes are text, as is any separator,
-// quote or backslash behind a backslash; "\n" is a line end. There is no comment syntax; blank lines are skipped but counted.
+// The two barrier lists are separated by commas. Separators inside single or double quotes are text, as is any
+// separator, quote or backslash behind a backslash; "\n" is a line end. There is no comment syntax; blank lines are
+// skipped but counted.
 #pragma once
 
 #include <istream>

@@ -1,8 +1,8 @@
 #include "plugins/DebugPlugin.h"
 
-#include <sys/wait.h>
-
 #include <cstdlib>
+
+#include <sys/wait.h>
 
 #include "Logging.h"
 #include "plugins/Exception.h"
@@ -27,6 +27,8 @@ void DebugPlugin::StartPlugin() {
     }
 }
 
-void DebugPlugin::ApplyHostProfile() { throw NotImplementedException("DebugPlugin::ApplyHostProfile"); }
+void DebugPlugin::ApplyHostProfile() {
+    throw NotImplementedException("DebugPlugin::ApplyHostProfile");
+}
 
 }  // namespace lofter

@@ -1,7 +1,7 @@
 // A boot step from the debug configuration: a shell command between barriers.
 //
-// The command delays or disturbs the boot at a chosen point of the graph but never fails it: a command that does not end
-// with status 0 is logged as "debug injection '<name>' returned <wait status>\n", and that is all.
+// The command delays or disturbs the boot at a chosen point of the graph but never fails it: a command that does not
+// end with status 0 is logged as "debug injection '<name>' returned <wait status>\n", and that is all.
 #pragma once
 
 #include <string>
@@ -12,14 +12,14 @@
 namespace lofter {
 
 class DebugPlugin : public Plugin {
- public:
+  public:
     explicit DebugPlugin(const DebugEntry& entry);
 
     void StartPlugin() override;
     bool HasApplyHostProfile() const override { return false; }
     void ApplyHostProfile() override;
 
- private:
+  private:
     std::string command;
 };
 

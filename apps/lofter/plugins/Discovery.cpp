@@ -151,9 +151,9 @@ bool Discovery::AdmittedByFlags(const Plugin& plugin) const {
     return disabling.empty() && missing.empty();
 }
 
-// A plugin that has run stays in the list, so that the barriers it provides are satisfied. It is looked up by its key as it
-// is, while the set receives the key without the characters that a record cannot hold: a plugin whose key has such
-// characters runs on every boot. Kept on purpose.
+// A plugin that has run stays in the list, so that the barriers it provides are satisfied. It is looked up by its key
+// as it is, while the set receives the key without the characters that a record cannot hold: a plugin whose key has
+// such characters runs on every boot. Kept on purpose.
 void Discovery::ApplyRunOnceRule(Plugin& plugin) {
     std::string key = plugin.Name() + plugin.PluginVersion();
     if (runOnce.contains(key)) {

@@ -1,9 +1,9 @@
 // Discovery turns plugin files and debug entries into the ordered list of plugins to run.
 //
-// A file's extension decides its kind. What is constructed is then held against the disabled plugins, the boot flags and the
-// run-once record, in this order. A plugin that is rejected is marked as started and lives on: its barrier edges were
-// recorded when it was constructed, and whoever waits on its barriers goes on. Every rejection is logged with its reason;
-// nothing about one file stops the next.
+// A file's extension decides its kind. What is constructed is then held against the disabled plugins, the boot flags
+// and the run-once record, in this order. A plugin that is rejected is marked as started and lives on: its barrier
+// edges were recorded when it was constructed, and whoever waits on its barriers goes on. Every rejection is logged
+// with its reason; nothing about one file stops the next.
 #pragma once
 
 #include <deque>
@@ -29,7 +29,7 @@ struct DiscoveryInput {
 };
 
 class Discovery {
- public:
+  public:
     // Extends the list and the set of run-once keys, which must outlive it.
     Discovery(DiscoveryInput input, std::set<std::string>& runOnce, PluginList& plugins);
 
@@ -40,7 +40,7 @@ class Discovery {
     // The listed file names of the plugin directory, in list order.
     void DiscoverListed(const std::vector<std::string>& fileNames);
 
- private:
+  private:
     void ProcessFile(const std::string& fileName);
     void AppendDebugPlugins(const std::vector<DebugEntry>& entries);
     bool IsDisabled(const Plugin& plugin) const;

@@ -15,8 +15,12 @@ std::int64_t Plugin::ElapsedMicroseconds() const {
            (static_cast<std::int64_t>(endTime.tv_usec) - startTime.tv_usec);
 }
 
-void Plugin::RequireBarrier(const std::string& barrier) { AddDependency(*GetBarrier(barrier, true)); }
+void Plugin::RequireBarrier(const std::string& barrier) {
+    AddDependency(*GetBarrier(barrier, true));
+}
 
-void Plugin::ProvideBarrier(const std::string& barrier) { AddDependent(*GetBarrier(barrier, true)); }
+void Plugin::ProvideBarrier(const std::string& barrier) {
+    AddDependent(*GetBarrier(barrier, true));
+}
 
 }  // namespace lofter

@@ -1,21 +1,21 @@
 // The unit of boot work: a graph node with metadata, timings and the operations that every plugin kind implements.
 //
-// A plugin links itself to named barriers while it is constructed, before discovery decides whether to keep it. A failing
-// operation throws one of the exceptions of Exception.h; activation (Start) catches them all.
+// A plugin links itself to named barriers while it is constructed, before discovery decides whether to keep it. A
+// failing operation throws one of the exceptions of Exception.h; activation (Start) catches them all.
 #pragma once
-
-#include <sys/time.h>
 
 #include <cstdint>
 #include <set>
 #include <string>
+
+#include <sys/time.h>
 
 #include "graph/Node.h"
 
 namespace lofter {
 
 class Plugin : public Node {
- public:
+  public:
     explicit Plugin(std::string name, std::uint32_t scheduleClass = kDefaultClass);
 
     // Activation; see Activation.h.
@@ -26,8 +26,8 @@ class Plugin : public Node {
     // The plugin's start operation. Throws MethodFailedException when it ran and failed.
     virtual void StartPlugin() = 0;
 
-    // Whether the plugin takes part in host profiles, and what it does then. Throws NotImplementedException when the plugin
-    // has no such operation, MethodFailedException when it ran and failed.
+    // Whether the plugin takes part in host profiles, and what it does then. Throws NotImplementedException when the
+    // plugin has no such operation, MethodFailedException when it ran and failed.
     virtual bool HasApplyHostProfile() const = 0;
     virtual void ApplyHostProfile() = 0;
 
@@ -49,7 +49,7 @@ class Plugin : public Node {
     void SetStartTime(const timeval& time) { startTime = time; }
     void SetEndTime(const timeval& time) { endTime = time; }
 
- protected:
+  protected:
     // Records that this plugin waits for the named barrier, or that the barrier waits for this plugin. The barrier is
     // created on first mention.
     void RequireBarrier(const std::string& barrier);
@@ -61,7 +61,7 @@ class Plugin : public Node {
     std::set<std::string> required_flags;
     std::set<std::string> disabling_flags;
 
- private:
+  private:
     timeval startTime{};
     timeval endTime{};
 };

@@ -1,9 +1,9 @@
 #include "util/ChildProcess.h"
 
+#include <cerrno>
+
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 #include "util/Descriptor.h"
 

@@ -1,18 +1,18 @@
 // A file descriptor with one owner, closed when the owner goes.
 //
-// Move-only. Holds -1 when it owns nothing. Closing keeps errno, so the reason of a failure can be read after the object that
-// it befell is gone. Not synchronised.
+// Move-only. Holds -1 when it owns nothing. Closing keeps errno, so the reason of a failure can be read after the
+// object that it befell is gone. Not synchronised.
 #pragma once
-
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
+#include <unistd.h>
+
 namespace lofter {
 
 class Descriptor {
- public:
+  public:
     Descriptor() = default;
     explicit Descriptor(int number) : descriptor(number) {}
     Descriptor(Descriptor&& other) noexcept : descriptor(other.Release()) {}
@@ -43,7 +43,7 @@ class Descriptor {
         }
     }
 
- private:
+  private:
     int descriptor = -1;
 };
 

@@ -1,7 +1,7 @@
 // The gzip-compressed record of the plugins that ran once and must not run again.
 //
-// Decompressed it is "lofter.run-once=", then every name followed by a comma, in sorted order, then a line end. Names are
-// stored as they are: one that holds a comma is read back as two.
+// Decompressed it is "lofter.run-once=", then every name followed by a comma, in sorted order, then a line end. Names
+// are stored as they are: one that holds a comma is read back as two.
 #pragma once
 
 #include <set>
@@ -9,8 +9,8 @@
 
 namespace lofter {
 
-// Adds the names of the record to the set, without the white space around them. A file that cannot be opened, is empty or
-// begins with another text adds nothing. Throws a standard exception when the file is no whole gzip stream.
+// Adds the names of the record to the set, without the white space around them. A file that cannot be opened, is empty
+// or begins with another text adds nothing. Throws a standard exception when the file is no whole gzip stream.
 void ReadRunOnceRecord(const std::string& path, std::set<std::string>& names);
 
 // Writes the record in place. Throws std::runtime_error "unable to write '<path>': <reason>".

@@ -1,15 +1,15 @@
 #include "util/afstream.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "util/Descriptor.h"
 #include "util/SyncToDisk.h"
@@ -20,7 +20,9 @@ namespace {
 
 constexpr char kPatternSuffix[] = ".XXXXXX";
 
-std::string ErrorText(int error) { return std::strerror(error); }
+std::string ErrorText(int error) {
+    return std::strerror(error);
+}
 
 // The rename must not become durable before the data that it publishes.
 void SyncFile(const std::string& path) {
@@ -32,9 +34,13 @@ void SyncFile(const std::string& path) {
 
 }  // namespace
 
-afstream::afstream() : std::ostream(nullptr) { rdbuf(&file); }
+afstream::afstream() : std::ostream(nullptr) {
+    rdbuf(&file);
+}
 
-afstream::~afstream() { Discard(); }
+afstream::~afstream() {
+    Discard();
+}
 
 void afstream::Discard() {
     if (tempName.empty()) {
@@ -101,12 +107,11 @@ void afstream::commit() {
     SyncFile(tempName);
 
     errno = 0;
-    struct stat old{};
+    struct stat old {};
     const bool hasOld = stat(destination.c_str(), &old) == 0;
     const int statError = hasOld ? 0 : errno;
     if (std::rename(tempName.c_str(), destination.c_str()) != 0) {
-        throw std::runtime_error("unable to rename '" + tempName + "' to '" + destination +
-                                 "': " + ErrorText(errno));
+        throw std::runtime_error("unable to rename '" + tempName + "' to '" + destination + "': " + ErrorText(errno));
     }
     tempName.clear();
 

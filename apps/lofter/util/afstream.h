@@ -1,9 +1,9 @@
 // An output file stream that never writes its destination in place.
 //
 // Opening creates a uniquely named temporary file beside the destination; commit() syncs it and moves it over the
-// destination in one step, with the permissions that the old destination had. A stream that is destroyed without a commit
-// removes its temporary file and leaves the destination as it was. One stream is used by one thread; several may write the
-// same destination, and the last commit wins.
+// destination in one step, with the permissions that the old destination had. A stream that is destroyed without a
+// commit removes its temporary file and leaves the destination as it was. One stream is used by one thread; several may
+// write the same destination, and the last commit wins.
 //
 // Failures are std::runtime_error. The destination is not touched before the rename.
 #pragma once
@@ -15,7 +15,7 @@
 namespace lofter {
 
 class afstream : public std::ostream {
- public:
+  public:
     afstream();
     ~afstream() override;
 
@@ -27,8 +27,8 @@ class afstream : public std::ostream {
     // with errno as the failed call left it.
     void open(const char* path, std::ios_base::openmode mode);
 
-    // The same, and copies the destination's current content, which must exist and not be empty, into the stream. Throws
-    // "failed to write to temp file: <reason>" as well.
+    // The same, and copies the destination's current content, which must exist and not be empty, into the stream.
+    // Throws "failed to write to temp file: <reason>" as well.
     void reopen(const char* path, std::ios_base::openmode mode);
 
     // Flushes, syncs and renames. The state of the stream before is the writer's to check. Throws
@@ -38,7 +38,7 @@ class afstream : public std::ostream {
     //   "failed to restore file permissions, file permissions may be incorrect: <reason>".
     void commit();
 
- private:
+  private:
     void CreateTemporaryFile(const char* path);
     void Discard();
 

@@ -1,5 +1,5 @@
-// The progress screen that the host's console shows while the host boots. Any number of objects show the same screen; all
-// operations may be called from any thread and none throws.
+// The progress screen that the host's console shows while the host boots. Any number of objects show the same screen;
+// all operations may be called from any thread and none throws.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 namespace KrxCtl::System {
 
 class KernelProgressScreenImpl {
- public:
+  public:
     void ProgressText(const std::string& text);
     void StatusText(const std::string& text);
     void Step();

@@ -8,17 +8,17 @@
 namespace KrxCtl::Util {
 
 class Sysinfo {
- public:
+  public:
     // Throws std::runtime_error for an unknown node.
     explicit Sysinfo(const std::string& node);
 
     void AddInput(const std::string& text);
 
-    // Hands each input to the kernel as one record. Throws std::runtime_error with the path and the system's reason when
-    // the kernel cannot be reached.
+    // Hands each input to the kernel as one record. Throws std::runtime_error with the path and the system's reason
+    // when the kernel cannot be reached.
     void Set();
 
- private:
+  private:
     std::vector<std::string> inputs;
 };
 

@@ -6,7 +6,7 @@
 namespace KrxCtl::System {
 
 class SystemInfoImpl {
- public:
+  public:
     // Raises the text as the host's alert: it stays in front of whoever logs in until it is replaced. Throws
     // std::runtime_error with the path and the system's reason when it cannot be recorded.
     void SetSystemAlert(const std::string& text);
