@@ -18,12 +18,10 @@
 #include "Settings.h"
 
 // Host tools recognise the programs that speak the command protocol by this object. The program itself never reads it.
-namespace {
-const std::uint32_t qorclicMagic = 0x5CA1AB1E;
-}
+static const std::uint32_t qorclicMagic = 0x5CA1AB1E;
 extern "C" {
 extern const std::uint32_t* const __qorclic_magic;
-__attribute__((used, visibility("default"))) const std::uint32_t* const __qorclic_magic = &qorclicMagic;
+const std::uint32_t* const __qorclic_magic = &qorclicMagic;
 }
 
 namespace {

@@ -12,7 +12,7 @@ using Links = std::vector<Node*>;
 
 class StandIn : public Node {
   public:
-    explicit StandIn(const std::string& name) : Node(name, kDefaultClass) { MarkStarted(); }
+    explicit StandIn(const std::string& leavingName) : Node(leavingName, kDefaultClass) { MarkStarted(); }
     void Start() override {}
     std::string DotAttributes() const override { return {}; }
 };

@@ -6,7 +6,7 @@
 
 namespace lofter {
 
-Plugin::Plugin(std::string name, std::uint32_t scheduleClass) : Node(std::move(name), scheduleClass) {}
+Plugin::Plugin(std::string pluginName, std::uint32_t nodeClass) : Node(std::move(pluginName), nodeClass) {}
 
 Plugin::~Plugin() = default;
 

@@ -16,7 +16,7 @@ namespace lofter {
 
 class Plugin : public Node {
   public:
-    explicit Plugin(std::string name, std::uint32_t scheduleClass = kDefaultClass);
+    explicit Plugin(std::string pluginName, std::uint32_t nodeClass = kDefaultClass);
 
     // Activation; see Activation.h.
     void Start() override;
