@@ -1,0 +1,184 @@
+#include "graph/Barriers.h"
+
+#include <gtest/gtest.h>
+
+#include "Settings.h"
+#include "support/LogCapture.h"
+#include "support/TestGraph.h"
+
+namespace lofter {
+namespace {
+
+using test::IsBefore;
+using test::LogCapture;
+using test::Names;
+using test::TestGraph;
+
+std::string BarrierNames() {
+    const std::vector<InitBarrier*> barriers = AllBarriers();
+    return Names({barriers.begin(), barriers.end()});
+}
+
+TEST(BarrierRegistry, CreatesABarrierOnFirstMentionOnly) {
+    const TestGraph graph("");
+    EXPECT_EQ(GetBarrier("net", false), nullptr);
+    InitBarrier* net = GetBarrier("net", true);
+    ASSERT_NE(net, nullptr);
+    EXPECT_EQ(GetBarrier("net", true), net);
+    EXPECT_EQ(GetBarrier("net", false), net);
+    EXPECT_EQ(net->ScheduleClass(), 1U);
+}
+
+TEST(BarrierRegistry, ListsBarriersInByteWiseOrderOfTheirNames) {
+    const TestGraph graph("");
+    for (const char* name : {"b", "a", "\xc3\xa4", "B", "a b", ""}) {
+        GetBarrier(name, true);
+    }
+    EXPECT_EQ(BarrierNames(), " B a a b b \xc3\xa4");
+}
+
+TEST(BarrierRegistry, ReplacesAnEarlierEntryOfTheSameName) {
+    const TestGraph graph("");
+    InitBarrier* first = GetBarrier("net", true);
+    InitBarrier* other = GetBarrier("other", true);
+    RegisterBarrier(other, "net");
+    EXPECT_EQ(GetBarrier("net", false), other);
+    EXPECT_EQ(first->Name(), "net");
+}
+
+TEST(InitBarrier, ThatNobodyProvidesIsReportedAndPassesAllTheSame) {
+    TestGraph graph(
+        "a: requires network\n"
+        "b: requires network");
+    LogCapture log;
+    EXPECT_EQ(graph.Starts(), "a b");
+    EXPECT_EQ(GetBarrier("network", false)->State(), NodeState::Started);
+    EXPECT_EQ(log.Lines(115), std::vector<std::string>{
+                                  "Lofter dependency error: Initialization barrier \"network\" is not provided by any "
+                                  "plugin but the following plugins require it: \"a\", \"b\""});
+}
+
+TEST(InitBarrier, RaisesTheReportAsTheHostsAlert) {
+    TestGraph graph("a: requires network");
+    LogCapture log;
+    graph.Starts();
+    EXPECT_EQ(log.Alerts(),
+              std::vector<std::string>{"Lofter dependency error: Initialization barrier \"network\" is not provided "
+                                       "by any plugin but the following plugins require it: \"a\""});
+}
+
+TEST(InitBarrier, RaisesNoAlertWhenOneMethodIsInvoked) {
+    TestGraph graph("a: requires network");
+    LogCapture log;
+    Settings::Instance().invoke = true;
+    graph.Starts();
+    Settings::Instance().invoke = false;
+    EXPECT_TRUE(log.Alerts().empty());
+    EXPECT_EQ(log.Lines(115).size(), 1U);
+}
+
+TEST(InitBarrier, WithAProviderSaysNothing) {
+    TestGraph graph(
+        "b: requires network\n"
+        "a: provides network");
+    LogCapture log;
+    EXPECT_EQ(graph.Starts(), "a b");
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(InitBarrier, ThatIsOnlyProvidedHasNoEffect) {
+    TestGraph graph(
+        "a: provides unused\n"
+        "b:");
+    LogCapture log;
+    EXPECT_TRUE(IsBefore(graph.Starts() + " end", "a", "end"));
+    EXPECT_TRUE(log.Lines().empty());
+    EXPECT_EQ(GetBarrier("unused", false)->DotAttributes(), " shape=box");
+}
+
+TEST(InitBarrier, StartsAfterAllItsProviders) {
+    TestGraph graph(
+        "user: requires x\n"
+        "p1: provides x\n"
+        "p2: provides x");
+    EXPECT_EQ(graph.Starts(), "p1 p2 user");
+}
+
+TEST(PriorityBarrier, IsNamedAfterItsPriority) {
+    const TestGraph graph("");
+    PriorityBarrier* barrier = GetPriorityBarrier(20);
+    EXPECT_EQ(barrier->Name(), "_<->_priority_<->_20");
+    EXPECT_EQ(barrier->Priority(), 20U);
+    EXPECT_EQ(barrier->DotAttributes(), " shape=trapezium");
+    EXPECT_EQ(GetPriorityBarrier(20), barrier);
+    EXPECT_EQ(GetBarrier("_<->_priority_<->_20", false), barrier);
+    EXPECT_EQ(GetPriorityBarrier(4294967295U)->Name(), "_<->_priority_<->_4294967295");
+}
+
+TEST(PriorityBarrier, CreatedOutOfOrderStillFormsAnAscendingChain) {
+    TestGraph graph(
+        "c: priority 30\n"
+        "a: priority 10\n"
+        "b: priority 20");
+    EXPECT_EQ(graph.Starts(), "a b c");
+    EXPECT_EQ(Names(GetPriorityBarrier(20)->Dependencies()), "_<->_priority_<->_10 b");
+    // The plugin of group 30 waits for barrier 20, and keeps the link to barrier 10 that it had before.
+    EXPECT_EQ(Names(graph["c"].Dependencies()), "_<->_priority_<->_10 _<->_priority_<->_20");
+    EXPECT_EQ(Names(GetPriorityBarrier(30)->Dependencies()), "c _<->_priority_<->_10 _<->_priority_<->_20");
+}
+
+TEST(PriorityBarrier, LetsTheLowestGroupWaitForNothing) {
+    TestGraph graph(
+        "first: priority 5\n"
+        "second: priority 6");
+    EXPECT_TRUE(graph["first"].Dependencies().empty());
+    EXPECT_EQ(Names(graph["first"].Dependents()), "_<->_priority_<->_5");
+}
+
+TEST(PriorityBarrier, ReportsNoMissingProviders) {
+    const TestGraph graph("");
+    LogCapture log;
+    GetPriorityBarrier(7)->Start();
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(PriorityBarrier, KeepsGroupsApartAndLetsAGroupRunTogether) {
+    TestGraph graph(
+        "a1: priority 1\n"
+        "a2: priority 1\n"
+        "b1: priority 2");
+    graph.Hold("a1");
+    graph.Hold("a2");
+    Executor executor(3, false);
+    for (Node* node : graph.Nodes()) {
+        node->ScheduleStart(executor);
+    }
+    ASSERT_TRUE(graph.AwaitWorking("a1"));
+    ASSERT_TRUE(graph.AwaitWorking("a2"));
+    EXPECT_EQ(graph.Working(), "a1 a2");
+    graph.Release("a1");
+    graph["a1"].WaitStarted();
+    EXPECT_EQ(graph["b1"].State(), NodeState::StartPending);
+    graph.Release("a2");
+    graph["b1"].WaitStarted();
+}
+
+TEST(PriorityBarrier, StopsGroupsInDescendingOrder) {
+    TestGraph graph(
+        "a: priority 1\n"
+        "c: priority 3\n"
+        "b: priority 2");
+    EXPECT_EQ(graph.Stops(), "c b a");
+}
+
+TEST(PriorityBarrier, TakesTheNameFromABarrierThatAPluginMentionedBefore) {
+    TestGraph graph("a: requires _<->_priority_<->_9");
+    InitBarrier* mentioned = GetBarrier("_<->_priority_<->_9", false);
+    PriorityBarrier* barrier = GetPriorityBarrier(9);
+    EXPECT_NE(static_cast<InitBarrier*>(barrier), mentioned);
+    EXPECT_EQ(GetBarrier("_<->_priority_<->_9", false), barrier);
+    EXPECT_EQ(Names(graph["a"].Dependencies()), "_<->_priority_<->_9");
+}
+
+}  // namespace
+}  // namespace lofter

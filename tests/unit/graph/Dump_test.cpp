@@ -1,0 +1,66 @@
+#include "graph/Dump.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "graph/Barriers.h"
+#include "support/TestGraph.h"
+
+namespace lofter {
+namespace {
+
+using test::TestGraph;
+
+std::string Dump(const TestGraph& graph) {
+    std::ostringstream output;
+    DumpGraph(graph.Nodes(), output);
+    return output.str();
+}
+
+std::string Id(const Node& node) {
+    return std::to_string(reinterpret_cast<std::uintptr_t>(&node));
+}
+
+std::string Id(const std::string& barrier) {
+    return Id(*GetBarrier(barrier, false));
+}
+
+TEST(Dump, OfNothingIsAnEmptyDigraph) {
+    const TestGraph graph("");
+    EXPECT_EQ(Dump(graph), "digraph g {\n}\n");
+}
+
+TEST(Dump, DrawsEdgesInTheDirectionOfExecution) {
+    TestGraph graph(
+        "b: requires x\n"
+        "a: provides x");
+    EXPECT_EQ(Dump(graph), "digraph g {\n" +                                //
+                               Id(graph["b"]) + " [label=\"b\"];\n" +       //
+                               Id(graph["a"]) + " [label=\"a\"];\n" +       //
+                               Id(graph["a"]) + " -> " + Id("x") + ";\n" +  //
+                               Id("x") + " [label=\"x\" shape=box];\n" +    //
+                               Id("x") + " -> " + Id(graph["b"]) + ";\n}\n");
+}
+
+TEST(Dump, HasABarrierThatNobodyProvides) {
+    TestGraph graph("a: requires missing");
+    EXPECT_NE(Dump(graph).find(Id("missing") + " [label=\"missing\" shape=box];\n" + Id("missing") + " -> " +
+                               Id(graph["a"]) + ";\n"),
+              std::string::npos);
+}
+
+TEST(Dump, OrdersPriorityBarriersByTheBytesOfTheirNames) {
+    TestGraph graph(
+        "a: priority 9\n"
+        "b: priority 10");
+    const std::string dump = Dump(graph);
+    const std::size_t ten = dump.find("[label=\"_<->_priority_<->_10\" shape=trapezium];");
+    const std::size_t nine = dump.find("[label=\"_<->_priority_<->_9\" shape=trapezium];");
+    ASSERT_NE(ten, std::string::npos);
+    ASSERT_NE(nine, std::string::npos);
+    EXPECT_LT(ten, nine);
+}
+
+}  // namespace
+}  // namespace lofter

@@ -1,0 +1,21 @@
+// Makes system calls of the library under test fail on request. The test program is linked so that its calls go through
+// here first. Process-wide; not synchronised with calls in progress.
+#pragma once
+
+namespace lofter::test {
+
+enum class Call { PthreadCreate, PthreadCondInit };
+
+// From construction to destruction, the call fails after it has succeeded `successes` times more.
+class FailingCall {
+  public:
+    FailingCall(Call call, int successes);
+    ~FailingCall();
+    FailingCall(const FailingCall&) = delete;
+    FailingCall& operator=(const FailingCall&) = delete;
+
+  private:
+    const Call call;
+};
+
+}  // namespace lofter::test
