@@ -31,7 +31,8 @@ def test_a_missing_command_gives_127(host, plain):
 def test_what_a_command_leaves_behind_is_listed_and_ended(host, plain):
     host.Run("mkfifo", "/run/held")
     outcome = host.Run("sh", "-c", "sleep 1000 <>/run/held & echo $!", plain=plain)
-    assert [line.split(" ", 1)[1] for line in outcome.leftovers] == ["sleep 1000"]
+    left, = outcome.leftovers
+    assert "sleep 1000" in left
     # Nobody holds the pipe's other end any more.
     with pytest.raises(OSError):
         os.open(host.Path("/run/held"), os.O_WRONLY | os.O_NONBLOCK)
@@ -138,6 +139,7 @@ def test_the_syslog_configuration_is_upgraded_once(demo_host):
 def test_the_observation_daemon_starts_and_stops(demo_host):
     outcome = demo_host.Run("sh", "-c", "/etc/init.d/hxed start && /etc/init.d/hxed status")
     assert outcome.status == 0
-    assert [line.split(" ", 1)[1] for line in outcome.leftovers] == ["uevent env"]
+    left, = outcome.leftovers
+    assert left.endswith("uevent env")
     outcome = demo_host.Run("sh", "-c", "/etc/init.d/hxed start && /etc/init.d/hxed stop && ! /etc/init.d/hxed status", grace=10)
     assert (outcome.status, outcome.leftovers) == (0, [])
