@@ -88,8 +88,15 @@ def test_syslog_messages_reach_the_test(host):
 
 def test_the_kernel_log_is_a_file_to_append_to(host):
     host.KernelLog()
-    host.Run("sh", "-c", "echo one >>/dev/kmsg; echo two >>/dev/kmsg")
-    assert host.KernelLines() == ["one", "two"]
+    host.Run("sh", "-c", "echo '<6>one' >>/dev/kmsg; printf '<4>two <b>' >>/dev/kmsg")
+    assert host.KernelLines() == ["<6>one", "<4>two <b>"]
+
+
+def test_a_root_has_a_host_name_of_its_own(host):
+    before = os.uname().nodename
+    assert host.Run("hostname").output == "demo\n"
+    assert host.Run("sh", "-c", "hostname other; hostname").output == "other\n"
+    assert os.uname().nodename == before
 
 
 def test_a_terminal_carries_keys_and_text_and_is_the_console(host):

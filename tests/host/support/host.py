@@ -3,6 +3,7 @@ import dataclasses
 import gzip
 import os
 import pathlib
+import re
 import subprocess
 
 from support.syslog import Syslog
@@ -121,7 +122,8 @@ class Host:
         self.Write("/dev/kmsg", "")
 
     def KernelLines(self):
-        return self.Read("/dev/kmsg").splitlines()
+        """The records: one per write, each opened by its priority and not ended by anything of its own."""
+        return [line.rstrip("\n") for line in re.split(r"(?=<\d+>)", self.Read("/dev/kmsg")) if line]
 
     # Commands.
 
