@@ -33,6 +33,11 @@ class Outcome:
     errors: str
     leftovers: list
 
+    def Log(self):
+        """The log lines of standard output as "<level> <text>", without their time stamps; other lines are not the log's."""
+        stamp = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (\w+) lofter: (.*)"
+        return [" ".join(match.groups()) for match in map(re.compile(stamp).fullmatch, self.output.split("\n")) if match]
+
 
 class Running:
     """A command that is running in a root. It ends with the test at the latest."""
