@@ -1,0 +1,88 @@
+// Start runs of graphs whose nodes do no work: what the orchestrator itself costs per node. Building the graph is not
+// counted. The counter `per_node` is the figure to read: it should not grow with the graph.
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "graph/Barriers.h"
+#include "graph/Executor.h"
+#include "graph/GraphRun.h"
+#include "graph/NodeStore.h"
+
+namespace {
+
+using lofter::GetBarrier;
+using lofter::Node;
+
+constexpr int kLayer = 100;
+
+class IdleNode : public Node {
+  public:
+    IdleNode() : Node("node", kDefaultClass) {}
+    void Start() override {}
+    std::string DotAttributes() const override { return {}; }
+};
+
+using Nodes = std::vector<Node*>;
+
+Nodes MakeNodes(int count) {
+    Nodes nodes;
+    for (int i = 0; i < count; ++i) {
+        nodes.push_back(lofter::NodeStore::Keep(std::make_unique<IdleNode>()));
+    }
+    return nodes;
+}
+
+void LinkNothing(const Nodes&) {}
+
+void LinkChain(const Nodes& nodes) {
+    for (std::size_t i = 1; i < nodes.size(); ++i) {
+        nodes[i]->AddDependency(*nodes[i - 1]);
+    }
+}
+
+void LinkLayers(const Nodes& nodes) {
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const std::size_t layer = i / kLayer;
+        nodes[i]->AddDependent(*GetBarrier("layer" + std::to_string(layer), true));
+        if (layer > 0) {
+            nodes[i]->AddDependency(*GetBarrier("layer" + std::to_string(layer - 1), true));
+        }
+    }
+}
+
+void RunGraph(benchmark::State& state, void (*link)(const Nodes&)) {
+    const int count = static_cast<int>(state.range(0));
+    const int threads = static_cast<int>(state.range(1));
+    for ([[maybe_unused]] auto _ : state) {
+        const Nodes nodes = MakeNodes(count);
+        link(nodes);
+        lofter::Executor executor(threads, false);
+        const auto start = std::chrono::steady_clock::now();
+        lofter::StartRun(nodes, executor);
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(elapsed.count());
+        lofter::ForgetGraph();
+    }
+    state.counters["per_node"] = benchmark::Counter(static_cast<double>(state.iterations()) * count,
+                                                    benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void Sizes(benchmark::internal::Benchmark* graph) {
+    graph->ArgNames({"nodes", "threads"})->UseManualTime()->Unit(benchmark::kMicrosecond);
+    for (const int threads : {1, 4}) {
+        for (const int nodes : {1'000, 10'000, 100'000}) {
+            graph->Args({nodes, threads});
+        }
+    }
+}
+
+BENCHMARK_CAPTURE(RunGraph, independent, LinkNothing)->Apply(Sizes);
+BENCHMARK_CAPTURE(RunGraph, chain, LinkChain)->Apply(Sizes);
+BENCHMARK_CAPTURE(RunGraph, layers, LinkLayers)->Apply(Sizes);
+
+}  // namespace
