@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <unordered_set>
@@ -80,8 +81,8 @@ class ReadPipe {
 void AddPlugin(std::vector<std::unique_ptr<Plugin>>& plugins, const std::string& name, const InitScript& script) {
     try {
         // A negative priority wraps around to a large one: such a script comes last.
-        plugins.push_back(
-            std::make_unique<LegacyDaemonPlugin>(name, script.path, static_cast<std::uint32_t>(script.priority)));
+        const auto priority = static_cast<std::uint32_t>(script.priority);
+        plugins.push_back(std::make_unique<LegacyDaemonPlugin>(name, script.path, priority));
     } catch (const std::exception& failure) {
         Log_Level(kWarning, "Failed to create init.d daemon plugin: %s because: %s\n", name.c_str(), failure.what());
     } catch (...) {

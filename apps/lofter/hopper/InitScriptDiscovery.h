@@ -28,7 +28,8 @@ std::vector<InitScript> ListInitScripts(const std::string& command);
 
 // One plugin per script, linked into the graph by its priority. The flag is 0 when the daemons are to be started, 1
 // when they are to be stopped. The daemons that the boot run itself looks after are left out when starting; stopping
-// means every script, on purpose. A plugin that cannot be made is reported, and the others are made all the same.
+// means every script, on purpose. A plugin that cannot be made is reported, and the others are made all the same. The
+// plugins live as long as the process.
 std::vector<std::unique_ptr<Plugin>> MakeDaemonPlugins(const std::vector<InitScript>& scripts, int startStopFlag);
 
 // The plugins of all init.d scripts of the host, in the order in which the tool lists them. Throws what ListInitScripts

@@ -1,0 +1,228 @@
+#include "hopper/InitScriptDiscovery.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <utility>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "graph/Barriers.h"
+#include "graph/NodeStore.h"
+#include "hopper/LegacyDaemonPlugin.h"
+#include "plugins/Exception.h"
+#include "support/LogCapture.h"
+
+namespace lofter {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// The scripts as "path:priority" words.
+std::string Text(const std::vector<InitScript>& scripts) {
+    std::string text;
+    for (const InitScript& script : scripts) {
+        text += (text.empty() ? "" : " ") + script.path + ":" + std::to_string(script.priority);
+    }
+    return text;
+}
+
+std::string Read(const std::string& output) {
+    std::istringstream stream(output);
+    return Text(ReadInitScripts(stream));
+}
+
+std::string Skipped(const std::string& line) {
+    return "Skipping a line that is not an init.d script and its priority: '" + line + "'";
+}
+
+TEST(InitScriptList, NamesAPathAndAPriorityOnEachLine) {
+    const test::LogCapture log;
+    EXPECT_EQ(Read("/etc/init.d/sshd 10\n/etc/init.d/crond 20\n"), "/etc/init.d/sshd:10 /etc/init.d/crond:20");
+    EXPECT_EQ(log.Lines(), Lines{});
+}
+
+TEST(InitScriptList, MayBeEmpty) {
+    const test::LogCapture log;
+    EXPECT_EQ(Read(""), "");
+    EXPECT_EQ(log.Lines(), Lines{});
+}
+
+TEST(InitScriptList, AllowsAnyBlanksAndFurtherWords) {
+    EXPECT_EQ(Read("\t /etc/init.d/sshd \t 10  on off\n/etc/init.d/crond 20\r\n"),
+              "/etc/init.d/sshd:10 /etc/init.d/crond:20");
+}
+
+TEST(InitScriptList, MayLackTheLastLineEnd) {
+    EXPECT_EQ(Read("/etc/init.d/sshd 10\n/etc/init.d/crond 20"), "/etc/init.d/sshd:10 /etc/init.d/crond:20");
+}
+
+TEST(InitScriptList, KeepsEqualScriptsAndPriorities) {
+    EXPECT_EQ(Read("/a 1\n/b 1\n/a 1\n"), "/a:1 /b:1 /a:1");
+}
+
+TEST(InitScriptList, TakesPrioritiesOfTheWholeSignedRange) {
+    EXPECT_EQ(Read("/a -5\n/b +5\n/c 007\n/d 2147483647\n/e -2147483648\n/f 0\n"),
+              "/a:-5 /b:5 /c:7 /d:2147483647 /e:-2147483648 /f:0");
+}
+
+TEST(InitScriptList, SkipsAndQuotesEveryLineThatDoesNotFit) {
+    const test::LogCapture log;
+    EXPECT_EQ(Read("/a\n\n/b ten\n/good 1\n/c 2147483648\n/d -2147483649\n/e 1x\n/f 1.5\n/g 0x10\n"), "/good:1");
+    EXPECT_EQ(log.Lines(115),
+              (Lines{Skipped("/a"), Skipped(""), Skipped("/b ten"), Skipped("/c 2147483648"), Skipped("/d -2147483649"),
+                     Skipped("/e 1x"), Skipped("/f 1.5"), Skipped("/g 0x10")}));
+}
+
+TEST(InitScriptList, QuotesGarbageInAFormFitForALog) {
+    const test::LogCapture log;
+    EXPECT_EQ(Read(std::string("\x1b[31m%s\0%n\n", 11) + std::string(1000, 'x') + "\n"), "");
+    EXPECT_EQ(log.Lines(), (Lines{Skipped("?[31m%s?%n"), Skipped(std::string(200, 'x') + "...")}));
+}
+
+TEST(InitScriptList, ComesFromTheOutputOfAShellCommand) {
+    const test::LogCapture log;
+    EXPECT_EQ(Text(ListInitScripts("echo /etc/init.d/sshd 10; echo /etc/init.d/crond 20")),
+              "/etc/init.d/sshd:10 /etc/init.d/crond:20");
+    EXPECT_EQ(log.Lines(), Lines{});
+}
+
+TEST(InitScriptList, IsEmptyWhenTheToolCannotBeRun) {
+    const test::LogCapture log;
+    EXPECT_EQ(Text(ListInitScripts("/no/such/chkconfig -p 2>&-")), "");
+    EXPECT_EQ(log.Entries(),
+              (std::vector<test::LogCapture::Entry>{{115, "/no/such/chkconfig -p 2>&- exited with status 127"}}));
+}
+
+TEST(InitScriptList, CountsEvenWhenTheToolFailsAfterwards) {
+    const test::LogCapture log;
+    EXPECT_EQ(Text(ListInitScripts("echo /etc/init.d/sshd 10; exit 3")), "/etc/init.d/sshd:10");
+    EXPECT_EQ(Text(ListInitScripts("echo /etc/init.d/sshd 10; kill -9 $$")), "/etc/init.d/sshd:10");
+    EXPECT_EQ(log.Lines(115), (Lines{"echo /etc/init.d/sshd 10; exit 3 exited with status 3",
+                                     "echo /etc/init.d/sshd 10; kill -9 $$ was killed by signal 9"}));
+}
+
+TEST(InitScriptList, LeavesNoDescriptorAndNoChildBehind) {
+    const auto count = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
+    };
+    const auto before = count();
+    ListInitScripts("echo /etc/init.d/sshd 10");
+    ListInitScripts("exit 3");
+    EXPECT_EQ(count(), before);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+// Runs in a process of its own: says on standard error why there is no list.
+[[noreturn]] void SayWhyThereIsNoList() {
+    std::string reason = "there is a list";
+    try {
+        ListInitScripts("echo /etc/init.d/sshd 10");
+    } catch (const Exception& failure) {
+        reason = failure.what();
+    }
+    reason += "\n";
+    _exit(write(STDERR_FILENO, reason.data(), reason.size()) > 0 ? 0 : 1);
+}
+
+void LeaveNoDescriptor() {
+    const rlimit none{STDERR_FILENO + 1, STDERR_FILENO + 1};
+    setrlimit(RLIMIT_NOFILE, &none);
+}
+
+TEST(InitScriptListDeathTest, CannotBeReadWithoutAPipe) {
+    EXPECT_EXIT(
+        {
+            LeaveNoDescriptor();
+            SayWhyThereIsNoList();
+        },
+        testing::ExitedWithCode(0), "^Failed obtaining list of init.d scripts\n$");
+}
+
+TEST(InitScriptListDeathTest, CannotBeReadFromStandardInput) {
+    EXPECT_EXIT(
+        {
+            close(STDIN_FILENO);
+            SayWhyThereIsNoList();
+        },
+        testing::ExitedWithCode(0), "^Failed obtaining list of init.d scripts\n$");
+}
+
+class DaemonPluginsTest : public testing::Test {
+  protected:
+    DaemonPluginsTest() { ForgetGraph(); }
+    ~DaemonPluginsTest() override { ForgetGraph(); }
+
+    // The names of the plugins made.
+    static std::string Made(const std::vector<InitScript>& scripts, int startStopFlag = 0) {
+        std::string names;
+        for (const std::unique_ptr<Plugin>& plugin : MakeDaemonPlugins(scripts, startStopFlag)) {
+            names += (names.empty() ? "" : " ") + plugin->Name();
+        }
+        return names;
+    }
+};
+
+TEST_F(DaemonPluginsTest, AreNamedAfterTheFileOfTheScriptInTheOrderOfTheList) {
+    EXPECT_EQ(Made({{"/etc/init.d/sshd", 30}, {"/opt/a/b/crond", 10}, {"local", 20}}), "sshd crond local");
+}
+
+TEST_F(DaemonPluginsTest, LeaveOutWhatTheBootRunStartsWhereverItIs) {
+    EXPECT_EQ(
+        Made({{"/etc/init.d/tssyslogd", 1}, {"/opt/hxed", 90}, {"/etc/init.d/hxed", 5}, {"/etc/init.d/hxed2", 7}}),
+        "hxed2");
+    EXPECT_EQ(AllBarriers().size(), 1U);
+}
+
+TEST_F(DaemonPluginsTest, IncludeEveryScriptWhenStopping) {
+    EXPECT_EQ(Made({{"/etc/init.d/tssyslogd", 1}, {"/opt/hxed", 90}, {"/etc/init.d/crond", 5}}, 1),
+              "tssyslogd hxed crond");
+}
+
+TEST_F(DaemonPluginsTest, ShareTheBarrierOfAnEqualPriority) {
+    EXPECT_EQ(Made({{"/etc/init.d/sshd", 10}, {"/etc/init.d/crond", 10}}), "sshd crond");
+    EXPECT_EQ(AllBarriers().size(), 1U);
+    EXPECT_EQ(GetPriorityBarrier(10)->Dependencies().size(), 2U);
+}
+
+TEST_F(DaemonPluginsTest, PutANegativePriorityBehindEveryOther) {
+    const auto plugins = MakeDaemonPlugins({{"/etc/init.d/odd", -1}, {"/etc/init.d/last", 2147483647}}, 0);
+    EXPECT_EQ(static_cast<DaemonPlugin&>(*plugins[0]).Priority(), 4294967295U);
+    EXPECT_EQ(plugins[0]->Dependencies(), std::vector<Node*>{GetPriorityBarrier(2147483647)});
+    EXPECT_NE(GetBarrier("_<->_priority_<->_4294967295", false), nullptr);
+}
+
+// Keeps the plugins as a run does; they go with the graph.
+std::size_t MakeAndKeep(const std::vector<InitScript>& scripts) {
+    std::size_t made = 0;
+    for (std::unique_ptr<Plugin>& plugin : MakeDaemonPlugins(scripts, 0)) {
+        NodeStore::Keep(std::move(plugin));
+        ++made;
+    }
+    return made;
+}
+
+TEST_F(DaemonPluginsTest, MayBeThousandsInOneGroup) {
+    const std::vector<InitScript> scripts(20'000, {"/etc/init.d/many", 10});
+    EXPECT_EQ(MakeAndKeep(scripts), 20'000U);
+    EXPECT_EQ(GetPriorityBarrier(10)->Dependencies().size(), 20'000U);
+}
+
+TEST_F(DaemonPluginsTest, MayBeThousandsOfGroups) {
+    std::vector<InitScript> scripts;
+    for (int priority = 2000; priority > 0; --priority) {
+        scripts.push_back({"/etc/init.d/many", priority});
+    }
+    EXPECT_EQ(MakeAndKeep(scripts), 2000U);
+    EXPECT_EQ(AllBarriers().size(), 2000U);
+}
+
+}  // namespace
+}  // namespace lofter
