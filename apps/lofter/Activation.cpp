@@ -7,6 +7,7 @@
 
 #include <sys/time.h>
 
+#include "InteractiveMode.h"
 #include "KernelBootLog.h"
 #include "Logging.h"
 #include "Paths.h"
@@ -105,10 +106,13 @@ bool InvokeMethod(Plugin& plugin, const std::string& method) {
 }
 
 void Plugin::Start() {
-    const Settings& settings = Settings::Instance();
+    Settings& settings = Settings::Instance();
     const char* const pluginName = Name().c_str();
 
     SetStartTime(Now());
+    if (!InteractiveMode(settings).MayExecute(Name())) {
+        return;
+    }
     if (settings.trace) {
         Log_Level(kInfo, "starting execution of plugin: %s\n", pluginName);
     }

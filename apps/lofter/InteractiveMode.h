@@ -1,0 +1,34 @@
+// The operator at the console, who is asked in front of each plugin: continue, execute, troubleshoot or skip.
+//
+// Interactive runs are serial, so prompts never overlap, and the settings need no lock.
+//
+//     off ──────────────────────────────────────────────▶ never asks
+//     on, requirements left ──(the last of them runs)──▶ on, asks ──(c)──▶ off, for the rest of the run
+#pragma once
+
+#include <string>
+
+#include "Paths.h"
+#include "Settings.h"
+
+namespace lofter {
+
+class InteractiveMode {
+  public:
+    // Changes the settings as the operator answers: the flag goes off, requirements are struck off the list.
+    explicit InteractiveMode(Settings& record, const char* consolePath = paths::kConsole)
+        : settings(record), console(consolePath) {}
+
+    // Asks about the plugin if it is one to ask about, and does what the operator wants done before it. False when the
+    // plugin is to be skipped.
+    bool MayExecute(const std::string& plugin);
+
+  private:
+    void StrikeOffRequirement(const std::string& plugin);
+    bool Ask(const std::string& plugin);
+
+    Settings& settings;
+    const char* console;
+};
+
+}  // namespace lofter

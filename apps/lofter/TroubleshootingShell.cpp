@@ -1,0 +1,69 @@
+#include "TroubleshootingShell.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "Logging.h"
+#include "Terminal.h"
+#include "util/ChildProcess.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr char kEraseLine[] = "\033[2K";
+
+// The boot ignores and handles signals for its own purposes; the operator's shell and its jobs do not.
+void ResetSignals() {
+    for (int number = 1; number < NSIG; ++number) {
+        ::signal(number, SIG_DFL);
+    }
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// The child, from fork to exec. Other threads' locks may be held for ever here; only the log's own is known not to be.
+// Hence also the plain error texts: strerror may translate, which locks.
+[[noreturn]] void BecomeShell(const char* program, char* const arguments[]) {
+    if (::setsid() == -1) {
+        Log_Level(kError, "unable to create new session: %s\n", ::strerrordesc_np(errno));
+        ::_exit(1);
+    }
+    CloseDescriptorsFrom(STDERR_FILENO + 1);
+    ::ioctl(STDIN_FILENO, TIOCSCTTY, 1);  // 1: even from another session
+    ResetSignals();
+    ::execv(program, arguments);
+    Log_Level(kError, "unable to exec shell: %s\n", ::strerrordesc_np(errno));
+    ::_exit(1);
+}
+
+}  // namespace
+
+void RunTroubleshootingShell(const char* program) {
+    const std::array streams{TerminalStream(STDIN_FILENO), TerminalStream(STDOUT_FILENO),
+                             TerminalStream(STDERR_FILENO)};
+    const std::array<char*, 2> arguments{const_cast<char*>(program), nullptr};
+
+    const pid_t child = ::fork();
+    if (child == -1) {
+        Log_Level(kError, "failed to fork - unable to launch troubleshooting shell: %s\n", std::strerror(errno));
+        return;
+    }
+    if (child == 0) {
+        BecomeShell(program, arguments.data());
+    }
+    int ignoredStatus = 0;  // however the shell ended, the boot goes on
+    WaitForChild(child, ignoredStatus);
+    for (const TerminalStream& stream : streams) {
+        stream.Restore();
+    }
+    WriteToTerminal(kEraseLine);
+}
+
+}  // namespace lofter

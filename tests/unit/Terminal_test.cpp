@@ -1,0 +1,253 @@
+#include "Terminal.h"
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "Logging.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TerminalProcess.h"
+
+namespace lofter {
+namespace {
+
+using test::PseudoTerminal;
+using test::TerminalProcess;
+
+constexpr tcflag_t kLinesAndEcho = ICANON | ECHO;
+
+std::string Joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+// The read end of a pipe that is at its end already.
+Descriptor EndOfInput() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const Descriptor writer(ends[1]);
+    return Descriptor(ends[0]);
+}
+
+TEST(KeyInput, ReadsWithoutLinesAndEchoAndPutsBothBack) {
+    TerminalProcess process([] {
+        std::string keys;
+        {
+            KeyInput input;
+            keys += input.Read();
+            keys += input.Read();
+        }
+        return keys;
+    });
+    const termios before = process.terminal.Modes();
+    process.WaitForKeys();
+    const termios during = process.terminal.Modes();
+    EXPECT_EQ(during.c_lflag, before.c_lflag & ~kLinesAndEcho);
+    EXPECT_EQ(during.c_iflag, before.c_iflag);
+    EXPECT_EQ(during.c_oflag, before.c_oflag);
+    process.Type("xy");
+    std::string written;
+    EXPECT_EQ(process.WaitForResult(&written), "xy");
+    EXPECT_EQ(written, "");
+    EXPECT_EQ(process.terminal.Modes().c_lflag, before.c_lflag);
+}
+
+TEST(KeyInput, SwitchesLinesAndEchoOnEvenIfTheyWereOff) {
+    TerminalProcess process([] {
+        termios raw{};
+        ::tcgetattr(STDIN_FILENO, &raw);
+        raw.c_lflag &= ~kLinesAndEcho;
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+        const KeyInput input;
+        return std::string();
+    });
+    process.WaitForResult();
+    EXPECT_EQ(process.terminal.Modes().c_lflag & kLinesAndEcho, kLinesAndEcho);
+}
+
+TEST(KeyInput, LogsEveryStepThatAStreamWithoutATerminalRefuses) {
+    TerminalProcess process([] {
+        const test::LogCapture log;
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe(ends.data()), 0);
+        EXPECT_EQ(::write(ends[1], "k", 1), 1);
+        ::dup2(ends[0], STDIN_FILENO);
+        char key = 0;
+        {
+            KeyInput input;
+            key = input.Read();
+        }
+        return key + ("\n" + Joined(log.Lines(kError)));
+    });
+    EXPECT_EQ(process.WaitForResult(),
+              "k\n"
+              "unable to get terminal io state.\n"
+              "unable to set terminal io state.\n"
+              "unable to restore terminal io state.\n");
+}
+
+TEST(KeyInput, TakesNoMoreThanTheKeyItReturns) {
+    TerminalProcess process([] {
+        std::string keys;
+        {
+            KeyInput input;
+            keys += input.Read();
+        }
+        std::array<char, 16> rest{};
+        const ssize_t got = ::read(STDIN_FILENO, rest.data(), rest.size());
+        return keys + "|" + std::string(rest.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
+    });
+    process.WaitForKeys();
+    process.Type("abc\n");
+    EXPECT_EQ(process.WaitForResult(), "a|bc\n");
+}
+
+TEST(KeyInput, ReadsOnAtEndOfInputWithoutBurningTheProcessor) {
+    TerminalProcess process([] {
+        const Descriptor ended = EndOfInput();
+        ::dup2(ended.Get(), STDIN_FILENO);
+        KeyInput input;
+        WriteToTerminal("reading\n");
+        input.Read();
+        return std::string("returned");
+    });
+    process.WaitForText("reading");
+    EXPECT_TRUE(process.RunsFor(1500));
+    clockid_t clock{};
+    timespec used{};
+    ASSERT_EQ(::clock_getcpuclockid(process.Id(), &clock), 0);
+    ASSERT_EQ(::clock_gettime(clock, &used), 0);
+    EXPECT_EQ(used.tv_sec, 0);
+    EXPECT_LT(used.tv_nsec, 500'000'000);
+}
+
+TEST(WriteToTerminal, WritesEverythingHoweverSlowlyItIsTaken) {
+    const std::string text(300'000, 'x');
+    TerminalProcess process([&] {
+        WriteToTerminal(text + "end");
+        return std::string("written");
+    });
+    EXPECT_EQ(process.WaitForText("end").size(), text.size() + 3);
+    EXPECT_EQ(process.WaitForResult(), "written");
+}
+
+TEST(WriteToTerminal, IgnoresAnOutputThatIsGone) {
+    TerminalProcess process([] {
+        ::dup2(Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)).Get(), STDOUT_FILENO);
+        WriteToTerminal("lost");
+        return std::string("goes on");
+    });
+    EXPECT_EQ(process.WaitForResult(), "goes on");
+}
+
+// A terminal that is reached by a name of the test's own: when the first one is hung up, the name leads to the second,
+// as a real device's name leads to the device again.
+class HungUpTerminal : public testing::Test {
+  protected:
+    HungUpTerminal() {
+        std::filesystem::create_symlink(first.Name(), device);
+        stream.Reset(::open(device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    }
+
+    // Ends the first terminal's line; every descriptor on it is dead from now on.
+    void HangUp() {
+        first.CloseOperator();
+        std::filesystem::remove(device);
+        std::filesystem::create_symlink(second.Name(), device);
+        termios modes{};
+        ASSERT_EQ(::tcgetattr(stream.Get(), &modes), -1);
+        ASSERT_EQ(errno, EIO);
+    }
+
+    static tcflag_t WithoutEcho(int descriptor) {
+        termios modes{};
+        EXPECT_EQ(::tcgetattr(descriptor, &modes), 0);
+        modes.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        EXPECT_EQ(::tcsetattr(descriptor, TCSANOW, &modes), 0);
+        return modes.c_lflag;
+    }
+
+    PseudoTerminal first;
+    PseudoTerminal second;
+    const test::TemporaryDirectory folder;
+    const std::filesystem::path device = folder / "device";
+    Descriptor stream;
+};
+
+TEST_F(HungUpTerminal, IsOpenedAgainOnTheSameNumberWithItsEarlierModes) {
+    const tcflag_t earlier = WithoutEcho(stream.Get());
+    const TerminalStream before(stream.Get(), device);
+    HangUp();
+    before.Restore();
+
+    EXPECT_EQ(second.Modes().c_lflag, earlier);
+    ASSERT_EQ(::write(stream.Get(), "hello", 5), 5);
+    std::array<char, 16> seen{};
+    EXPECT_EQ(::read(second.Operator(), seen.data(), seen.size()), 5);
+    ASSERT_EQ(::write(second.Operator(), "typed\n", 6), 6);
+    EXPECT_EQ(::read(stream.Get(), seen.data(), seen.size()), 6);
+    EXPECT_EQ(::fcntl(stream.Get(), F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR);
+    EXPECT_EQ(::fcntl(stream.Get(), F_GETFD), 0) << "standard streams are inherited by plugins' programs";
+}
+
+TEST_F(HungUpTerminal, DoesNotBecomeTheControllingTerminal) {
+    TerminalProcess process([&] {
+        ::setsid();
+        const TerminalStream before(stream.Get(), device);
+        HangUp();
+        before.Restore();
+        const Descriptor controlling(::open("/dev/tty", O_RDWR | O_CLOEXEC));
+        return std::string(::isatty(stream.Get()) == 1 && !controlling ? "none" : "wrong");
+    });
+    // The process holds a copy of the operator's side: only without this one does closing it hang up the line.
+    first.CloseOperator();
+    EXPECT_EQ(process.WaitForResult(), "none");
+}
+
+TEST_F(HungUpTerminal, IsReportedWhenItCannotBeOpenedAgain) {
+    const test::LogCapture log;
+    const TerminalStream before(stream.Get(), device);
+    HangUp();
+    std::filesystem::remove(device);
+    before.Restore();
+    EXPECT_EQ(log.Lines(kError), std::vector<std::string>{"unable to open terminal '" + device.string() +
+                                                          "' again: No such file or directory"});
+}
+
+TEST_F(HungUpTerminal, LeavesALivingTerminalOpenAndOnlyRestoresItsModes) {
+    const TerminalStream before(stream.Get(), "/no/such/device");
+    const tcflag_t earlier = first.Modes().c_lflag;
+    WithoutEcho(stream.Get());
+    const test::LogCapture log;
+    before.Restore();
+    EXPECT_EQ(first.Modes().c_lflag, earlier);
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(TerminalStream, FindsItsDeviceByItself) {
+    const PseudoTerminal terminal;
+    const Descriptor stream(::open(terminal.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const TerminalStream before(stream.Get());
+    EXPECT_EQ(before.Device(), terminal.Name());
+}
+
+TEST(TerminalStream, LeavesAStreamThatIsNoTerminalAlone) {
+    const test::LogCapture log;
+    const Descriptor ended = EndOfInput();
+    TerminalStream(ended.Get()).Restore();
+    EXPECT_TRUE(log.Lines().empty());
+    char byte = 0;
+    EXPECT_EQ(::read(ended.Get(), &byte, 1), 0);
+}
+
+}  // namespace
+}  // namespace lofter
