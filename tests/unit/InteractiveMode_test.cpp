@@ -105,7 +105,7 @@ TEST(InteractiveMode, IsSilentUnlessItIsOn) {
 
 TEST(InteractiveMode, ReadsKeysWithoutAnEchoOnlyWhileItAsks) {
     TerminalProcess boot(Walking({{}, {"net"}}));
-    const termios before = boot.terminal.Modes();
+    const termios& before = boot.initialModes;
     boot.WaitForText("\033[?25l");
     boot.WaitForKeys();
     EXPECT_EQ(boot.terminal.Modes().c_lflag, before.c_lflag & ~static_cast<tcflag_t>(ICANON | ECHO));
@@ -166,7 +166,7 @@ TEST(InteractiveMode, AsksNoMoreAfterContinue) {
 TEST(InteractiveMode, SkipsThePluginAndSaysSo) {
     TerminalProcess boot(Walking({{}, {"100%s"}}));
     boot.WaitForText("\033[?25l");
-    const termios before = boot.terminal.Modes();
+    const termios& before = boot.initialModes;
     boot.WaitForKeys();
     boot.Type("s");
     std::string rest;

@@ -48,7 +48,7 @@ TEST(KeyInput, ReadsWithoutLinesAndEchoAndPutsBothBack) {
         }
         return keys;
     });
-    const termios before = process.terminal.Modes();
+    const termios& before = process.initialModes;
     process.WaitForKeys();
     const termios during = process.terminal.Modes();
     EXPECT_EQ(during.c_lflag, before.c_lflag & ~kLinesAndEcho);

@@ -32,8 +32,7 @@ std::string RunShell(const char* program = "/bin/sh") {
 }
 
 // The terminal's modes as far as programs change them.
-std::array<tcflag_t, 4> Modes(const TerminalProcess& process) {
-    const termios modes = process.terminal.Modes();
+std::array<tcflag_t, 4> Flags(const termios& modes) {
     return {modes.c_iflag, modes.c_oflag, modes.c_cflag, modes.c_lflag};
 }
 
@@ -107,26 +106,26 @@ TEST(TroubleshootingShell, HasDefaultSignals) {
 TEST(TroubleshootingShell, IsFollowedByTheBootHoweverItEnds) {
     for (const char* end : {"exit 3\n", "kill -KILL $$\n", "\004"}) {
         TerminalProcess boot([] { return RunShell(); });
-        const auto before = Modes(boot);
+        const auto before = Flags(boot.initialModes);
         boot.Type("echo read''y\n");
         boot.WaitForText("ready\n");
         boot.Type(end);
         std::string written;
         EXPECT_EQ(boot.WaitForResult(&written), "goes on") << end;
         EXPECT_TRUE(written.ends_with(kErased)) << end;
-        EXPECT_EQ(Modes(boot), before) << end;
+        EXPECT_EQ(Flags(boot.terminal.Modes()), before) << end;
     }
 }
 
 TEST(TroubleshootingShell, LeavesTheTerminalAsItWasBefore) {
     TerminalProcess boot([] { return RunShell(); });
-    const auto before = Modes(boot);
+    const auto before = Flags(boot.initialModes);
     boot.Type("stty raw -echo; echo change''d\n");
     boot.WaitForText("changed\n");
-    EXPECT_NE(Modes(boot), before);
+    EXPECT_NE(Flags(boot.terminal.Modes()), before);
     boot.Type("kill -KILL $$\n");
     boot.WaitForResult();
-    EXPECT_EQ(Modes(boot), before);
+    EXPECT_EQ(Flags(boot.terminal.Modes()), before);
 }
 
 TEST(TroubleshootingShell, IsWaitedForThroughInterruptions) {

@@ -59,6 +59,7 @@ class TerminalProcess {
     bool RunsFor(int milliseconds);
 
     PseudoTerminal terminal;
+    const termios initialModes = terminal.Modes();  // before the process could change them
     pid_t Id() const { return process; }
 
   private:
