@@ -119,6 +119,22 @@ std::string LoggedProduct() {
     return LogLibrary::Instance().product;
 }
 
+bool InitializeSyslog(const char* socketPath, const Dictionary* configuration) {
+    const char* identifier = Dict_GetString(configuration, "log.syslogID", nullptr);
+    int level = 0;
+    if (identifier == nullptr || !FindLevel(Dict_GetString(configuration, "log.syslogLevel", "info"), level)) {
+        return false;
+    }
+    auto output = std::make_unique<SyslogOutput>(socketPath, identifier, level);
+    LogLibrary& library = LogLibrary::Instance();
+    RemoveLogOutput(library.syslogOutput);
+    const LogLock held;
+    library.identifier = identifier;
+    library.syslogOutput = output.get();
+    library.outputs.push_back(std::move(output));
+    return true;
+}
+
 void LogFormatted(int level, const char* format, va_list arguments) {
     const int callersError = errno;
     // Messages of ordinary length need no memory; see the note on forks in LogOutput.h.
@@ -152,20 +168,7 @@ void Log_Level(int level, const char* format, ...) {
 }
 
 bool Log_InitWithSyslogInt(const Dictionary* configuration) {
-    const char* identifier = Dict_GetString(configuration, "log.syslogID", nullptr);
-    int level = 0;
-    if (identifier == nullptr ||
-        !platform::FindLevel(Dict_GetString(configuration, "log.syslogLevel", "info"), level)) {
-        return false;
-    }
-    auto output = std::make_unique<platform::SyslogOutput>(platform::kSyslogSocket, identifier, level);
-    LogLibrary& library = LogLibrary::Instance();
-    platform::RemoveLogOutput(library.syslogOutput);
-    const LogLock held;
-    library.identifier = identifier;
-    library.syslogOutput = output.get();
-    library.outputs.push_back(std::move(output));
-    return true;
+    return platform::InitializeSyslog(platform::kSyslogSocket, configuration);
 }
 
 LogOutput* Log_NewStdioOutput(const Dictionary* configuration) {

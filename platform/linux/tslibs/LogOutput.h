@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+struct Dictionary;
+
 // One destination of log messages.
 struct LogOutput {
     virtual ~LogOutput() = default;
@@ -39,6 +41,9 @@ void LogFormatted(int level, const char* format, va_list arguments) __attribute_
 
 // Hands a message of LOG_ALERT urgency to the outputs.
 void LogAlert(std::string_view message);
+
+// What Log_InitWithSyslogInt does, for the daemon at that path. A further call replaces the output of the one before.
+bool InitializeSyslog(const char* socketPath, const Dictionary* configuration);
 
 // The product line that a panic adds; empty until product information was given.
 std::string LoggedProduct();

@@ -99,7 +99,8 @@ bool SyslogClient::ConnectAs(int type) {
         return false;
     }
     if (::connect(created.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        hung = errno == EAGAIN;
+        // The wrong type says nothing about the daemon; the right one is tried next.
+        hung = errno == EAGAIN || (hung && errno == EPROTOTYPE);
         return false;
     }
     device = status.st_dev;

@@ -1,0 +1,68 @@
+#include "krxctl/KernelLog.h"
+
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "krxctl/Sysinfo.h"
+#include "support/OpenDescriptors.h"
+#include "support/TemporaryDirectory.h"
+
+namespace platform {
+namespace {
+
+using lofter::test::OpenDescriptors;
+using lofter::test::TemporaryDirectory;
+
+// The text of what it throws; empty when it throws nothing.
+template <typename Action>
+std::string FailureOf(Action action) {
+    try {
+        action();
+    } catch (const std::runtime_error& failure) {
+        return failure.what();
+    }
+    return {};
+}
+
+TEST(KernelLog, AppendsEachTextAsARecordOfLofter) {
+    const TemporaryDirectory directory;
+    const std::string log = directory.Write("kmsg", "before|");
+    WriteKernelLog(log.c_str(), {"one", "|", "two 100%s\n"});
+    EXPECT_EQ(directory.Read("kmsg"), "before|<6>lofter: one<6>lofter: |<6>lofter: two 100%s\n");
+}
+
+TEST(KernelLog, CutsTextsThatAreTooLongForARecordAtTheEndOfASymbol) {
+    const TemporaryDirectory directory;
+    const std::string log = directory.Write("kmsg", "");
+    std::string text;
+    while (text.size() < 3000) {
+        text += "\xe2\x82\xac";
+    }
+    WriteKernelLog(log.c_str(), {text});
+    const std::string record = directory.Read("kmsg");
+    EXPECT_GT(record.size(), 900U);
+    EXPECT_LE(record.size(), 960U);
+    EXPECT_TRUE(record.ends_with("\xe2\x82\xac"));
+}
+
+TEST(KernelLog, IsNeverCreated) {
+    const TemporaryDirectory directory;
+    const std::string log = directory / "kmsg";
+    EXPECT_EQ(FailureOf([&] { WriteKernelLog(log.c_str(), {"text"}); }), log + ": No such file or directory");
+    EXPECT_FALSE(std::filesystem::exists(log));
+}
+
+TEST(KernelLog, ReportsARecordThatIsNotTaken) {
+    const std::set<int> before = OpenDescriptors();
+    EXPECT_EQ(FailureOf([] { WriteKernelLog("/dev/full", {"text"}); }), "/dev/full: No space left on device");
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST(Sysinfo, KnowsTheSyslogNodeOnly) {
+    EXPECT_EQ(FailureOf([] { KrxCtl::Util::Sysinfo("syslog"); }), "");
+    EXPECT_EQ(FailureOf([] { KrxCtl::Util::Sysinfo("other"); }), "unknown system information node: other");
+}
+
+}  // namespace
+}  // namespace platform
