@@ -25,7 +25,7 @@ class Screen:
         self.socket = f"{self.folder.name}/tmux"
         self.Tmux("-f", "/dev/null", "new-session", "-d", "-x", "132", "-y", "200", "env", "-u", "PS1", "-u", "ENV", "sh")
         self.Line("PS1='person> '")  # not exported: the shells of a boot have their own
-        self.Wait(lambda text: text.endswith("\nperson>"), "the person's shell")
+        self.Wait(lambda text: text.endswith("person>"), "the person's shell")
         (work / "aliases").write_text(f"alias boot='sh {work}/boot'\n")
 
     def Tmux(self, *words):
