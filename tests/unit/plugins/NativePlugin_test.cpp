@@ -8,7 +8,6 @@
 #include <iterator>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -20,12 +19,14 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "Paths.h"
 #include "graph/Barriers.h"
+#include "graph/NodeStore.h"
 #include "plugins/Exception.h"
 #include "support/SpawnControl.h"
 #include "support/TemporaryDirectory.h"
@@ -48,7 +49,7 @@ std::string Example(const std::string& name) {
 
 // Plugins live as long as the barriers they are linked to: until the process ends.
 NativePlugin& Load(const std::string& path, const std::string& name = "p") {
-    return *new NativePlugin(name, path);
+    return *NodeStore::Keep(std::make_unique<NativePlugin>(name, path));
 }
 
 Texts Names(const std::vector<Node*>& nodes) {
@@ -428,9 +429,15 @@ TEST_F(NativeOperationTest, MayCloseItsStreamsWithoutTouchingOurs) {
 TEST_F(NativeOperationTest, IsOverThoughAChildOfItGoesOn) {
     const Descriptor arrived = MakePipe("arrived");
     ASSERT_EQ(mkfifo((folder / "go").c_str(), 0600), 0);
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);  // the orphan comes to this process, which sees it end
     Actor("leave a child").StartPlugin();
     ExpectArrivals(arrived, 1);
-    LetGo();
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0);
+    const Descriptor go = LetGo();
+    int status = -1;
+    EXPECT_GT(waitpid(-1, &status, 0), 0);
+    EXPECT_EQ(status, 0);
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 0), 0);
 }
 
 TEST_F(NativeOperationTest, ReportsFileActionsThatCannotBeMade) {
