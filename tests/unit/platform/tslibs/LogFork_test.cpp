@@ -22,7 +22,7 @@ namespace platform {
 namespace {
 
 constexpr int kThreads = 16;
-constexpr int kChildren = 300;
+constexpr int kChildren = 200;
 
 // Threads that log, and one that reads what reaches the syslog socket, until the end of its life.
 class Noise {
