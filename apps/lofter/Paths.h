@@ -21,6 +21,12 @@ inline constexpr char kCompressedHostProfile[] = "/etc/tessel/hostprofile.xml.gz
 
 inline constexpr char kControlSocket[] = "/var/run/tessel/lofterExecutor.sock";
 inline constexpr char kExecutorLog[] = "/var/log/lofter-qorcli-stdout.log";
+inline constexpr const char* kCommandDirectories[] = {
+    "/usr/lib/tessel/qorcli",
+    "/usr/lib/tessel/qorcli/int",
+    "/usr/lib/tessel/qorcli/int/ext",
+    "/usr/lib/tessel/qorcli/ext",
+};
 inline constexpr char kNativeExecutor[] = "/usr/lib/tessel/lofter/nativeExecutor";
 
 inline constexpr char kConsole[] = "/dev/console";

@@ -17,10 +17,7 @@
 #include "Paths.h"
 #include "ProgramLauncher.h"
 #include "SyslogReload.h"
-#if __has_include("executor/QorcliExecutor.h")
 #include "executor/QorcliExecutor.h"
-#define LOFTER_HAS_EXECUTOR
-#endif
 #include "graph/Dump.h"
 #include "graph/Executor.h"
 #include "graph/GraphRun.h"
@@ -95,9 +92,7 @@ void RunSequence::LaunchHostDaemons() const {
 bool RunSequence::StartExecutorProcess() const {
     Log_Level(kInfo, "Launching Executor\n");
     try {
-#ifdef LOFTER_HAS_EXECUTOR
         QorcliExecutor::Instance()->Reset();
-#endif
         return true;
     } catch (const std::exception& e) {
         Log_Level(kWarning, "Failed to start executor %s\n", e.what());
@@ -223,9 +218,7 @@ void RunSequence::WriteProfilingLog() {
 
 bool RunSequence::StopExecutorProcess() const {
     try {
-#ifdef LOFTER_HAS_EXECUTOR
         QorcliExecutor::Instance()->Stop();
-#endif
         return true;
     } catch (const std::exception& e) {
         Log_Level(kError, "Failed to stop Executor: %s\n", e.what());

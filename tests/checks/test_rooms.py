@@ -10,7 +10,7 @@ ROOMS = {
     "apps/lofter/plugins": {"apps/lofter/graph", "apps/lofter/executor", "apps/lofter/util", PLATFORM},
     "apps/lofter/graph": {PLATFORM},
     "apps/lofter/hopper": {"apps/lofter/plugins", "apps/lofter/graph", PLATFORM},
-    "apps/lofter/executor": {PLATFORM},
+    "apps/lofter/executor": {"apps/lofter/util", PLATFORM},
     "apps/lofter/util": set(),
     "apps/lofter": {"apps/lofter/plugins", "apps/lofter/graph", "apps/lofter/hopper", "apps/lofter/executor", "apps/lofter/util", PLATFORM},
     "apps/nativeExecutor": {"sdk"},

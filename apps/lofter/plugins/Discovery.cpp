@@ -8,6 +8,7 @@
 #include "Logging.h"
 #include "graph/NodeStore.h"
 #include "plugins/DebugPlugin.h"
+#include "plugins/JSONPlugin.h"
 #include "plugins/NativePlugin.h"
 
 namespace lofter {
@@ -25,6 +26,9 @@ std::unique_ptr<Plugin> ConstructKind(const std::string& name, const std::string
 Construct ConstructorFor(const std::string& extension) {
     if (extension == "so") {
         return ConstructKind<NativePlugin>;
+    }
+    if (extension == "json") {
+        return ConstructKind<JSONPlugin>;
     }
     return nullptr;
 }

@@ -1,0 +1,155 @@
+// The client's side: starting, feeding and stopping the executor process.
+
+#include "executor/QorcliExecutor.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Logging.h"
+#include "Paths.h"
+#include "executor/ControlSocket.h"
+#include "graph/GraphLock.h"
+#include "plugins/Exception.h"
+#include "util/ChildProcess.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr int kAttempts = 10;
+
+std::shared_ptr<QorcliExecutor> CreateInstance() {
+    if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
+        Log_Level(kWarning, "Lofter cannot ignore SIGPIPE\n");
+    }
+    return std::make_shared<QorcliExecutor>(paths::kControlSocket, paths::kExecutorLog);
+}
+
+}  // namespace
+
+QorcliExecutor* QorcliExecutor::Instance() {
+    // Never destroyed: workers may still hold it when the process ends.
+    static const auto* const instance = new std::shared_ptr<QorcliExecutor>(CreateInstance());
+    return instance->get();
+}
+
+QorcliExecutor::QorcliExecutor(std::string controlSocketPath, std::string outputLogPath)
+    : controlSocket(std::move(controlSocketPath)), outputLog(std::move(outputLogPath)) {}
+
+QorcliExecutor::~QorcliExecutor() = default;
+
+int QorcliExecutor::Connect(bool verbose) const {
+    const ControlSocketAddress address(controlSocket);
+    Descriptor connection(::socket(AF_UNIX, SOCK_STREAM, 0));
+    if (!connection) {
+        Log_Level(kError, "Failed creating lofter client socket %s\n", std::strerror(errno));
+        return -1;
+    }
+    if (::connect(connection.Get(), address.Get(), ControlSocketAddress::Length()) != 0) {
+        if (verbose) {
+            Log_Level(kError, "Failed connecting to executor %s\n", std::strerror(errno));
+        }
+        return -1;
+    }
+    return connection.Release();
+}
+
+void QorcliExecutor::Reset() {
+    // A connection that gets descriptor 0 counts as none and stays open, here and below: it has become standard input.
+    const int probe = Connect(false);
+    if (probe > 0) {
+        const Descriptor alive(probe);
+        return;
+    }
+    Log_Level(kInfo, "Setting up Executor - Reset Requested\n");
+    const pid_t child = ::fork();
+    if (child == -1) {
+        throw Exception(std::string("Failed to fork") + std::strerror(errno));
+    }
+    if (child == 0) {
+        RunProcess();
+    }
+    int status = 0;
+    if (!WaitForChild(child, status)) {
+        throw Exception("Failed collecting executor's exit status");
+    }
+    if (status != 0) {
+        throw Exception("Lofter executor failed to start");
+    }
+}
+
+void QorcliExecutor::SendCommand(const std::string& command) {
+    int reason = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const int connection = Connect(true);
+        if (connection > 0) {
+            Exchange(Descriptor(connection), command);
+            return;
+        }
+        reason = errno;
+        ResetLocked();
+    }
+    throw Exception(std::string("Could not connect to Executor:") + std::strerror(reason));
+}
+
+// Two threads that both find the executor gone must not fork two: the second finds the first one's answering.
+void QorcliExecutor::ResetLocked() {
+    const GraphLock lock;
+    try {
+        Reset();
+    } catch (const std::exception& e) {
+        Log_Level(kError, "Resetting Executor failed, retrying: %s\n", e.what());
+    } catch (...) {
+        Log_Level(kError, "Resetting Executor failed, retrying\n");
+    }
+}
+
+void QorcliExecutor::Exchange(Descriptor connection, const std::string& command) const {
+    const std::size_t length = std::strlen(command.c_str());
+    if (AcrossSignals([&] { return ::send(connection.Get(), command.c_str(), length, 0); }) == -1) {
+        throw Exception(std::string("Failed sending command to executor: ") + std::strerror(errno));
+    }
+    if (length == 0) {
+        // Nothing was sent, and the executor would wait for it. The end of input tells it that the command is empty.
+        ::shutdown(connection.Get(), SHUT_WR);
+    }
+    std::int32_t status = -1;
+    const ssize_t received = AcrossSignals([&] { return ::recv(connection.Get(), &status, sizeof status, 0); });
+    if (received <= 0) {
+        // The end of input leaves no reason behind, although the reason is clear.
+        const int reason = received == 0 ? ECONNRESET : errno;
+        throw Exception(std::string("Failed to recieve command status from Executor: ") + std::strerror(reason));
+    }
+    if (status != 0) {
+        throw Exception("Executor failed executing qorcli command: " + command);
+    }
+}
+
+void QorcliExecutor::Stop() const {
+    Descriptor connection(Connect(false));
+    if (!connection) {
+        Log_Level(kInfo, "Executor already gone.\n");
+        return;
+    }
+    if (AcrossSignals([&] { return ::send(connection.Get(), "stop", 4, 0); }) == -1) {
+        throw Exception(std::string("Failed sending STOP to executor") + std::strerror(errno));
+    }
+    std::array<char, 4> reply{};
+    const ssize_t received = AcrossSignals([&] { return ::recv(connection.Get(), reply.data(), reply.size(), 0); });
+    if (received <= 0) {
+        Log_Level(kInfo, "Executor has been Successfully Stopped\n");
+    }
+    // Left to the end of the process, which comes next.
+    static_cast<void>(connection.Release());
+}
+
+}  // namespace lofter

@@ -1,0 +1,140 @@
+// The executor process's side: its set-up after the fork, and the serving of commands.
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Logging.h"
+#include "executor/CommandLineRun.h"
+#include "executor/ControlSocket.h"
+#include "executor/QorcliExecutor.h"
+#include "plugins/Exception.h"
+#include "poll/poll.h"
+#include "util/ChildProcess.h"
+
+namespace lofter {
+
+namespace {
+
+constexpr int kBacklog = 16;
+constexpr std::size_t kLongestCommand = 1023;
+constexpr char kStopWord[] = "stop";
+
+// The listening socket's callback stays registered and fires whenever a connection is pending.
+constexpr int kPendingConnection = kPollPeriodic | kPollRead | kPollSocket;
+
+// Ends the event loop. Touched by the event-loop thread only.
+bool exitFlag = false;
+
+Exception SystemFailure(const char* what) {
+    return Exception(std::string(what) + std::strerror(errno));
+}
+
+// Any text that merely begins with the word counts; kept on purpose.
+bool IsStop(const char* command) {
+    return ::strncasecmp(command, kStopWord, std::strlen(kStopWord)) == 0;
+}
+
+}  // namespace
+
+// The child of a process whose other threads log, allocate and hold locks goes on in C++ here. What makes that safe:
+//  - the locks of logging and of memory allocation are fork-safe: both are free in the child;
+//  - the graph lock, whose owner is a thread of the parent, is never taken here: nothing below reaches the graph, the
+//    barriers or the settings record;
+//  - no object that another thread may have been using or creating at the fork is used: the dispatcher, the event loop
+//  and
+//    the CLI framework are first created in this process;
+//  - no descriptor of the parent stays open, such as the connection of another worker's client, which would hide that
+//    client's end from whoever waits for it, here or elsewhere. Logging connects again by itself.
+void QorcliExecutor::RunProcess() {
+    try {
+        CloseDescriptorsFrom(STDERR_FILENO + 1);
+        RedirectStandardStreams(outputLog);
+        SetupSocket();
+        if (::daemon(0, 1) != 0) {
+            throw Exception("Failed to daemonize");
+        }
+        ServeUntilStopped();
+        ::_exit(0);
+    } catch (const std::exception& e) {
+        Log_Level(kError, "Unable to start executor: %s\n", e.what());
+    } catch (...) {
+        Log_Level(kError, "Unable to start executor\n");
+    }
+    ::_exit(-1);
+}
+
+void QorcliExecutor::ServeUntilStopped() {
+    StartEventLoop();
+    Log_Level(kInfo, "Executor Reset - polling for commands\n");
+    ::pthread_join(eventLoopThread, nullptr);
+    listenSocket.Reset();
+}
+
+void QorcliExecutor::SetupSocket() {
+    const ControlSocketAddress address(controlSocket);
+    Descriptor created(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!created) {
+        throw SystemFailure("Error opening control socket for executor: ");
+    }
+    if (::bind(created.Get(), address.Get(), ControlSocketAddress::Length()) != 0) {
+        throw SystemFailure("Failed to bind to executor control socket: ");
+    }
+    if (::listen(created.Get(), kBacklog) != 0) {
+        throw SystemFailure("Failed to listen on executor control socket: ");
+    }
+    listenSocket = std::move(created);
+}
+
+void QorcliExecutor::StartEventLoop() {
+    if (::pthread_create(&eventLoopThread, nullptr, RunEventLoop, this) != 0) {
+        throw Exception("Failed creating Executor Event Loop thread");
+    }
+}
+
+void* QorcliExecutor::RunEventLoop(void* executor) {
+    int listening = static_cast<const QorcliExecutor*>(executor)->listenSocket.Get();
+    Poll_InitDefault();
+    if (Poll_Callback(kPollMainClassSet, kPendingConnection, HandleConnection, &listening, kPollDevice, listening,
+                      nullptr) != 0) {
+        Log_Level(kError, "Failed setting up Poll Loop for executor\n");
+        return nullptr;
+    }
+    Poll_Loop(true, &exitFlag, kPollMainClass);
+    return nullptr;
+}
+
+void QorcliExecutor::HandleConnection(void* listenSocketPointer) {
+    const int listening = *static_cast<const int*>(listenSocketPointer);
+    // Closed on exec: a process that a command leaves behind must not keep the connection open.
+    const Descriptor connection(AcrossSignals([&] { return ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC); }));
+    if (!connection) {
+        Log_Level(kWarning, "Error accepting connection on contol socket - %s\n\n", std::strerror(errno));
+        return;
+    }
+    std::array<char, kLongestCommand + 1> command{};
+    if (AcrossSignals([&] { return ::recv(connection.Get(), command.data(), kLongestCommand, 0); }) == -1) {
+        Log_Level(kWarning, "Failed to read message from socket - %s\n\n", std::strerror(errno));
+        return;
+    }
+    if (IsStop(command.data())) {
+        Log_Level(kInfo, "Lofter executor signalled to stop\n");
+        exitFlag = true;
+        Poll_NotifyChange(kPollMainClassSet);
+        Poll_CallbackRemove(kPollMainClassSet, kPendingConnection, HandleConnection, listenSocketPointer, kPollDevice);
+        return;
+    }
+    const std::int32_t status = RunCommandLine(command.data());
+    if (AcrossSignals([&] { return ::send(connection.Get(), &status, sizeof status, 0); }) == -1) {
+        Log_Level(kWarning, "Sending command status to lofter failed\n");
+    }
+}
+
+}  // namespace lofter

@@ -1,0 +1,422 @@
+#include "executor/QorcliExecutor.h"
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Logging.h"
+#include "executor/ControlSocket.h"
+#include "plugins/Exception.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+#include "support/WaitUntil.h"
+
+namespace lofter {
+namespace {
+
+using Lines = std::vector<std::string>;
+using test::LogCapture;
+
+std::string FailureOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const Exception& e) {
+        return e.what();
+    }
+    return {};
+}
+
+std::size_t OpenDescriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+// Executors that a test starts are adopted by the test and must all end well.
+class CommandExecutor : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_NE(QorcliExecutor::Instance(), nullptr);  // ignores SIGPIPE
+        ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    }
+    void TearDown() override {
+        executor.Stop();
+        EXPECT_EQ(ReapAll(), 0);
+        ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+    }
+    // Waits for every child; returns how many ended in any other way than with status 0.
+    static int ReapAll() {
+        int failed = 0;
+        int status = 0;
+        while (::waitpid(-1, &status, 0) > 0) {
+            failed += status == 0 ? 0 : 1;
+        }
+        return failed;
+    }
+    std::string Send(const std::string& command) {
+        return FailureOf([&] { executor.SendCommand(command); });
+    }
+    // A socket that listens at the executor's address.
+    Descriptor Listen() const {
+        const ControlSocketAddress address(socketPath);
+        Descriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(::bind(listening.Get(), address.Get(), ControlSocketAddress::Length()), 0);
+        EXPECT_EQ(::listen(listening.Get(), 16), 0);
+        return listening;
+    }
+
+    test::TemporaryDirectory directory;
+    std::string socketPath = directory / "socket";
+    QorcliExecutor executor{socketPath, directory / "log"};
+};
+
+TEST_F(CommandExecutor, IsStartedByTheFirstCommandThatFindsNone) {
+    const LogCapture log;
+    EXPECT_EQ(Send("--help"), "");
+    EXPECT_EQ(log.Lines(), Lines({"Failed connecting to executor No such file or directory",
+                                  "Setting up Executor - Reset Requested"}));
+}
+
+TEST_F(CommandExecutor, PrintsOnItsLogFile) {
+    EXPECT_EQ(Send("--help"), "");
+    EXPECT_NE(directory.Read("log").find("usage: "), std::string::npos);
+    EXPECT_EQ(std::filesystem::status(directory / "log").permissions() & std::filesystem::perms::all,
+              std::filesystem::perms(0644));
+}
+
+TEST_F(CommandExecutor, IsListeningWhenTheResetReturns) {
+    executor.Reset();
+    const Descriptor connection(executor.Connect(true));
+    EXPECT_GT(connection.Get(), 0);
+}
+
+TEST_F(CommandExecutor, IsNotStartedTwice) {
+    executor.Reset();
+    const LogCapture log;
+    executor.Reset();
+    EXPECT_EQ(log.Lines(), Lines());
+}
+
+TEST_F(CommandExecutor, FailsACommandAtOnceWithoutAnotherAttempt) {
+    executor.Reset();
+    const LogCapture log;
+    EXPECT_EQ(Send("no such command"), "Executor failed executing qorcli command: no such command");
+    EXPECT_EQ(log.Lines(), Lines());
+}
+
+TEST_F(CommandExecutor, TakesAnEmptyCommandForOneThatFails) {
+    EXPECT_EQ(Send(""), "Executor failed executing qorcli command: ");
+}
+
+TEST_F(CommandExecutor, IsGivenUpAfterTenAttempts) {
+    QorcliExecutor homeless(directory / "missing/socket", directory / "log");
+    const LogCapture log;
+    EXPECT_EQ(FailureOf([&] { homeless.SendCommand("--help"); }),
+              "Could not connect to Executor:No such file or directory");
+    Lines expected;
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        expected.insert(expected.end(), {"Failed connecting to executor No such file or directory",
+                                         "Setting up Executor - Reset Requested",
+                                         "Resetting Executor failed, retrying: Lofter executor failed to start"});
+    }
+    EXPECT_EQ(log.Lines(), expected);
+    EXPECT_EQ(log.Lines(kInfo).size(), 10U);
+    EXPECT_EQ(log.Lines(kError).size(), 20U);
+}
+
+TEST_F(CommandExecutor, DoesNotStartOnAStaleSocketFile) {
+    { const Descriptor stale = Listen(); }
+    EXPECT_EQ(FailureOf([&] { executor.Reset(); }), "Lofter executor failed to start");
+    EXPECT_EQ(FailureOf([&] { executor.SetupSocket(); }),
+              "Failed to bind to executor control socket: Address already in use");
+    EXPECT_EQ(Send("--help"), "Could not connect to Executor:Connection refused");
+}
+
+TEST_F(CommandExecutor, SaysThatTheFirstForkedProcessCouldNotBeCollected) {
+    const auto before = ::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(FailureOf([&] { executor.Reset(); }), "Failed collecting executor's exit status");
+    ::signal(SIGCHLD, before);
+}
+
+TEST_F(CommandExecutor, FailsACommandWhoseExecutorGoesAway) {
+    Descriptor listening = Listen();
+    std::thread dying([&listening] {
+        const Descriptor connection(::accept(listening.Get(), nullptr, nullptr));
+        std::array<char, 16> command{};
+        EXPECT_EQ(::recv(connection.Get(), command.data(), command.size(), 0), 3);
+    });
+    EXPECT_EQ(Send("run"), "Failed to recieve command status from Executor: Connection reset by peer");
+    dying.join();
+    listening.Reset();
+}
+
+TEST_F(CommandExecutor, FailsACommandThatItsExecutorRefusesToRead) {
+    Descriptor listening = Listen();
+    std::thread deaf([&listening] { const Descriptor unread(::accept(listening.Get(), nullptr, nullptr)); });
+    // More than fits into the socket. Whether some of it went out before the end is up to the scheduler.
+    const std::string failure = Send(std::string(8U << 20U, 'x'));
+    EXPECT_TRUE(failure == "Failed sending command to executor: Broken pipe" ||
+                failure == "Failed to recieve command status from Executor: Connection reset by peer")
+        << failure;
+    deaf.join();
+    listening.Reset();
+}
+
+TEST_F(CommandExecutor, IsReportedGoneWhenItIsToStopAndDoesNotRun) {
+    const LogCapture log;
+    executor.Stop();
+    EXPECT_EQ(log.Lines(kInfo), Lines({"Executor already gone."}));
+}
+
+TEST_F(CommandExecutor, StopsWithoutAReply) {
+    executor.Reset();
+    const LogCapture log;
+    executor.Stop();
+    EXPECT_EQ(log.Lines(kInfo), Lines({"Executor has been Successfully Stopped"}));
+    EXPECT_EQ(ReapAll(), 0);
+    EXPECT_EQ(executor.Connect(false), -1);
+    EXPECT_TRUE(std::filesystem::exists(socketPath));
+}
+
+TEST_F(CommandExecutor, StopsForAnyTextThatBeginsWithTheWord) {
+    for (const std::string word : {"stop", "STOP", "Stop", "stopwatch --now"}) {
+        std::filesystem::remove(socketPath);
+        executor.Reset();
+        EXPECT_EQ(Send(word), "Failed to recieve command status from Executor: Connection reset by peer") << word;
+        EXPECT_EQ(ReapAll(), 0) << word;
+        EXPECT_EQ(executor.Connect(false), -1) << word;
+    }
+}
+
+TEST_F(CommandExecutor, KeepsServingWhenAClientSaysNothingAndGoes) {
+    executor.Reset();
+    { const Descriptor silent(executor.Connect(true)); }
+    EXPECT_EQ(Send("--help"), "");
+}
+
+TEST_F(CommandExecutor, ServesTheNextClientAfterTheOneBeforeIt) {
+    executor.Reset();
+    Descriptor silent(executor.Connect(true));
+    std::atomic<bool> answered = false;
+    std::thread next([&] {
+        EXPECT_EQ(Send("--help"), "");
+        answered = true;
+    });
+    EXPECT_FALSE(answered);
+    silent.Reset();
+    next.join();
+    EXPECT_TRUE(answered);
+}
+
+TEST_F(CommandExecutor, RunsInASessionOfItsOwnInTheRootDirectory) {
+    EXPECT_EQ(Send("--help"), "");
+    // The only child: the process that was forked first has ended.
+    const std::string children = "/proc/self/task/" + std::to_string(::gettid()) + "/children";
+    std::ifstream stream(children);
+    pid_t child = 0;
+    ASSERT_TRUE(stream >> child);
+    EXPECT_EQ(::getsid(child), child);
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/cwd"), "/");
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/fd/0"), "/dev/null");
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/fd/1"), directory / "log");
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/fd/2"), directory / "log");
+}
+
+TEST_F(CommandExecutor, InheritsNoConnectionOfItsParent) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe(ends.data()), 0);
+    Descriptor readEnd(ends[0]);
+    Descriptor writeEnd(ends[1]);
+    executor.Reset();
+    writeEnd.Reset();
+    char nothing = 0;
+    EXPECT_EQ(::read(readEnd.Get(), &nothing, 1), 0);
+}
+
+TEST_F(CommandExecutor, LeavesNoDescriptorBehindInItsClient) {
+    executor.Reset();
+    const std::size_t before = OpenDescriptors();
+    Send("--help");
+    Send("unknown");
+    Send("");
+    executor.Reset();
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(CommandExecutor, CanBeForkedAgainAndAgainWhileThreadsLogAndAllocate) {
+    constexpr int threadCount = 16;
+    constexpr int resets = 200;
+    ::alarm(110);  // a child that hangs ends the test
+    LogCapture log;
+    std::atomic<bool> enough = false;
+    std::vector<std::thread> threads;
+    for (int number = 0; number < threadCount; ++number) {
+        threads.emplace_back([&enough, number] {
+            for (std::size_t round = 0; !enough; ++round) {
+                const std::vector<std::string> memory(1 + round % 64, std::string(round % 1024, 'x'));
+                Log_Level(kInfo, "thread %d has %zu strings\n", number, memory.size());
+            }
+        });
+    }
+    int failures = 0;
+    for (int reset = 0; reset < resets; ++reset) {
+        failures += FailureOf([&] { executor.Reset(); }).empty() ? 0 : 1;
+        executor.Stop();
+        std::filesystem::remove(socketPath);
+        log.Clear();
+    }
+    enough = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(ReapAll(), 0);
+    ::alarm(0);
+}
+
+// What the executor process does with one connection, seen from this process.
+class ExecutorConnection : public CommandExecutor {
+  protected:
+    void SetUp() override {
+        CommandExecutor::SetUp();
+        listening = Listen();
+    }
+    void TearDown() override {
+        listening.Reset();
+        CommandExecutor::TearDown();
+    }
+    // Nothing when the connection ends without a status.
+    std::optional<std::int32_t> StatusOf(const std::string& message) {
+        Descriptor client(executor.Connect(true));
+        EXPECT_EQ(::send(client.Get(), message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
+        ::shutdown(client.Get(), SHUT_WR);
+        int number = listening.Get();
+        QorcliExecutor::HandleConnection(&number);
+        std::int32_t status = -1;
+        if (::recv(client.Get(), &status, sizeof status, 0) != sizeof status) {
+            return std::nullopt;
+        }
+        return status;
+    }
+    // What came of the name of the command that was executed.
+    std::string ExecutedOf(const std::string& message) {
+        const LogCapture log;
+        EXPECT_EQ(StatusOf(message), 1);
+        const std::string line = log.Lines(kError).back();
+        const std::string head = "execution of '";
+        return line.substr(head.size(), line.find("' failed : ") - head.size());
+    }
+
+    Descriptor listening;
+};
+
+TEST_F(ExecutorConnection, IsAnsweredWithZeroWhenThereIsNothingToRun) {
+    EXPECT_EQ(StatusOf("--help"), 0);
+}
+
+TEST_F(ExecutorConnection, IsAnsweredWithOneAndALinePerErrorWhenTheCommandCannotBeParsed) {
+    const LogCapture log;
+    EXPECT_EQ(StatusOf("a --x b -y"), 1);
+    EXPECT_EQ(log.Lines(kError),
+              Lines({"Executor was unable to parse command: word after the first option: b",
+                     "Executor was unable to parse command: not of the form --name or --name=value: -y"}));
+}
+
+TEST_F(ExecutorConnection, WithoutAMessageIsAnEmptyCommand) {
+    const LogCapture log;
+    EXPECT_EQ(StatusOf(""), 1);
+    EXPECT_EQ(log.Lines(kError), Lines({"Executor was unable to parse command: empty command"}));
+}
+
+TEST_F(ExecutorConnection, IsAnsweredWithOneWhenTheCommandFails) {
+    const LogCapture log;
+    EXPECT_EQ(StatusOf("no such --x=1"), 1);
+    EXPECT_EQ(log.Lines(kError).back(), "execution of 'no such --x=1' failed : unknown command: no such");
+}
+
+TEST_F(ExecutorConnection, CarriesACommandOf1023Bytes) {
+    const std::string command(1023, 'c');
+    EXPECT_EQ(ExecutedOf(command), command);
+}
+
+TEST_F(ExecutorConnection, CutsLongerCommandsAfter1023Bytes) {
+    EXPECT_EQ(ExecutedOf(std::string(1024, 'c')), std::string(1023, 'c'));
+    EXPECT_EQ(ExecutedOf(std::string(2000, 'c')), std::string(1023, 'c'));
+}
+
+TEST_F(ExecutorConnection, EndsTheCommandAtANulByte) {
+    EXPECT_EQ(ExecutedOf(std::string("one\0two", 7)), "one");
+}
+
+TEST_F(ExecutorConnection, NeverTakesTheCommandForAFormat) {
+    EXPECT_EQ(ExecutedOf("%s%n%s"), "%s%n%s");
+}
+
+TEST_F(ExecutorConnection, ThatEndedBeforeItsStatusWasSentIsLogged) {
+    {
+        const Descriptor client(executor.Connect(true));
+        ASSERT_EQ(::send(client.Get(), "--help", 6, 0), 6);
+    }
+    const LogCapture log;
+    int number = listening.Get();
+    QorcliExecutor::HandleConnection(&number);
+    EXPECT_EQ(log.Lines(kWarning), Lines({"Sending command status to lofter failed"}));
+}
+
+TEST_F(ExecutorConnection, ThatCannotBeAcceptedIsLogged) {
+    const LogCapture log;
+    const Descriptor deaf(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    int number = deaf.Get();
+    QorcliExecutor::HandleConnection(&number);
+    EXPECT_EQ(log.Lines(kWarning), Lines({"Error accepting connection on contol socket - Invalid argument"}));
+}
+
+TEST_F(ExecutorConnection, ThatCannotBeReadIsLogged) {
+    // Only a network connection can be broken between connecting and reading.
+    const Descriptor server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const Descriptor client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(::bind(server.Get(), generic, length), 0);
+    ASSERT_EQ(::listen(server.Get(), 1), 0);
+    ASSERT_EQ(::getsockname(server.Get(), generic, &length), 0);
+    {
+        const Descriptor aborted(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(::connect(aborted.Get(), generic, length), 0);
+        const linger abortive{1, 0};
+        ASSERT_EQ(::setsockopt(aborted.Get(), SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive), 0);
+    }
+    const LogCapture log;
+    int number = server.Get();
+    QorcliExecutor::HandleConnection(&number);
+    EXPECT_EQ(log.Lines(kWarning), Lines({"Failed to read message from socket - Connection reset by peer"}));
+}
+
+TEST_F(ExecutorConnection, LeavesNoDescriptorBehind) {
+    StatusOf("--help");
+    const std::size_t before = OpenDescriptors();
+    StatusOf("--help");
+    StatusOf("a -b");
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+}  // namespace
+}  // namespace lofter
