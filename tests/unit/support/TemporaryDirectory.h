@@ -1,13 +1,13 @@
 // An empty directory that goes, with all that is in it, when its owner goes.
 #pragma once
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+
+#include <stdlib.h>
 
 namespace lofter::test {
 

@@ -1,9 +1,9 @@
 // Waits for a fact, with a bound.
 #pragma once
 
-#include <poll.h>
-
 #include <chrono>
+
+#include <poll.h>
 
 namespace lofter::test {
 
