@@ -1,0 +1,158 @@
+// Round trips through the command executor, each beside what it cannot do without: a connection with a message either
+// way, and the creation of a process.
+#include <array>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "executor/ControlSocket.h"
+#include "executor/QorcliDispatcher.h"
+#include "executor/QorcliExecutor.h"
+#include "plugins/Exception.h"
+#include "util/ChildProcess.h"
+#include "util/Descriptor.h"
+
+namespace lofter {
+namespace {
+
+constexpr char kProgram[] = "/bin/true";
+
+class Directory {
+  public:
+    Directory() {
+        std::string pattern = std::filesystem::temp_directory_path() / "lofter-bench-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("no directory " + pattern);
+        }
+        path = pattern;
+    }
+    ~Directory() { std::filesystem::remove_all(path); }
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+
+    std::filesystem::path path;
+};
+
+// An executor that knows one more command, `true`.
+class RunningExecutor {
+  public:
+    RunningExecutor() {
+        std::filesystem::create_directory(directory.path / "commands");
+        std::filesystem::create_symlink(kProgram, directory.path / "commands/true");
+        QorcliDispatcher::Instance()->AddExternalDirectory(directory.path / "commands");
+        client.Reset();
+    }
+    ~RunningExecutor() { client.Stop(); }
+    RunningExecutor(const RunningExecutor&) = delete;
+    RunningExecutor& operator=(const RunningExecutor&) = delete;
+
+    Directory directory;
+    QorcliExecutor client{directory.path / "socket", directory.path / "log"};
+};
+
+// A process that answers every message with four bytes and does nothing else.
+class BareServer {
+  public:
+    BareServer() : address(directory.path / "socket") {
+        Descriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (::bind(listening.Get(), address.Get(), ControlSocketAddress::Length()) != 0 ||
+            ::listen(listening.Get(), 16) != 0) {
+            throw std::runtime_error("no socket in " + directory.path.string());
+        }
+        process = ::fork();
+        if (process == 0) {
+            Serve(listening);
+        }
+    }
+    ~BareServer() {
+        ::kill(process, SIGKILL);
+        int status = 0;
+        WaitForChild(process, status);
+    }
+    BareServer(const BareServer&) = delete;
+    BareServer& operator=(const BareServer&) = delete;
+
+    bool RoundTrip() const {
+        const Descriptor connection(::socket(AF_UNIX, SOCK_STREAM, 0));
+        std::int32_t status = 0;
+        return ::connect(connection.Get(), address.Get(), ControlSocketAddress::Length()) == 0 &&
+               ::send(connection.Get(), "-", 1, 0) == 1 &&
+               ::recv(connection.Get(), &status, sizeof status, 0) == sizeof status;
+    }
+
+  private:
+    [[noreturn]] static void Serve(const Descriptor& listening) {
+        for (;;) {
+            const Descriptor connection(::accept4(listening.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+            std::array<char, 1024> message;
+            const std::int32_t status = 1;
+            if (::recv(connection.Get(), message.data(), message.size(), 0) > 0 &&
+                ::send(connection.Get(), &status, sizeof status, 0) != sizeof status) {
+                ::_exit(1);
+            }
+        }
+    }
+
+    Directory directory;
+    ControlSocketAddress address;
+    pid_t process = -1;
+};
+
+void BareRoundTrip(benchmark::State& state) {
+    const BareServer server;
+    for (auto round : state) {
+        if (!server.RoundTrip()) {
+            state.SkipWithError("no answer");
+            break;
+        }
+    }
+}
+BENCHMARK(BareRoundTrip)->UseRealTime();
+
+void RejectedCommand(benchmark::State& state) {
+    RunningExecutor executor;
+    for (auto round : state) {
+        try {
+            executor.client.SendCommand("-");
+            state.SkipWithError("not rejected");
+        } catch (const Exception&) {
+            continue;
+        }
+    }
+}
+BENCHMARK(RejectedCommand)->UseRealTime();
+
+void BareSpawn(benchmark::State& state) {
+    std::string word = kProgram;
+    std::array<char*, 2> arguments{word.data(), nullptr};
+    for (auto round : state) {
+        pid_t child = 0;
+        int status = -1;
+        if (::posix_spawn(&child, kProgram, nullptr, nullptr, arguments.data(), environ) != 0 ||
+            !WaitForChild(child, status) || status != 0) {
+            state.SkipWithError("it failed");
+            break;
+        }
+    }
+}
+BENCHMARK(BareSpawn)->UseRealTime();
+
+void CommandThatRunsAProgram(benchmark::State& state) {
+    RunningExecutor executor;
+    for (auto round : state) {
+        executor.client.SendCommand("true");
+    }
+}
+BENCHMARK(CommandThatRunsAProgram)->UseRealTime();
+
+}  // namespace
+}  // namespace lofter
