@@ -13,8 +13,9 @@ def Page(host, name):
 
 def Rendered(host, name):
     """The page as a reader sees it, without emphasis, on one line."""
-    text = subprocess.run(["mandoc", "-T", "utf8", Page(host, name)], check=True, stdout=subprocess.PIPE, text=True).stdout
-    return re.sub(r"(?<=[-\w])‐\s+", "", re.sub(r"\s+", " ", re.sub(".\b", "", text)))
+    command = ["mandoc", "-T", "utf8", "-O", "width=2000", Page(host, name)]
+    text = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+    return re.sub(r"\s+", " ", re.sub(".\b", "", text))
 
 
 def Options(host):
@@ -54,7 +55,7 @@ def Complete(host, *words, plugins=()):
 
 
 def test_completion_offers_every_option(host):
-    offered = [word.rstrip("=") for word in Complete(host, "")]
+    offered = sorted(word.rstrip("=") for word in Complete(host, ""))
     assert offered == sorted([*Options(host), "-h"])
     assert Complete(host, "--daemon") == ["--daemon", "--daemon-wait-timeout="]
 
