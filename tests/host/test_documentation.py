@@ -13,7 +13,7 @@ def Page(host, name):
 
 def Rendered(host, name):
     """The page as a reader sees it, without emphasis, on one line."""
-    command = ["mandoc", "-T", "utf8", "-O", "width=2000", Page(host, name)]
+    command = ["mandoc", "-T", "utf8", "-O", "width=900", Page(host, name)]
     text = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
     return re.sub(r"\s+", " ", re.sub(".\b", "", text))
 
