@@ -27,9 +27,9 @@ void KernelBootLog(const char* format, ...) {
         node.AddInput(text.get());
         node.Set();
     } catch (const std::exception& e) {
-        Log_Level(kWarning, "Exception occurred while logging msg: %s\n", e.what());
+        Log_Level(kWarning, "Exception occurred while logging msg: %s", e.what());
     } catch (...) {
-        Log_Level(kWarning, "Unexpected exception while logging msg\n");
+        Log_Level(kWarning, "Unexpected exception while logging msg");
     }
 }
 

@@ -21,7 +21,11 @@ constexpr std::size_t kFields = 4;
 std::vector<std::string> Split(const std::string& text, const char* separator) {
     using Separator = boost::escaped_list_separator<char>;
     const boost::tokenizer<Separator> tokens(text, Separator(kEscape, separator, kQuotes));
-    return {tokens.begin(), tokens.end()};
+    std::vector<std::string> fields;
+    for (const std::string& field : tokens) {  // once: a range constructor would split the text twice, to count first
+        fields.push_back(field);
+    }
+    return fields;
 }
 
 std::vector<std::string> BarrierNames(const std::string& field) {

@@ -82,7 +82,9 @@ void Discovery::DiscoverListed(const std::vector<std::string>& fileNames) {
 }
 
 void Discovery::ProcessFile(const std::string& fileName) {
-    const std::string path = (std::filesystem::path(input.pluginDirectory) / fileName).string();
+    // A listed name that begins with a slash does not lead out of the plugin directory.
+    const std::filesystem::path relative = std::filesystem::path(fileName).relative_path();
+    const std::string path = (std::filesystem::path(input.pluginDirectory) / relative).string();
     const std::size_t dot = fileName.rfind('.');
     if (dot == std::string::npos) {
         Log_Level(kWarning, "ignoring plugin '%s' of unspecified type...\n", fileName.c_str());

@@ -24,10 +24,11 @@ std::string ErrorText(int error) {
     return std::strerror(error);
 }
 
-// The rename must not become durable before the data that it publishes.
+// The rename must not become durable before the data that it publishes. A file that has gone is the rename's to report.
 void SyncFile(const std::string& path) {
     const Descriptor descriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
-    if (!SyncToDisk(descriptor.Get())) {
+    const bool isDone = descriptor ? SyncToDisk(descriptor.Get()) : errno == ENOENT;
+    if (!isDone) {
         throw std::runtime_error("unable to sync '" + path + "': " + ErrorText(errno));
     }
 }
@@ -87,9 +88,15 @@ void afstream::open(const char* path, std::ios_base::openmode mode) {
 void afstream::reopen(const char* path, std::ios_base::openmode mode) {
     open(path, mode);
     {
+        errno = 0;  // an empty destination is no failure of the system's
         std::ifstream current(path, std::ios_base::in | std::ios_base::binary);
         // Sets the fail state when nothing could be copied: there must be something to extend.
         *this << current.rdbuf();
+        flush();
+        // A copy that broke off in the middle does not.
+        if (good() && current.peek() != std::ifstream::traits_type::eof()) {
+            setstate(std::ios_base::badbit);
+        }
     }
     if (!good()) {
         throw std::runtime_error("failed to write to temp file: " + ErrorText(errno));

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kNeverFails = INT_MAX;
 
-std::array<std::atomic<int>, 2> successesLeft{kNeverFails, kNeverFails};
+std::array<std::atomic<int>, 3> successesLeft{kNeverFails, kNeverFails, kNeverFails};
 
 std::atomic<int>& SuccessesLeft(Call call) {
     return successesLeft.at(static_cast<std::size_t>(call));
@@ -41,8 +41,10 @@ extern "C" {
 
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*);
+int __real_system(const char*);
 int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*);
+int __wrap_system(const char*);
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                           void* argument) {
@@ -57,6 +59,14 @@ int __wrap_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t
         return ENOMEM;
     }
     return __real_pthread_cond_init(condition, attributes);
+}
+
+int __wrap_system(const char* command) {
+    if (lofter::test::MustFail(lofter::test::Call::System)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return __real_system(command);
 }
 
 }  // extern "C"

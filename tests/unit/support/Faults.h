@@ -4,7 +4,7 @@
 
 namespace lofter::test {
 
-enum class Call { PthreadCreate, PthreadCondInit };
+enum class Call { PthreadCreate, PthreadCondInit, System };
 
 // From construction to destruction, the call fails after it has succeeded `successes` times more.
 class FailingCall {

@@ -1,0 +1,341 @@
+#include "Activation.h"
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Settings.h"
+#include "graph/Executor.h"
+#include "graph/GraphRun.h"
+#include "plugins/Exception.h"
+#include "plugins/Plugin.h"
+#include "support/ChildOutcome.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+
+namespace lofter {
+namespace {
+
+using Texts = std::vector<std::string>;
+using Entries = std::vector<test::LogCapture::Entry>;
+
+// Notes which operations were called; each does what the test wants.
+class FakePlugin : public Plugin {
+  public:
+    using Operation = std::function<void()>;
+
+    explicit FakePlugin(
+        Operation startOperation = [] {}, const std::string& pluginName = "net")
+        : Plugin(pluginName), start(std::move(startOperation)) {}
+
+    void StartPlugin() override {
+        calls += "start ";
+        start();
+    }
+    bool HasApplyHostProfile() const override {
+        hasApply();
+        return takesPart;
+    }
+    void ApplyHostProfile() override {
+        calls += "apply ";
+        apply();
+    }
+
+    std::string calls;
+    bool takesPart = false;
+    Operation start;
+    Operation apply = [] {
+    };
+    Operation hasApply = [] {
+    };
+};
+
+void FailAsMethod() {
+    throw MethodFailedException("start", "net", "x");
+}
+
+void FailOtherwise() {
+    throw std::runtime_error("out of cheese");
+}
+
+void FailWithoutText() {
+    throw 42;
+}
+
+class Activation : public testing::Test {
+  protected:
+    ~Activation() override { Settings::Instance() = before; }
+
+    const Settings before = Settings::Instance();
+    Settings& settings = Settings::Instance();
+};
+
+// ---- The outcome in the system log and the kernel's boot log, on a host that has nothing but the latter
+
+struct Report {
+    std::string bootLog;
+    std::string systemLog;  // "<level> <text>|" per message
+    bool operator==(const Report&) const = default;
+};
+
+void PrintTo(const Report& report, std::ostream* stream) {
+    *stream << report.bootLog << "\n" << report.systemLog;
+}
+
+class ActivationReport : public Activation {
+  protected:
+    ActivationReport() { host.Write("dev/kmsg", ""); }
+
+    Report Activate(FakePlugin& plugin) {
+        Report report;
+        report.systemLog = test::InForkedChild([&] {
+            const test::LogCapture log;
+            test::EnterRoot(host.Path());
+            plugin.Start();
+            std::string text;
+            for (const auto& entry : log.Entries()) {
+                text += std::to_string(entry.level) + " " + entry.text + "|";
+            }
+            return std::regex_replace(text, std::regex("took [0-9]+ us"), "took N us");
+        });
+        report.bootLog = std::regex_replace(host.Read("dev/kmsg"), std::regex("<6>lofter: "), "|");
+        host.Write("dev/kmsg", "");
+        return report;
+    }
+
+    Report Activate(const FakePlugin::Operation& start) {
+        FakePlugin plugin(start);
+        return Activate(plugin);
+    }
+
+    test::TemporaryDirectory host;
+};
+
+TEST_F(ActivationReport, OfASuccessNamesThePluginTwiceInTheBootLog) {
+    EXPECT_EQ(Activate([] {}), (Report{"|Activating Lofter plugin net.|Lofter plugin net activated.",
+                                       "125 executing start plugin: net|"}));
+}
+
+TEST_F(ActivationReport, OfAFailedMethodCarriesItsText) {
+    EXPECT_EQ(Activate(FailAsMethod),
+              (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: net->start() failed: x",
+                      "125 executing start plugin: net|110 Method invocation failed: net->start() failed: x|"}));
+}
+
+TEST_F(ActivationReport, OfAnyOtherExceptionCarriesItsText) {
+    EXPECT_EQ(
+        Activate(FailOtherwise),
+        (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: out of cheese",
+                "125 executing start plugin: net|110 unhandled exception whilst processing net: out of cheese|"}));
+}
+
+TEST_F(ActivationReport, OfSomethingElseThrownSaysThatItIsUnknown) {
+    EXPECT_EQ(Activate(FailWithoutText),
+              (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: unknown exception",
+                      "125 executing start plugin: net|110 ignoring unknown exception whilst processing net ...|"}));
+}
+
+TEST_F(ActivationReport, OfAHostProfilePredicateThatThrowsIsAFailure) {
+    FakePlugin plugin;
+    plugin.hasApply = FailOtherwise;
+    EXPECT_EQ(Activate(plugin),
+              (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: out of cheese",
+                      "110 unhandled exception whilst processing net: out of cheese|"}));
+}
+
+TEST_F(ActivationReport, OfATracedRunHasBothEndsForSuccessAndFailureAlike) {
+    settings.trace = true;
+    EXPECT_EQ(Activate([] {}).systemLog,
+              "125 starting execution of plugin: net|125 executing start plugin: net|"
+              "125 completed execution of plugin: net (took N us)|");
+    EXPECT_EQ(Activate(FailAsMethod).systemLog,
+              "125 starting execution of plugin: net|125 executing start plugin: net|"
+              "110 Method invocation failed: net->start() failed: x|"
+              "125 completed execution of plugin: net (took N us)|");
+}
+
+TEST_F(ActivationReport, OfAMethodThatIsNotKnownIsASuccessWithoutACall) {
+    for (const std::string method : {"stop", "Start", "apply", "start "}) {
+        settings.method = method;
+        EXPECT_EQ(Activate(FailAsMethod), (Report{"|Activating Lofter plugin net.|Lofter plugin net activated.", ""}));
+    }
+}
+
+TEST_F(ActivationReport, OfANamedMethodThatFailsSaysThatTheInvocationFailed) {
+    settings.method = "start";
+    EXPECT_EQ(Activate(FailOtherwise),
+              (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: Method invocation failed",
+                      "125 executing start plugin: net|"
+                      "110 unable to invoke method 'start' on plugin 'net': out of cheese|"}));
+}
+
+TEST_F(ActivationReport, OfAnOddNameKeepsItAsItIs) {
+    FakePlugin plugin([] {}, "%s 'n\xc3\xa4me' %n");
+    EXPECT_EQ(Activate(plugin), (Report{"|Activating Lofter plugin %s 'n\xc3\xa4me' %n.|"
+                                        "Lofter plugin %s 'n\xc3\xa4me' %n activated.",
+                                        "125 executing start plugin: %s 'n\xc3\xa4me' %n|"}));
+}
+
+// ---- Host profiles
+
+TEST_F(ActivationReport, WithoutAHostProfileIsThatOfTheStartOperation) {
+    FakePlugin plugin;
+    plugin.takesPart = true;
+    EXPECT_EQ(Activate(plugin).systemLog, "125 executing start plugin: net|");
+}
+
+TEST_F(ActivationReport, WithAHostProfileIsThatOfTheHostProfileOperation) {
+    FakePlugin plugin;
+    plugin.takesPart = true;
+    for (const std::string file : {"etc/tessel/hostprofile.xml", "etc/tessel/hostprofile.xml.gz"}) {
+        host.Write(file, "");
+        EXPECT_EQ(Activate(plugin), (Report{"|Activating Lofter plugin net.|Lofter plugin net activated.",
+                                            "125 executing host profile plugin: net|"}))
+            << file;
+        std::filesystem::remove(host / file);
+    }
+}
+
+TEST_F(ActivationReport, WithAHostProfileIsThatOfTheStartOperationForPluginsThatTakeNoPart) {
+    host.Write("etc/tessel/hostprofile.xml", "");
+    EXPECT_EQ(Activate([] {}).systemLog, "125 executing start plugin: net|");
+}
+
+TEST_F(ActivationReport, OfAFailingHostProfileCarriesItsText) {
+    host.Write("etc/tessel/hostprofile.xml", "");
+    FakePlugin plugin;
+    plugin.takesPart = true;
+    plugin.apply = [] {
+        throw NotImplementedException("DebugPlugin::ApplyHostProfile");
+    };
+    EXPECT_EQ(Activate(plugin).bootLog,
+              "|Activating Lofter plugin net.|Lofter plugin net activation failed: "
+              "method `DebugPlugin::ApplyHostProfile' is not implemented");
+}
+
+TEST_F(ActivationReport, WithANamedMethodTakesNoNoticeOfHostProfiles) {
+    host.Write("etc/tessel/hostprofile.xml", "");
+    FakePlugin plugin;
+    plugin.takesPart = true;
+    settings.method = "start";
+    EXPECT_EQ(Activate(plugin).systemLog, "125 executing start plugin: net|");
+}
+
+TEST_F(ActivationReport, LooksForAHostProfileOncePerProcess) {
+    EXPECT_EQ(test::InForkedChild([&] {
+                  test::EnterRoot(host.Path());
+                  FakePlugin bystander;
+                  bystander.Start();  // does not ask
+                  std::filesystem::create_directories("/etc/tessel");
+                  std::ofstream("/etc/tessel/hostprofile.xml.gz") << "";
+                  FakePlugin first;
+                  first.takesPart = true;
+                  first.Start();
+                  std::filesystem::remove("/etc/tessel/hostprofile.xml.gz");
+                  FakePlugin second;
+                  second.takesPart = true;
+                  second.Start();
+                  return bystander.calls + first.calls + second.calls;
+              }),
+              "start apply apply ");
+    EXPECT_EQ(test::InForkedChild([&] {
+                  test::EnterRoot(host.Path());
+                  FakePlugin first;
+                  first.takesPart = true;
+                  first.Start();
+                  std::ofstream("/etc/tessel/hostprofile.xml") << "";
+                  FakePlugin second;
+                  second.takesPart = true;
+                  second.Start();
+                  return first.calls + second.calls;
+              }),
+              "start start ");
+}
+
+// ---- Times
+
+TEST_F(Activation, StampsBothTimesAroundTheOperation) {
+    FakePlugin plugin;
+    timeval within{};
+    plugin.start = [&] {
+        gettimeofday(&within, nullptr);
+        EXPECT_FALSE(timercmp(&plugin.StartTime(), &within, >));
+        EXPECT_EQ(plugin.EndTime().tv_sec, 0);
+    };
+    timeval earliest{};
+    gettimeofday(&earliest, nullptr);
+    plugin.Start();
+    timeval latest{};
+    gettimeofday(&latest, nullptr);
+    EXPECT_FALSE(timercmp(&plugin.StartTime(), &earliest, <));
+    EXPECT_FALSE(timercmp(&plugin.EndTime(), &within, <));
+    EXPECT_FALSE(timercmp(&plugin.EndTime(), &latest, >));
+}
+
+TEST_F(Activation, StampsTheEndOfAFailureToo) {
+    FakePlugin plugin(FailWithoutText);
+    plugin.Start();
+    EXPECT_GT(plugin.EndTime().tv_sec, 0);
+}
+
+TEST_F(Activation, LetsWhatDependsOnAFailedPluginRun) {
+    FakePlugin provider(FailOtherwise);
+    FakePlugin consumer([] {}, "ntp");
+    consumer.AddDependency(provider);
+    Executor executor(1, false);
+    StartRun({&consumer, &provider}, executor);
+    EXPECT_EQ(provider.State(), NodeState::Started);
+    EXPECT_EQ(consumer.calls, "start ");
+}
+
+// ---- Methods by name
+
+class InvokeMethodTest : public Activation {
+  protected:
+    test::LogCapture log;
+};
+
+TEST_F(InvokeMethodTest, CallsTheOperationOfThatName) {
+    FakePlugin plugin;
+    EXPECT_TRUE(InvokeMethod(plugin, "start"));
+    EXPECT_TRUE(InvokeMethod(plugin, "apply_host_profile"));
+    EXPECT_EQ(plugin.calls, "start apply ");
+    EXPECT_EQ(log.Entries(),
+              (Entries{{125, "executing start plugin: net"}, {125, "executing host profile plugin: net"}}));
+}
+
+TEST_F(InvokeMethodTest, SucceedsWithoutACallForAnyOtherName) {
+    FakePlugin plugin;
+    for (const std::string method : {"stop", "restart", "", "StartPlugin"}) {
+        EXPECT_TRUE(InvokeMethod(plugin, method));
+    }
+    EXPECT_EQ(plugin.calls, "");
+    EXPECT_EQ(log.Entries(), Entries{});
+}
+
+TEST_F(InvokeMethodTest, ReportsEveryKindOfFailure) {
+    for (const auto& [operation, message] : std::vector<std::pair<FakePlugin::Operation, std::string>>{
+             {FailAsMethod, "Method invocation failed: net->start() failed: x"},
+             {FailOtherwise, "unable to invoke method 'start' on plugin 'net': out of cheese"},
+             {FailWithoutText, "unknown exception whilst attempting to execute method 'start' on plugin 'net'"}}) {
+        log.Clear();
+        FakePlugin plugin(operation);
+        EXPECT_FALSE(InvokeMethod(plugin, "start"));
+        EXPECT_EQ(log.Lines(110), Texts{message});
+    }
+    FakePlugin plugin;
+    plugin.apply = FailOtherwise;
+    log.Clear();
+    EXPECT_FALSE(InvokeMethod(plugin, "apply_host_profile"));
+    EXPECT_EQ(log.Lines(110), Texts{"unable to invoke method 'apply_host_profile' on plugin 'net': out of cheese"});
+}
+
+}  // namespace
+}  // namespace lofter

@@ -1,0 +1,88 @@
+#include "plugins/DebugPlugin.h"
+
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "graph/Barriers.h"
+#include "plugins/Exception.h"
+#include "support/Faults.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TestGraph.h"
+
+namespace lofter {
+namespace {
+
+using Entries = std::vector<test::LogCapture::Entry>;
+
+class DebugPluginTest : public testing::Test {
+  protected:
+    ~DebugPluginTest() override { ForgetGraph(); }
+
+    static void Run(const std::string& command) { DebugPlugin({"step", {}, {}, command}).StartPlugin(); }
+
+    test::LogCapture log;
+    test::TemporaryDirectory folder;
+};
+
+TEST_F(DebugPluginTest, LinksToTheBarriersOfItsEntryInTheirOrder) {
+    const DebugPlugin plugin({"step", {"b", "a"}, {"d", "c"}, "true"});
+    EXPECT_EQ(plugin.Name(), "step");
+    EXPECT_EQ(test::Names(plugin.Dependencies()), "b a");
+    EXPECT_EQ(test::Names(plugin.Dependents()), "d c");
+}
+
+TEST_F(DebugPluginTest, IsOfVersionOneAndNeedsNoFlags) {
+    const DebugPlugin plugin({"step", {}, {}, "true"});
+    EXPECT_EQ(plugin.GetVersion(), 1);
+    EXPECT_EQ(plugin.PluginVersion(), "");
+    EXPECT_FALSE(plugin.RunOnce());
+    EXPECT_TRUE(plugin.RequiredFlags().empty());
+    EXPECT_TRUE(plugin.DisablingFlags().empty());
+    EXPECT_EQ(plugin.ScheduleClass(), 1U);
+    EXPECT_EQ(plugin.DotAttributes(), "");
+}
+
+TEST_F(DebugPluginTest, RunsItsCommandThroughTheShell) {
+    Run("echo one > '" + (folder / "out") + "'; echo two >> '" + (folder / "out") + "'");
+    EXPECT_EQ(folder.Read("out"), "one\ntwo\n");
+    EXPECT_EQ(log.Entries(), Entries{});
+}
+
+TEST_F(DebugPluginTest, DoesNotRunItsCommandBeforeItIsStarted) {
+    const DebugPlugin plugin({"step", {}, {}, "echo > '" + (folder / "out") + "'"});
+    EXPECT_EQ(folder.Read("out"), "");
+    EXPECT_FALSE(std::filesystem::exists(folder / "out"));
+}
+
+TEST_F(DebugPluginTest, LogsTheRawWaitStatusOfACommandThatFails) {
+    Run("exit 1");
+    Run("exit 255");
+    Run("kill -9 $$");
+    Run("/no/such/command 2>/dev/null");
+    EXPECT_EQ(log.Entries(), (Entries{{125, "debug injection 'step' returned 0x000100"},
+                                      {125, "debug injection 'step' returned 0x00ff00"},
+                                      {125, "debug injection 'step' returned 0x000009"},
+                                      {125, "debug injection 'step' returned 0x007f00"}}));
+}
+
+TEST_F(DebugPluginTest, LogsAShellThatCouldNotBeRun) {
+    const test::FailingCall noShell(test::Call::System, 0);
+    Run("true");
+    EXPECT_EQ(log.Entries(), (Entries{{125, "debug injection 'step' returned 0xffffffff"}}));
+}
+
+TEST_F(DebugPluginTest, TakesNoPartInHostProfiles) {
+    DebugPlugin plugin({"step", {}, {}, "true"});
+    EXPECT_FALSE(plugin.HasApplyHostProfile());
+    try {
+        plugin.ApplyHostProfile();
+        FAIL() << "was applied";
+    } catch (const NotImplementedException& failure) {
+        EXPECT_STREQ(failure.what(), "method `DebugPlugin::ApplyHostProfile' is not implemented");
+    }
+}
+
+}  // namespace
+}  // namespace lofter
