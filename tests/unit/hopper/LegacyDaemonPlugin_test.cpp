@@ -1,6 +1,7 @@
 #include "hopper/LegacyDaemonPlugin.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Settings.h"
@@ -87,6 +88,7 @@ TEST_F(LegacyDaemonPluginTest, TakesTheTimeOutAsASignedNumber) {
     const test::LogCapture log;
     EXPECT_NO_THROW(patient.StartPlugin());
     EXPECT_THROW(hasty.StartPlugin(), MethodFailedException);
+    EXPECT_GT(waitpid(-1, nullptr, 0), 0) << "the script was to run on";
     EXPECT_EQ(log.Lines(), (std::vector<std::string>{"patient started.",
                                                      "Lofter failed to start: hasty reason: Execution of command: '" +
                                                          script + " start' timed out."}));
