@@ -377,5 +377,44 @@ TEST_F(RunOnceRule, LetsTheSecondOfTwoPluginsOfOneKeyNotRun) {
     EXPECT_EQ(list.at(1)->State(), NodeState::Started);
 }
 
+// ---- JSON plugins
+
+class JSONFiles : public DiscoveryTest {
+  protected:
+    void WritePlugin(const std::string& fileName, const std::string& release) const {
+        folder.Write("plugins/" + fileName,
+                     R"({"metadata": {"version": 3, "requires": [], "provides": ["link"], "run_once": true,)"
+                     R"( "plugin_version": ")" +
+                         release + R"("}, "operations": {"start": []}})");
+    }
+};
+
+TEST_F(JSONFiles, AreNamedLikeEveryOtherPlugin) {
+    for (const std::string name : {"a.b.json", "libnet.json", "net.json", "lib.json"}) {
+        WritePlugin(name, "");
+    }
+    DiscoverListed({"a.b.json", "libnet.json", "lib.json"});
+    EXPECT_EQ(Found(), "a.b net ");
+    EXPECT_EQ(runOnce, (Flags{"", "a.b", "net"}));
+}
+
+TEST_F(JSONFiles, AreRecordedWithTheirVersionBehindTheirName) {
+    WritePlugin("net.json", "1.0");
+    DiscoverAll();
+    EXPECT_EQ(runOnce, Flags{"net1.0"});
+    DiscoverAll();
+    EXPECT_EQ(list.at(1)->State(), NodeState::Started);
+    EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' because version '1.0'  has already been run."}}));
+}
+
+TEST_F(JSONFiles, AreNeverRecognisedWhenTheirVersionHasABlank) {
+    WritePlugin("net.json", "1.0 beta");
+    DiscoverAll();
+    DiscoverAll();
+    EXPECT_EQ(runOnce, Flags{"net1.0beta"});
+    EXPECT_EQ(list.at(1)->State(), NodeState::Idle);
+    EXPECT_EQ(log.Entries(), Entries{});
+}
+
 }  // namespace
 }  // namespace lofter
