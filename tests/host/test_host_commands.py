@@ -250,19 +250,39 @@ def test_a_command_that_kills_the_executor_and_removes_its_socket_gets_a_new_one
     assert "Executor has been Successfully Stopped" in syslog.Texts(INFO)
 
 
-def test_an_executor_that_is_killed_before_the_first_command(commands):
-    # Known by its output among the processes of the root.
+@pytest.fixture
+def killer(commands):
+    """The program end-executor kills the executor, known by its output among the processes of the root, and sees it gone."""
     commands.WriteScript("/usr/bin/end-executor", f"""
         for process in /proc/[0-9]*; do
-            [ "$(readlink $process/fd/1)" = {LOG} ] && kill -9 ${{process#/proc/}}
-        done
-        rm {SOCKET}""")
-    commands.DebugConfiguration("killer::killed:end-executor")
-    commands.Plugin("note.json", Document(["note --text=ran"], requires=["killed"]))
-    syslog = commands.Syslog()
-    Boot(commands)
-    assert Notes(commands) == ["ran"]
+            [ "$(readlink $process/fd/1)" = {LOG} ] || continue
+            kill -9 ${{process#/proc/}}
+            while [ -d $process ]; do :; done
+        done""")
+    return commands
+
+
+def test_an_executor_that_is_killed_before_the_first_command(killer):
+    killer.DebugConfiguration(f"killer::killed:end-executor; rm {SOCKET}")
+    killer.Plugin("note.json", Document(["note --text=ran"], requires=["killed"]))
+    syslog = killer.Syslog()
+    Boot(killer)
+    assert Notes(killer) == ["ran"]
     assert syslog.Texts(INFO).count(RESET) == 2
+
+
+def test_an_executor_that_is_killed_after_a_command(killer):
+    killer.DebugConfiguration("killer:first:killed:end-executor")
+    killer.Plugin("first.json", Document(["note --text=first"], provides=["first"]))
+    killer.Plugin("second.json", Document(["note --text=second"], requires=["killed"]))
+    syslog = killer.Syslog()
+    Boot(killer)
+    # Its socket file is still there, so there is no other executor.
+    assert Notes(killer) == ["first"]
+    errors = syslog.Texts(ERROR)
+    assert errors.count("Unable to start executor: Failed to bind to executor control socket: Address already in use") == 10
+    assert GAVE_UP + "Connection refused" in errors
+    assert "Executor already gone." in syslog.Texts(INFO)
 
 
 def test_a_command_that_closes_its_output_is_waited_for(commands):

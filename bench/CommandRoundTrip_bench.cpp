@@ -45,6 +45,14 @@ class Directory {
 // An executor that knows one more command, `true`.
 class RunningExecutor {
   public:
+    static QorcliExecutor& Client() {
+        static RunningExecutor executor;
+        return executor.client;
+    }
+    RunningExecutor(const RunningExecutor&) = delete;
+    RunningExecutor& operator=(const RunningExecutor&) = delete;
+
+  private:
     RunningExecutor() {
         std::filesystem::create_directory(directory.path / "commands");
         std::filesystem::create_symlink(kProgram, directory.path / "commands/true");
@@ -52,8 +60,6 @@ class RunningExecutor {
         client.Reset();
     }
     ~RunningExecutor() { client.Stop(); }
-    RunningExecutor(const RunningExecutor&) = delete;
-    RunningExecutor& operator=(const RunningExecutor&) = delete;
 
     Directory directory;
     QorcliExecutor client{directory.path / "socket", directory.path / "log"};
@@ -119,10 +125,10 @@ void BareRoundTrip(benchmark::State& state) {
 BENCHMARK(BareRoundTrip)->UseRealTime();
 
 void RejectedCommand(benchmark::State& state) {
-    RunningExecutor executor;
+    QorcliExecutor& executor = RunningExecutor::Client();
     for (auto round : state) {
         try {
-            executor.client.SendCommand("-");
+            executor.SendCommand("-");
             state.SkipWithError("not rejected");
         } catch (const Exception&) {
             continue;
@@ -147,9 +153,9 @@ void BareSpawn(benchmark::State& state) {
 BENCHMARK(BareSpawn)->UseRealTime();
 
 void CommandThatRunsAProgram(benchmark::State& state) {
-    RunningExecutor executor;
+    QorcliExecutor& executor = RunningExecutor::Client();
     for (auto round : state) {
-        executor.client.SendCommand("true");
+        executor.SendCommand("true");
     }
 }
 BENCHMARK(CommandThatRunsAProgram)->UseRealTime();
