@@ -47,6 +47,32 @@ std::size_t OpenDescriptors() {
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
+// Attributes of threads whose stacks are too small for a forked child to use them again: the thread sanitizer would
+// take the child's new thread for the parent's.
+class SmallStack {
+  public:
+    SmallStack() {
+        ::pthread_attr_init(&attributes);
+        ::pthread_attr_setstacksize(&attributes, 1U << 20U);
+    }
+    ~SmallStack() { ::pthread_attr_destroy(&attributes); }
+    SmallStack(const SmallStack&) = delete;
+    SmallStack& operator=(const SmallStack&) = delete;
+    const pthread_attr_t* Get() const { return &attributes; }
+
+  private:
+    pthread_attr_t attributes{};
+};
+
+// A thread that keeps the locks of logging and allocation busy until the flag is set.
+void* LogAndAllocate(void* enough) {
+    for (std::size_t round = 0; !*static_cast<const std::atomic<bool>*>(enough); ++round) {
+        const std::vector<std::string> memory(1 + round % 64, std::string(round % 1024, 'x'));
+        Log_Level(kInfo, "round %zu has %zu strings\n", round, memory.size());
+    }
+    return nullptr;
+}
+
 // Executors that a test starts are adopted by the test and must all end well.
 class CommandExecutor : public testing::Test {
   protected:
@@ -264,14 +290,9 @@ TEST_F(CommandExecutor, CanBeForkedAgainAndAgainWhileThreadsLogAndAllocate) {
     ::alarm(110);  // a child that hangs ends the test
     LogCapture log;
     std::atomic<bool> enough = false;
-    std::vector<std::thread> threads;
-    for (int number = 0; number < threadCount; ++number) {
-        threads.emplace_back([&enough, number] {
-            for (std::size_t round = 0; !enough; ++round) {
-                const std::vector<std::string> memory(1 + round % 64, std::string(round % 1024, 'x'));
-                Log_Level(kInfo, "thread %d has %zu strings\n", number, memory.size());
-            }
-        });
+    std::vector<pthread_t> threads(threadCount);
+    for (pthread_t& thread : threads) {
+        ASSERT_EQ(::pthread_create(&thread, SmallStack().Get(), LogAndAllocate, &enough), 0);
     }
     int failures = 0;
     for (int reset = 0; reset < resets; ++reset) {
@@ -281,8 +302,8 @@ TEST_F(CommandExecutor, CanBeForkedAgainAndAgainWhileThreadsLogAndAllocate) {
         log.Clear();
     }
     enough = true;
-    for (std::thread& thread : threads) {
-        thread.join();
+    for (const pthread_t thread : threads) {
+        ::pthread_join(thread, nullptr);
     }
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(ReapAll(), 0);
