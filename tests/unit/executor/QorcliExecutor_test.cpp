@@ -69,6 +69,7 @@ void* LogAndAllocate(void* enough) {
     for (std::size_t round = 0; !*static_cast<const std::atomic<bool>*>(enough); ++round) {
         const std::vector<std::string> memory(1 + round % 64, std::string(round % 1024, 'x'));
         Log_Level(kInfo, "round %zu has %zu strings\n", round, memory.size());
+        std::this_thread::yield();
     }
     return nullptr;
 }
@@ -287,7 +288,7 @@ TEST_F(CommandExecutor, LeavesNoDescriptorBehindInItsClient) {
 TEST_F(CommandExecutor, CanBeForkedAgainAndAgainWhileThreadsLogAndAllocate) {
     constexpr int threadCount = 16;
     constexpr int resets = 200;
-    ::alarm(110);  // a child that hangs ends the test
+    ::alarm(280);  // a child that hangs ends the test
     LogCapture log;
     std::atomic<bool> enough = false;
     std::vector<pthread_t> threads(threadCount);
