@@ -52,6 +52,13 @@ bool IsCutShort(const std::string& path) {
     });
 }
 
+// A pipe or a device, which the loader would wait for. The loader has a reason of its own for everything else.
+bool IsSpecialFile(const std::string& path) {
+    std::error_code failure;
+    const std::filesystem::file_status status = std::filesystem::status(path, failure);
+    return std::filesystem::exists(status) && std::filesystem::is_other(status);
+}
+
 std::string LoaderReason() {
     const char* reason = dlerror();
     return reason != nullptr ? reason : "";
@@ -65,6 +72,9 @@ void SharedObject::Unload::operator()(void* object) const {
 }
 
 SharedObject::SharedObject(const std::string& objectPath) : path(objectPath) {
+    if (IsSpecialFile(path)) {
+        throw InvalidPluginException(path, path + ": not a regular file");
+    }
     if (IsCutShort(path)) {
         throw InvalidPluginException(path, path + ": file too short");  // the loader's own words for shorter ones
     }

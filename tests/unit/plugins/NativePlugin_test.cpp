@@ -211,6 +211,17 @@ TEST_F(NativePluginTest, GivesTheLoadersReasonForMissingData) {
               "plugin `" + path + "' is invalid: " + path + ": undefined symbol: nobody_has_this_data");
 }
 
+TEST_F(NativePluginTest, DoesNotWaitForAPipe) {
+    const std::string path = folder / "pipe.so";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    try {
+        Load(path);
+        FAIL() << "no exception";
+    } catch (const InvalidPluginException& e) {
+        EXPECT_EQ(e.what(), "plugin `" + path + "' is invalid: " + path + ": not a regular file");
+    }
+}
+
 TEST_F(NativePluginTest, GivesTheLoadersReasonForWhatIsNoSharedObject) {
     folder.Write("text.so", "#!/bin/sh\n# not a shared object, however long it is: " + std::string(100, '.') + "\n");
     folder.Write("empty.so", "");
