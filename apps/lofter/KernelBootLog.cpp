@@ -5,7 +5,8 @@
 #include <exception>
 #include <memory>
 
-#include "Logging.h"
+#include <syslog.h>
+
 #include "krxctl/Sysinfo.h"
 #include "tslibs/str.h"
 
@@ -14,6 +15,7 @@ namespace lofter {
 namespace {
 
 constexpr char kSystemLogNode[] = "syslog";
+constexpr int kPriority = LOG_DAEMON | LOG_WARNING;
 
 }  // namespace
 
@@ -27,9 +29,9 @@ void KernelBootLog(const char* format, ...) {
         node.AddInput(text.get());
         node.Set();
     } catch (const std::exception& e) {
-        Log_Level(kWarning, "Exception occurred while logging msg: %s", e.what());
+        ::syslog(kPriority, "Exception occurred while logging msg: %s", e.what());
     } catch (...) {
-        Log_Level(kWarning, "Unexpected exception while logging msg");
+        ::syslog(kPriority, "Unexpected exception while logging msg");
     }
 }
 

@@ -1,15 +1,18 @@
 #include "KernelBootLog.h"
 
+#include <filesystem>
+
 #include <gtest/gtest.h>
 
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
+#include "support/SyslogSocket.h"
 #include "support/TemporaryDirectory.h"
 
 namespace lofter {
 namespace {
 
-// Writes one record on a host that consists of the folder, and says what went to the system log instead.
+// Writes one record on a host that consists of the folder, and says what the program's own log got.
 std::string Write(const test::TemporaryDirectory& host, const std::string& text) {
     return test::InForkedChild([&] {
         const test::LogCapture log;
@@ -34,11 +37,23 @@ TEST(KernelBootLog, NeverTakesTextFromOutsideForAFormat) {
     EXPECT_EQ(host.Read("dev/kmsg"), "<6>lofter: %s%n\"\xc3\xa9 is 100%.");
 }
 
-TEST(KernelBootLog, ReportsAKernelThatTakesNoRecordInTheSystemLog) {
+TEST(KernelBootLog, ReportsAKernelThatTakesNoRecordToTheSyslogDaemonOnly) {
     const test::TemporaryDirectory host;
-    EXPECT_EQ(Write(host, "net"), "Exception occurred while logging msg: /dev/kmsg: No such file or directory");
-    host.Write("dev/kmsg/file", "");
-    EXPECT_EQ(Write(host, "net"), "Exception occurred while logging msg: /dev/kmsg: Is a directory");
+    std::filesystem::create_directory(host / "dev");
+    test::SyslogSocket daemon(host / "dev/log");
+    for (const std::string reason : {"No such file or directory", "Is a directory"}) {
+        EXPECT_EQ(Write(host, "net"), "");
+        const std::string record = daemon.Receive();
+        EXPECT_TRUE(record.starts_with("<28>")) << record;
+        EXPECT_TRUE(record.ends_with(": Exception occurred while logging msg: /dev/kmsg: " + reason)) << record;
+        EXPECT_TRUE(daemon.IsQuiet());
+        host.Write("dev/kmsg/file", "");
+    }
+}
+
+TEST(KernelBootLog, DoesWithoutASyslogDaemonToo) {
+    const test::TemporaryDirectory host;
+    EXPECT_EQ(Write(host, "net"), "");
 }
 
 }  // namespace
