@@ -54,6 +54,13 @@ TEST(TroubleshootingShell, LeadsASessionThatControlsTheTerminal) {
     boot.WaitForResult();
 }
 
+TEST(TroubleshootingShell, HasItselfAsItsOnlyArgument) {
+    TerminalProcess boot([] { return RunShell(); });
+    boot.Type("echo \"arguments: $(tr '\\0' '|' </proc/$$/cmdline)\"; exit\n");
+    boot.WaitForText("arguments: /bin/sh|\n");
+    boot.WaitForResult();
+}
+
 TEST(TroubleshootingShell, TakesTheTerminalOverEvenFromAnotherSession) {
     TerminalProcess boot([] {
         test::FilterSyscalls({{SYS_ioctl, TIOCSCTTY, 1, 0, true}});

@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include "support/OpenDescriptors.h"
 #include "support/SyscallFilter.h"
 #include "support/TerminalProcess.h"
 
@@ -50,6 +51,16 @@ TEST(VirtualConsole, DoesNotWaitForATerminalThatWasActivated) {
 
 TEST(VirtualConsole, WaitsForTheSameTerminalOnlyIfItCannotBeActivated) {
     EXPECT_TRUE(Sees({Activate(11, ENXIO), WaitIsSeen(11)}, 11));
+}
+
+TEST(VirtualConsole, OpensTheConsoleForReadingAndWriting) {
+    EXPECT_TRUE(Sees({{SYS_openat, -1, O_RDWR | O_NOCTTY | O_CLOEXEC, 0, true}}, 1));
+}
+
+TEST(VirtualConsole, ClosesTheConsole) {
+    const auto before = test::OpenDescriptors();
+    SwitchConsole(1, "/dev/null");
+    EXPECT_EQ(test::OpenDescriptors(), before);
 }
 
 TEST(VirtualConsole, IsSilentWithoutAConsole) {
