@@ -7,6 +7,7 @@
 #include "Terminal.h"
 #include "TroubleshootingShell.h"
 #include "VirtualConsole.h"
+#include "krxctl/KernelProgressScreenImpl.h"
 
 namespace lofter {
 
@@ -62,6 +63,13 @@ char ReadAnswer() {
     return key;
 }
 
+// Where the operator's terminal is the console, the progress line would be in the question's place.
+void ClearProgressLine() {
+    KrxCtl::System::KernelProgressScreenImpl progressScreen;
+    progressScreen.ProgressText("");
+    progressScreen.StatusText("");
+}
+
 char Prompt(const std::string& plugin, const char* console) {
     SwitchConsole(kPromptTerminal, console);
     // The colour is not reset after the name; kept on purpose.
@@ -101,6 +109,7 @@ void InteractiveMode::StrikeOffRequirement(const std::string& plugin) {
 }
 
 bool InteractiveMode::Ask(const std::string& plugin) {
+    ClearProgressLine();
     const char answer = Prompt(plugin, console);
     if (answer == 's') {
         Log_Level(kInfo, "skipping plugin %s (interactive mode request)\n", plugin.c_str());

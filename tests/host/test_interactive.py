@@ -9,6 +9,7 @@ from support.waiting import Eventually
 
 ITEMS = {"c": b"\x1b[35m(c)ontinue\x1b[0m", "e": b"\x1b[32m(e)xecute\x1b[0m",
          "t": b"\x1b[33m(t)roubleshoot\x1b[0m", "s": b"\x1b[31m(s)kip\x1b[0m"}
+PROGRESS, NO_PROGRESS = b"\r\x1b[2KActivating Lofter Plugins\r", b"\r\x1b[2K\r"
 HIDE, SHOW, ERASE = b"\x1b[?25l", b"\x1b[?25h", b"\x1b[2K"
 LOCAL = 3  # index of the local modes
 
@@ -30,7 +31,7 @@ class Boot:
         host.KernelLog()
         self.host, self.terminal, self.position = host, host.Terminal(), 0
         self.before = self.terminal.Modes()
-        self.running = host.StartLofter(*arguments, terminal=self.terminal, console=True)
+        self.running = host.StartLofter(*arguments, terminal=self.terminal, console=True, grace=10)
 
     def Expect(self, text):
         start, self.position = self.position, self.terminal.Expect(text, 20, self.position)
@@ -45,7 +46,7 @@ class Boot:
     def Finish(self):
         outcome = self.running.Finish()
         self.rest = self.terminal.Everything()[self.position:]
-        assert (outcome.status, outcome.leftovers) == (0, [])
+        assert (outcome.status, outcome.leftovers) == (0, []), self.terminal.Everything()
         return self.host.Read("/tmp/ran").split() if self.host.Exists("/tmp/ran") else []
 
 
@@ -55,6 +56,26 @@ def test_every_plugin_is_asked_about_and_executed(host):
         boot.Answer(plugin, "e")
     assert boot.Finish() == ["a", "b", "c"]
     assert boot.terminal.Modes() == boot.before
+
+
+def test_the_progress_line_is_erased_before_the_first_question(host):
+    boot = Boot(host, "--interactive")
+    assert boot.Expect(Question("a")).endswith(PROGRESS + NO_PROGRESS + Question("a"))
+    boot.terminal.Type("s")
+    assert NO_PROGRESS not in boot.Expect(Question("b"))
+    boot.terminal.Type("c")
+    assert boot.Finish() == ["b", "c"]
+
+
+def test_the_progress_line_is_erased_where_it_is_shown(host):
+    host.DebugConfiguration("a::a:true")
+    terminal, console = host.Terminal(), host.Terminal()
+    running = host.StartLofter("--interactive", terminal=terminal, bind=[(console.path, "/dev/console")])
+    terminal.Expect(Question("a"))
+    assert NO_PROGRESS not in terminal.output
+    terminal.Type("c")
+    assert running.Finish().status == 0
+    assert console.Everything() == PROGRESS + PROGRESS + NO_PROGRESS
 
 
 def test_upper_case_works_and_other_keys_are_ignored_without_an_echo(host):
@@ -157,6 +178,7 @@ def test_the_last_of_parallel_and_interactive_is_in_force(host):
     boot.Answer("a", "c")
     assert boot.Finish() == ["a", "b", "c"]
     host.Path("/tmp/ran").unlink()
+    host.Path("/run/tessel/lofterExecutor.sock").unlink()  # a boot finds the run directory empty
     boot = Boot(host, "--interactive", "--parallel")
     assert boot.Finish() == ["a", "b", "c"]
     assert b"current plugin" not in boot.rest

@@ -81,8 +81,14 @@ bool ProgressScreen::Redraw() {
     if (!console) {
         return false;
     }
-    const std::string drawn = "\r\x1b[2K" + std::string(Shortened(Line(), UsableColumns(console.Get()))) + "\r";
-    if (::write(console.Get(), drawn.data(), drawn.size()) < 0 && errno != EAGAIN && errno != EINTR) {
+    const std::string whole = Line();
+    if (whole.empty() && !isShowing) {
+        return true;
+    }
+    const std::string drawn = "\r\x1b[2K" + std::string(Shortened(whole, UsableColumns(console.Get()))) + "\r";
+    if (::write(console.Get(), drawn.data(), drawn.size()) >= 0) {
+        isShowing = !whole.empty();
+    } else if (errno != EAGAIN && errno != EINTR) {
         console.Reset();
     }
     return static_cast<bool>(console);

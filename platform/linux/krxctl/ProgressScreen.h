@@ -1,10 +1,11 @@
 // The progress screen: one line of the console that is redrawn in place, "Activating Lofter Plugins [3] net".
 //
 // The line shows the progress text, the number of steps when there were any, and the status text, cut to the console's
-// width. The cursor is left at its start, so that whatever else is printed there takes its place. Where the console is
-// no terminal, each text that is not empty becomes a log line instead; so does the rest once the console fails. A
-// console that takes no output, for instance because it was stopped, misses redraws and holds up nobody. Any thread may
-// call it; nothing throws.
+// width. The cursor is left at its start, so that whatever else is printed there takes its place; once it has
+// nothing to show it is erased, and nothing is written until it has something again. Where the console is no terminal,
+// each text that is not empty becomes a log line instead; so does the rest once the console fails. A console that takes
+// no output, for instance because it was stopped, misses redraws and holds up nobody. Any thread may call it; nothing
+// throws.
 #pragma once
 
 #include <mutex>
@@ -34,6 +35,7 @@ class ProgressScreen {
     std::string progressText;
     std::string statusText;
     unsigned long steps = 0;
+    bool isShowing = false;
 };
 
 }  // namespace platform

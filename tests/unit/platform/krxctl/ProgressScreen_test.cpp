@@ -75,6 +75,25 @@ TEST(ProgressScreen, RedrawsOneLineInPlace) {
     EXPECT_EQ(capture.Lines(), Texts{});
 }
 
+TEST(ProgressScreen, ErasesALineThatHasNothingToShowOnceAndThenLeavesItToOthers) {
+    const Terminal terminal;
+    ProgressScreen screen(terminal.path.c_str());
+    screen.ProgressText("");
+    screen.StatusText("");
+    EXPECT_EQ(terminal.Shown(), "");
+    screen.ProgressText("Activating");
+    screen.StatusText("net");
+    EXPECT_EQ(terminal.Shown(), Drawn("Activating") + Drawn("Activating net"));
+    screen.ProgressText("");
+    screen.StatusText("");
+    EXPECT_EQ(terminal.Shown(), Drawn("net") + Drawn(""));
+    screen.ProgressText("");
+    screen.StatusText("");
+    EXPECT_EQ(terminal.Shown(), "");
+    screen.StatusText("disk");
+    EXPECT_EQ(terminal.Shown(), Drawn("disk"));
+}
+
 TEST(ProgressScreen, CutsTheLineToTheTerminalsWidth) {
     const Terminal narrow(10);
     ProgressScreen(narrow.path.c_str()).ProgressText("12345678\xc3\xa4");
