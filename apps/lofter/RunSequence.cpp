@@ -126,6 +126,7 @@ bool RunSequence::BuildNodeList() {
         return true;
     } catch (const std::exception& e) {
         Log_Level(kError, "unhandled exception whilst enumerating plugins.\nDetails:\n %s \n\n", e.what());
+        plugins.clear();  // an unfinished list is none: what is on it never runs
         return false;
     }
 }

@@ -1,5 +1,6 @@
 // Entry: what must be known before the first option is read, then the command line, then the run.
 
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -35,6 +36,11 @@ void OpenMissingStandardStreams() {
     }
 }
 
+// An invoking process that ignores the end of its children passes that on, and no child's status could be had then.
+void HearOfChildren() {
+    std::signal(SIGCHLD, SIG_DFL);
+}
+
 lofter::RunTimes StartOfRun() {
     lofter::RunTimes times;
     gettimeofday(&times.start, nullptr);
@@ -61,6 +67,7 @@ bool SetUpLogging() {
 
 int main(int argc, char** argv, char** environment) {
     OpenMissingStandardStreams();
+    HearOfChildren();
 
     lofter::Settings& settings = lofter::Settings::Instance();
     settings.environment = environment;
