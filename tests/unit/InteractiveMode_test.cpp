@@ -85,11 +85,18 @@ std::function<std::string()> Walking(const Scene& scene) {
     };
 }
 
+// Until the operator is asked and keys are read, so that none is echoed. Returns what was written up to then.
+std::string WaitForQuestion(TerminalProcess& boot) {
+    const std::string written = boot.WaitForText("\033[?25l");
+    boot.WaitForKeys();
+    return written;
+}
+
 TEST(InteractiveMode, AsksInFrontOfEveryPlugin) {
     TerminalProcess boot(Walking({{}, {"net", "disk"}}));
-    EXPECT_EQ(boot.WaitForText("\033[?25l"), Question("net"));
+    EXPECT_EQ(WaitForQuestion(boot), Question("net"));
     boot.Type("e");
-    EXPECT_EQ(boot.WaitForText("\033[?25l"), kAnswered + Redrawn('e') + Question("disk"));
+    EXPECT_EQ(WaitForQuestion(boot), kAnswered + Redrawn('e') + Question("disk"));
     boot.Type("e");
     std::string rest;
     EXPECT_EQ(boot.WaitForResult(&rest), "net disk; on");
@@ -106,8 +113,7 @@ TEST(InteractiveMode, IsSilentUnlessItIsOn) {
 TEST(InteractiveMode, ReadsKeysWithoutAnEchoOnlyWhileItAsks) {
     TerminalProcess boot(Walking({{}, {"net"}}));
     const termios& before = boot.initialModes;
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     EXPECT_EQ(boot.terminal.Modes().c_lflag, before.c_lflag & ~static_cast<tcflag_t>(ICANON | ECHO));
     boot.Type("e");
     boot.WaitForText(kAnswered);
@@ -119,8 +125,7 @@ TEST(InteractiveMode, ReadsKeysWithoutAnEchoOnlyWhileItAsks) {
 TEST(InteractiveMode, TakesKeysInUpperCase) {
     TerminalProcess boot(Walking({{}, {"a", "b", "c"}}));
     for (const char* key : {"E", "S", "C"}) {
-        boot.WaitForText("\033[?25l");
-        boot.WaitForKeys();
+        WaitForQuestion(boot);
         boot.Type(key);
     }
     EXPECT_EQ(boot.WaitForResult(), "a -b c; off; 125 skipping plugin b (interactive mode request)");
@@ -134,8 +139,7 @@ TEST(InteractiveMode, IgnoresEveryOtherKeyWithoutAnEcho) {
         }
     }
     TerminalProcess boot(Walking({{}, {"net"}}));
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     boot.Type(others);
     boot.Type("e");
     std::string rest;
@@ -145,8 +149,7 @@ TEST(InteractiveMode, IgnoresEveryOtherKeyWithoutAnEcho) {
 
 TEST(InteractiveMode, TakesAnswersThatWereTypedAhead) {
     TerminalProcess boot(Walking({{}, {"a", "b", "c", "d"}}));
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     boot.Type("esxe");
     boot.WaitForText(Question("d"));
     boot.WaitForKeys();
@@ -156,7 +159,7 @@ TEST(InteractiveMode, TakesAnswersThatWereTypedAhead) {
 
 TEST(InteractiveMode, AsksNoMoreAfterContinue) {
     TerminalProcess boot(Walking({{}, {"a", "b", "c"}}));
-    boot.WaitForText("\033[?25l");
+    WaitForQuestion(boot);
     boot.Type("c");
     std::string rest;
     EXPECT_EQ(boot.WaitForResult(&rest), "a b c; off");
@@ -165,9 +168,8 @@ TEST(InteractiveMode, AsksNoMoreAfterContinue) {
 
 TEST(InteractiveMode, SkipsThePluginAndSaysSo) {
     TerminalProcess boot(Walking({{}, {"100%s"}}));
-    boot.WaitForText("\033[?25l");
+    WaitForQuestion(boot);
     const termios& before = boot.initialModes;
-    boot.WaitForKeys();
     boot.Type("s");
     std::string rest;
     EXPECT_EQ(boot.WaitForResult(&rest), "-100%s; on; 125 skipping plugin 100%s (interactive mode request)");
@@ -181,23 +183,20 @@ TEST(InteractiveMode, ReportsTheSkipBeforeItRedrawsTheMenu) {
         Log_AddOutput(Log_NewStdioOutput(Dictionary_Create()));
         return Walk({{}, {"net"}});
     });
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     boot.Type("s");
     EXPECT_NE(boot.WaitForText("\r").find("skipping plugin net (interactive mode request)\n\r"), std::string::npos);
 }
 
 TEST(InteractiveMode, RunsAShellAndThenThePlugin) {
     TerminalProcess boot(Walking({{}, {"net", "disk"}}));
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     const termios during = boot.terminal.Modes();
     boot.Type("t");
     boot.WaitForText(kAnswered + Redrawn('t'));
     boot.Type("echo in the she''ll; exit 3\n");
     boot.WaitForText("in the shell\n");
-    EXPECT_EQ(boot.WaitForText("\033[?25l"), "\033[2K" + Question("disk"));
-    boot.WaitForKeys();
+    EXPECT_EQ(WaitForQuestion(boot), "\033[2K" + Question("disk"));
     EXPECT_EQ(boot.terminal.Modes().c_lflag, during.c_lflag);
     EXPECT_EQ(boot.terminal.Modes().c_iflag, during.c_iflag);
     boot.Type("e");
@@ -206,8 +205,7 @@ TEST(InteractiveMode, RunsAShellAndThenThePlugin) {
 
 TEST(InteractiveMode, LeavesWhatWasTypedAheadToTheShell) {
     TerminalProcess boot(Walking({{}, {"net"}}));
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     boot.Type("techo typed ahe''ad\nexit\n");
     boot.WaitForText("typed ahead\n");
     EXPECT_EQ(boot.WaitForResult(), "net; on");
@@ -215,7 +213,7 @@ TEST(InteractiveMode, LeavesWhatWasTypedAheadToTheShell) {
 
 TEST(InteractiveMode, DoesNotAskBeforeAllRequirementsWereActivated) {
     TerminalProcess boot(Walking({{"a", "b"}, {"x", "b", "y", "a", "z"}}));
-    EXPECT_EQ(boot.WaitForText("\033[?25l"), Question("z"));
+    EXPECT_EQ(WaitForQuestion(boot), Question("z"));
     boot.Type("s");
     EXPECT_EQ(boot.WaitForResult(), "x b y a -z; on; 125 skipping plugin z (interactive mode request)");
 }
@@ -246,8 +244,7 @@ TEST(InteractiveMode, KeepsReadingAtEndOfInput) {
 
 TEST(InteractiveMode, IgnoresEndOfInputFromTheTerminal) {
     TerminalProcess boot(Walking({{}, {"net"}}));
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     boot.Type("\004\004");
     boot.Type("e");
     EXPECT_EQ(boot.WaitForResult(), "net; on");
@@ -292,8 +289,7 @@ TEST(InteractiveMode, ShowsTheFirstTerminalBeforeItAsks) {
 
 TEST(InteractiveMode, ShowsTheEleventhTerminalAfterContinue) {
     TerminalProcess boot(WalkingUntilConsoleShows(11, {{}, {"net", "disk"}}));
-    boot.WaitForText("\033[?25l");
-    boot.WaitForKeys();
+    WaitForQuestion(boot);
     boot.Type("c");
     std::string written;
     ExpectSwitched(boot.WaitForEnd(&written));
