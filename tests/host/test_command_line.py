@@ -70,6 +70,7 @@ def test_invoke_needs_a_method_and_a_plugin(host, arguments):
 def test_the_later_of_parallel_and_interactive_is_in_force(host):
     assert host.Lofter("--parallel", "--interactive").status == 0
     assert (Configuration(host)["Parallel"], Configuration(host)["Interactive Mode"]) == ("0", "1")
+    host.Restart()
     assert host.Lofter("--interactive", "--parallel").status == 0
     assert (Configuration(host)["Parallel"], Configuration(host)["Interactive Mode"]) == ("1", "0")
 

@@ -169,10 +169,17 @@ class Host:
         return self.Start(*command, **settings).Finish(timeout, input)
 
     def Lofter(self, *arguments, **settings):
+        settings.setdefault("grace", 10)
         return self.Run("/usr/sbin/lofter", *arguments, **settings)
 
     def StartLofter(self, *arguments, **settings):
+        """The executor process ends a moment after the run, hence the grace."""
+        settings.setdefault("grace", 10)
         return self.Start("/usr/sbin/lofter", *arguments, **settings)
+
+    def Restart(self):
+        """A host comes up with an empty run directory; a run leaves the executor's socket in there, which the next must not find."""
+        self.Path("/run/tessel/lofterExecutor.sock").unlink(missing_ok=True)
 
     # The end of a test.
 
