@@ -6,11 +6,14 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <utility>
 
+#include <boost/iostreams/device/file_descriptor.hpp>
+#include <boost/iostreams/stream.hpp>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Logging.h"
@@ -26,6 +29,7 @@
 #include "hostkernel/hostkernel.h"
 #include "krxctl/KernelProgressScreenImpl.h"
 #include "plugins/Exception.h"
+#include "util/Descriptor.h"
 #include "util/RunOnceRecord.h"
 
 namespace lofter {
@@ -201,12 +205,16 @@ void RunSequence::Dump() {
         DumpGraph(Nodes(), std::cout);
         return;
     }
-    std::ofstream file(*options.dumpPath, std::ios_base::out | std::ios_base::trunc);
+    // Not by a file stream: the run leads a session by now, and a terminal must not become its controlling one.
+    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;  // less the umask
+    const Descriptor file(open(options.dumpPath->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kMode));
     if (!file) {
         exitStatus = EXIT_FAILURE;
         return;
     }
-    DumpGraph(Nodes(), file);
+    namespace io = boost::iostreams;
+    io::stream<io::file_descriptor_sink> output(file.Get(), io::never_close_handle);
+    DumpGraph(Nodes(), output);
 }
 
 void RunSequence::WriteProfilingLog() {

@@ -1,4 +1,5 @@
 """The steps of a run in their order, which of them every way of running has, and what becomes of them on a broken host."""
+import os
 import re
 
 import pytest
@@ -187,6 +188,29 @@ def test_the_plugin_directory_is_relative_to_where_lofter_was_called(host):
     outcome = host.Run("sh", "-c", "cd /usr/lib && lofter --plugin-directory=here")
     assert outcome.status == 0
     assert "warning ignoring plugin 'notes.txt' of unknown type (txt)..." in outcome.Log()
+
+
+# The console.
+
+TERMINAL_OF_SESSION = f"set -- $(cat /proc/$$/stat); echo $7 >>{TRACE}"
+
+
+def test_progress_is_shown_on_a_console_that_does_not_become_the_runs_terminal(host):
+    host.DebugConfiguration(f"a:::{TERMINAL_OF_SESSION}")
+    terminal = host.Terminal()
+    outcome = host.Lofter(bind=[(terminal.path, "/dev/console")])
+    assert (outcome.status, Traced(host)) == (0, ["0"])
+    assert b"Activating Lofter Plugins" in terminal.Everything()
+    assert "Activating Lofter Plugins" not in outcome.output
+
+
+def test_a_dump_to_the_console_does_not_make_it_the_runs_terminal(host):
+    host.Write("/etc/syslog.conf", "")
+    host.WriteScript(UPGRADE, TERMINAL_OF_SESSION)
+    terminal = host.Terminal()
+    outcome = host.Lofter("--init", "--dump-dependency-tree=/dev/console", bind=[(terminal.path, "/dev/console")])
+    assert (outcome.status, Traced(host)) == (0, ["0"])
+    assert terminal.Everything().endswith(b"digraph g {\r\n}\r\n")
 
 
 # Threads.
@@ -383,6 +407,18 @@ def test_a_run_survives_standard_streams_that_are_closed_or_full(host, closed):
     assert ProfiledNames(host) == ["a", "b"]
     assert re.fullmatch(r"Krxkernel.*\n(\[.*\n){2}=== .*\n( .*\n){7}", host.Read(PROFILE))
     assert host.ReadGzip(RECORD) == "lofter.run-once=\n"
+
+
+def test_a_run_survives_a_reader_of_its_output_that_is_gone(host):
+    host.DebugConfiguration("a:::true", "b:::true")
+    host.WriteScript("/bin/chkconfig", "true")
+    for arguments in (["--init"], ["--daemon", "--method=start"]):
+        reader, writer = os.pipe()
+        os.close(reader)
+        assert host.Lofter(*arguments, stdout=writer).status == 0
+        os.close(writer)
+    assert ProfiledNames(host) == ["a", "b"]
+    assert " End Daemon: " in host.Read(PROFILE)
 
 
 def test_a_plugins_command_has_nothing_of_lofter_but_the_standard_streams(host):

@@ -116,6 +116,14 @@ def test_a_listed_file_that_is_missing_costs_a_warning(host):
         "exception occurred whilst loading plugin missing.json", "exception occurred whilst loading plugin missing.so"]
 
 
+def test_a_listed_name_is_below_the_plugin_directory_whatever_it_begins_with(host):
+    Json(host, "inner.json")
+    host.Path("/elsewhere.json").write_bytes(host.Path(f"{PLUGINS}/inner.json").read_bytes())
+    boot = Boot(host, "--plugin=/inner.json,/elsewhere.json")
+    assert boot.activated == ["/inner"]
+    assert [f"plugin `{PLUGINS}/elsewhere.json'" in line for line in boot.warnings if "whilst loading" in line] == [True]
+
+
 def test_debug_plugins_come_last_and_those_of_a_file_at_its_place(host):
     host.DebugConfiguration("a:::true", "b:::true")
     host.Plugin("b.debug", "")
@@ -192,6 +200,16 @@ def test_a_key_with_characters_that_a_record_cannot_hold_is_never_recognised(hos
         assert Saved(host) == "lofter.run-once=net1.0beta,\n"
 
 
+def test_a_plugin_that_fails_to_load_does_not_hold_up_those_behind_it(host):
+    host.Plugin("broken.json", json.dumps({"metadata": {"version": 1, "requires": ["power"], "provides": ["network"]}}))
+    Json(host, "user.json", requires=["network"])
+    boot = Boot(host)
+    assert [line for line in boot.warnings if "whilst loading plugin broken.json" in line]
+    assert boot.activated == ["user"]
+    # What it would have provided counts as provided.
+    assert not [line for line in boot.log if '"network" is not provided' in line]
+
+
 # Plugin directories that are none.
 
 def Loop(path):
@@ -200,11 +218,12 @@ def Loop(path):
 
 @pytest.mark.parametrize("make, reason", [
     (lambda path: None, "No such file or directory"), (lambda path: path.touch(), "Not a directory"),
-    (Loop, "Too many levels of symbolic links")], ids=["missing", "a file", "a loop of links"])
-def test_a_plugin_directory_that_is_none_costs_the_plugins(host, make, reason):
+    (lambda path: path.mkdir(mode=0o300), "Permission denied"), (Loop, "Too many levels of symbolic links")],
+    ids=["missing", "a file", "not readable", "a loop of links"])
+def test_a_plugin_directory_that_cannot_be_read_costs_the_plugins(host, make, reason):
     make(host.Path("/usr/lib/other"))
     host.DebugConfiguration("a:::true")
-    boot = Boot(host, "--plugin-directory=/usr/lib/other", status=1)
+    boot = Boot(host, "--plugin-directory=/usr/lib/other", status=1, heedModes=True)
     details, = [line for line in boot.log if line.startswith("error unhandled exception whilst enumerating plugins.\nDetails:\n ")]
     assert reason in details and "/usr/lib/other" in details
     assert boot.activated == [] and boot.Profiled() == []
@@ -220,6 +239,12 @@ def test_a_host_without_debug_configuration_has_no_debug_plugins_and_no_complain
 def test_a_debug_configuration_that_is_a_directory_counts_as_none(host):
     host.Path(CONFIGURATION).mkdir(parents=True)
     boot = Boot(host)
+    assert (boot.activated, boot.ignored) == ([], [])
+
+
+def test_a_debug_configuration_that_cannot_be_read_counts_as_none(host):
+    host.Write(CONFIGURATION, "a:::true\n", 0)
+    boot = Boot(host, "--init", heedModes=True)
     assert (boot.activated, boot.ignored) == ([], [])
 
 
@@ -279,13 +304,13 @@ def test_line_ends_do_not_matter(host, content):
 def test_nul_bytes_cost_only_what_they_stand_in(host):
     host.Write(CONFIGURATION, b"a:::true\n\0\0\0\nb\0c:::true\nd:::true\0 false\ne:::true\n")
     boot = Boot(host)
-    assert [boot.activated[0], boot.activated[-1]] == ["a", "e"]
-    assert "info ignoring malformed debug entry at line 2: " in [line + " " * (line[-1] == ":") for line in boot.ignored]
-    assert boot.outcome.status == 0
+    assert boot.activated == ["a", "b", "d", "e"]
+    assert boot.ignored == ["info ignoring malformed debug entry at line 2: "]
+    assert boot.Profiled() == ["a", "b\0c", "d", "e"]
 
 
 def test_a_line_of_ten_megabytes_costs_only_itself(host):
-    host.Write(CONFIGURATION, "a:::true\n" + "x" * 10_000_000 + "\nb:::: " + "y" * 10_000_000 + "\nlong:::true " + "z" * 10_000_000 + "\nc:::true\n")
+    host.Write(CONFIGURATION, "a:::true\n" + "x" * 300_000 + "\nlong:::true " + "z" * 10_000_000 + "\nc:::true\n")
     syslog = host.Syslog()
     boot = Boot(host)
     assert boot.activated == ["a", "long", "c"]
@@ -347,3 +372,31 @@ def test_trace_reports_the_beginning_and_the_end_of_every_plugin_with_its_time(h
         line for name in ("a", "b") for line in (f"info starting execution of plugin: {name}",
                                                  f"info completed execution of plugin: {name} (took N us)")]
     assert int(re.search(r"took (\d+) us", traced[1]).group(1)) >= 50_000
+
+
+# Host profiles.
+
+@pytest.mark.parametrize("files, change, operation", [
+    ([], "true", "start"),
+    (["hostprofile.xml"], "true", "host profile"),
+    (["hostprofile.xml.gz"], "true", "host profile"),
+    (["hostprofile.xml", "hostprofile.xml.gz"], "true", "host profile"),
+    ([], "touch /etc/tessel/hostprofile.xml", "start"),
+    (["hostprofile.xml"], "rm /etc/tessel/hostprofile.xml", "host profile"),
+], ids=["none", "plain", "compressed", "both", "none at first", "one at first"])
+def test_whether_there_is_a_host_profile_is_looked_up_once(host, files, change, operation):
+    for name in files:
+        host.Write(f"/etc/tessel/{name}", "")
+    host.WriteScript("/usr/lib/tessel/qorcli/ok", "true")
+
+    def TakingPart(name, requires, provides):
+        host.Plugin(f"{name}.json", json.dumps({"metadata": {"version": 2, "requires": requires, "provides": provides},
+                                                "operations": {"start": [], "apply_host_profile": ["ok"]}}))
+    TakingPart("before", [], ["one"])
+    TakingPart("after", ["two"], ["three"])
+    host.DebugConfiguration(f"change:one:two:{change}", "last:three::true")
+    boot = Boot(host)
+    assert [line for line in boot.log if " executing " in line] == [
+        f"info executing {operation} plugin: before", "info executing start plugin: change",
+        f"info executing {operation} plugin: after", "info executing start plugin: last"]
+    assert boot.activated == ["before", "change", "after", "last"]

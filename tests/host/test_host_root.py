@@ -79,6 +79,12 @@ def test_a_read_only_part_refuses_writes_even_by_root(host):
     assert not host.Exists("/bootbank/x")
 
 
+def test_file_modes_hold_for_root_where_that_is_asked_for(host, plain):
+    host.Write("/run/secret", "x\n", 0)
+    assert host.Run("cat", "/run/secret", plain=plain).output == "x\n"
+    assert "Permission denied" in host.Run("cat", "/run/secret", heedModes=True, plain=plain).errors
+
+
 def test_syslog_messages_reach_the_test(host):
     syslog = host.Syslog()
     host.Run("logger", "-t", "somebody", "-p", "daemon.info", "a line: with a colon")

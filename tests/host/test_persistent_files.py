@@ -130,6 +130,16 @@ def test_a_read_only_directory_costs_the_profiling_log(small):
     assert small.Read(PROFILE) == "old\n"
 
 
+def test_a_directory_that_may_not_be_written_costs_the_profiling_log(small):
+    small.Write(PROFILE, "old\n")
+    small.Write("/var/log/lofter-qorcli-stdout.log", "")
+    small.Path("/var/log").chmod(0o555)
+    outcome = small.Lofter(heedModes=True)
+    assert outcome.status == 0
+    assert f"error unable to open profiling log ({PROFILE}): Permission denied." in outcome.Log()
+    assert small.Read(PROFILE) == "old\n"
+
+
 def test_a_directory_in_the_profiling_logs_place_stays(small):
     small.Path(PROFILE).mkdir()
     outcome = small.Lofter()
@@ -231,6 +241,15 @@ def test_an_empty_record_adds_nothing(small):
     outcome = small.Lofter(*INVOKE)
     assert (outcome.status, Errors(outcome)) == (0, [])
     assert Saved(small) == "lofter.run-once=\n"
+
+
+def test_a_record_that_may_neither_be_read_nor_written_stays(small):
+    Record(small, WHOLE)
+    small.Path(RECORD).chmod(0)
+    outcome = small.Lofter(*INVOKE, heedModes=True)
+    assert outcome.status == 0
+    assert Errors(outcome) == [f"error unable to save run-once record: unable to write '{RECORD}': Permission denied"]
+    assert small.Path(RECORD).read_bytes() == WHOLE
 
 
 def test_a_record_that_is_a_directory_adds_nothing_and_stays(small):

@@ -137,11 +137,12 @@ class Host:
         return self.terminals[-1]
 
     def Start(self, *command, environment=None, terminal=None, console=False, bind=(), tmpfs=(), readOnly=(), net=False,
-              plain=False, grace=0, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, passFds=(), wait=False):
+              plain=False, heedModes=False, grace=0, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, passFds=(), wait=False):
         """Starts a command in the root.
 
         With a terminal, that is its standard streams and its controlling terminal; with `console`, /dev/console too.
         bind: (path on this machine, path in the root) pairs. tmpfs: (path, size) pairs. readOnly: paths.
+        heedModes: file modes hold for root, too.
         grace: seconds that processes may take to end after the command did before they count as left behind.
         """
         self.logs += 1
@@ -154,7 +155,7 @@ class Host:
         options += [word for source, target in bind for word in ("--bind", f"{source}:{target}")]
         options += [word for path, size in tmpfs for word in ("--tmpfs", f"{path}:{size}")]
         options += [word for path in readOnly for word in ("--read-only", path)]
-        options += [name for name, on in (("--net", net), ("--plain", plain), ("--wait", wait)) if on]
+        options += [name for name, on in (("--net", net), ("--heed-modes", heedModes), ("--plain", plain), ("--wait", wait)) if on]
         running = Running(
             [str(ENTER), *options, str(self.root), "--", *map(str, command)], leftovers,
             stdin=stdin, stdout=stdout, stderr=stderr, pass_fds=[leftovers.fileno(), *passFds],
