@@ -37,7 +37,7 @@ def Recorder(name):
     """A script that writes down when which of its calls began and ended, on a clock that all share."""
     return f"""stamp() {{ read up rest < /proc/uptime; echo "$up {name} $1 $2" >> /var/calls; }}
 stamp "$1" begin
-sleep 0.3
+sleep 0.1
 stamp "$1" end"""
 
 
@@ -115,6 +115,16 @@ def test_a_start_is_reported_on_the_log_the_kernel_log_and_the_progress_screen(h
         "Starting service crond", "executing start plugin: crond", "crond started."]
     kernel = host.Read("/dev/kmsg")
     assert kernel.index("Activating Lofter plugin crond.") < kernel.index("Lofter plugin crond activated.")
+
+
+def test_the_progress_screen_counts_the_daemons_that_were_started(host):
+    terminal = host.Terminal()
+    List(host, Script(host, "crond", "exit 0", 1), Script(host, "bad", "exit 3", 2), Script(host, "sshd", "exit 0", 3))
+    assert host.Lofter(*START, bind=[(terminal.path, "/dev/console")]).status == 0
+    shown = [line for line in re.split(r"\r(?:\x1b\[2K)?", terminal.Everything().decode()) if line]
+    # A step follows each start, however it went.
+    assert shown == ["Starting service crond", "Starting service crond [1]", "Starting service bad [1]",
+                     "Starting service bad [2]", "Starting service sshd [2]", "Starting service sshd [3]"]
 
 
 def test_a_failed_start_is_reported_everywhere_and_the_next_daemon_starts(host):
@@ -218,7 +228,7 @@ def test_a_script_that_is_not_waited_for_is_left_running_after_ten_seconds(host)
     List(host, Script(host, "stubborn", STUBBORN))
     syslog = host.Syslog()
     begin = time.monotonic()
-    outcome = host.Lofter("--daemon", "--method=start")
+    outcome = host.Lofter("--daemon", "--method=start", grace=0)
     assert outcome.status == 0
     assert 10 <= time.monotonic() - begin < 20
     assert "stubborn started." in syslog.Texts()
@@ -229,7 +239,7 @@ def test_a_script_that_is_not_waited_for_is_left_running_after_ten_seconds(host)
 def test_a_script_that_is_waited_for_in_vain_is_left_running_after_the_time_out(host):
     List(host, Script(host, "stubborn", STUBBORN, 1), Script(host, "next", "exit 0", 2))
     syslog = host.Syslog()
-    outcome = host.Lofter(*START, "--daemon-wait-timeout=1")
+    outcome = host.Lofter(*START, "--daemon-wait-timeout=1", grace=0)
     assert outcome.status == 0
     texts = syslog.Texts()
     assert ("Lofter failed to start: stubborn reason: "
@@ -241,14 +251,14 @@ def test_a_script_that_is_waited_for_in_vain_is_left_running_after_the_time_out(
 
 @pytest.mark.parametrize("seconds", ["0", "-1"])
 def test_a_time_out_of_no_length_waits_until_the_script_ends(host, seconds):
-    List(host, Script(host, "slow", "sleep 1.5"))
+    List(host, Script(host, "slow", "sleep 0.5"))
     assert "slow started." in Texts(host, *START, f"--daemon-wait-timeout={seconds}")
 
 
 def test_nothing_of_lofter_stays_attached_to_a_script_that_runs_on(host):
     List(host, Script(host, "stubborn", f"ls -l /proc/$$/fd > /var/descriptors; readlink /proc/$$/cwd > /var/cwd; {STUBBORN}"))
     # Finish() reads the standard streams of lofter to their end: a script that held them would make this time out.
-    outcome = host.Lofter(*START, "--daemon-wait-timeout=1", timeout=20)
+    outcome = host.Lofter(*START, "--daemon-wait-timeout=1", timeout=20, grace=0)
     assert outcome.status == 0
     descriptors = {}
     for line in host.Read("/var/descriptors").splitlines()[1:]:
@@ -263,7 +273,7 @@ def test_nothing_of_lofter_stays_attached_to_a_script_that_runs_on(host):
 def test_a_daemon_that_keeps_its_descriptors_does_not_hold_up_the_run(host):
     List(host, Script(host, "forks", "sleep 1000 & echo $! > /var/forked; exit 0"))
     syslog = host.Syslog()
-    outcome = host.Lofter(*START, timeout=20)
+    outcome = host.Lofter(*START, timeout=20, grace=0)
     assert outcome.status == 0
     assert "forks started." in syslog.Texts()
     assert any(line.startswith(host.Read("/var/forked").strip() + " ") for line in outcome.leftovers)

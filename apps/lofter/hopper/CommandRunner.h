@@ -2,9 +2,9 @@
 // take.
 //
 // The command is split at white space, without quoting or escaping; its first word is the program's path. The child
-// runs in
-// "/" with the caller's real user and group, standard input and output on /dev/null and standard error on /dev/log, and
-// no other descriptor. Whatever becomes of it, it is never signalled: a child that outlives its time simply runs on.
+// runs in "/" with the caller's real user and group, standard input and output on /dev/null and standard error on
+// /dev/log, and no other descriptor. Whatever becomes of it, it is never signalled: a child that outlives its time
+// simply runs on.
 // Holds no lock; any number of threads may run commands at once.
 #pragma once
 

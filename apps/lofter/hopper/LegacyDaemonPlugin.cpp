@@ -10,8 +10,9 @@ LegacyDaemonPlugin::LegacyDaemonPlugin(const std::string& daemonName, const std:
                                        std::uint32_t startPriority)
     : DaemonPlugin(daemonName, startPriority, kInitScriptClass) {
     const GraphLock lock;
-    GetPriorityBarrier(startPriority)->AddPlugin(*this);
+    PriorityBarrier* const barrier = GetPriorityBarrier(startPriority);
     operations = {{kStart, scriptPath + " start"}, {kStop, scriptPath + " stop"}};
+    barrier->AddPlugin(*this);  // last: a plugin that could not be made must not be left in the graph
 }
 
 void LegacyDaemonPlugin::ApplyHostProfile() {

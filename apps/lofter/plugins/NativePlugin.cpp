@@ -28,6 +28,9 @@ struct Operations {
     void (*start)();
     void (*apply_host_profile)();
 };
+static_assert(offsetof(Operations, start) == 0);
+static_assert(offsetof(Operations, apply_host_profile) == 8);
+static_assert(sizeof(Operations) == 16);
 
 template <typename Action>
 void ForEach(StringList list, Action action) {
@@ -117,9 +120,9 @@ class OperationCall {
 
 }  // namespace
 
-// The block that a plugin exports: binary interface, so nothing here moves. It comes from outside and may end early, so
-// nothing but the version is read before the version is known, and the members of a release only when the version has
-// them.
+// The block that a plugin exports: binary interface, so nothing here moves, and the plugin header says the same. It
+// comes from outside and may end early, so nothing but the version is read before the version is known, and the members
+// of a release only when the version has them.
 struct NativePlugin::Metadata {
     std::uint32_t version;
     StringList requiredBarriers;
@@ -150,10 +153,14 @@ NativePlugin::NativePlugin(const std::string& pluginName, const std::string& obj
 }
 
 void NativePlugin::ReadRelease(const Metadata& metadata) {
-    static_assert(offsetof(Metadata, version) == 0 && offsetof(Metadata, requiredBarriers) == 8 &&
-                  offsetof(Metadata, providedBarriers) == 16 && offsetof(Metadata, plugin_version) == 24 &&
-                  offsetof(Metadata, run_once) == 32 && offsetof(Metadata, required_flags) == 40 &&
-                  offsetof(Metadata, disabling_flags) == 48);
+    static_assert(offsetof(Metadata, version) == 0);
+    static_assert(offsetof(Metadata, requiredBarriers) == 8);
+    static_assert(offsetof(Metadata, providedBarriers) == 16);
+    static_assert(offsetof(Metadata, plugin_version) == 24);
+    static_assert(offsetof(Metadata, run_once) == 32);
+    static_assert(offsetof(Metadata, required_flags) == 40);
+    static_assert(offsetof(Metadata, disabling_flags) == 48);
+    static_assert(sizeof(Metadata) == 56);
     ForEach(metadata.required_flags, [this](const std::string& flag) { required_flags.insert(flag); });
     ForEach(metadata.disabling_flags, [this](const std::string& flag) { disabling_flags.insert(flag); });
     run_once = metadata.run_once != 0;

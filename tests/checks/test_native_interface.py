@@ -1,0 +1,67 @@
+"""The layout of a native plugin's two symbols stands in three places, which say the same."""
+import re
+
+from sources import REPOSITORY, Tracked
+
+METADATA = ["version", "requires", "provides", "plugin_version", "run_once", "required_flags", "disabling_flags"]
+OPERATIONS = ["start", "apply_host_profile"]
+# A member of the interface may not have the name of a C++ keyword.
+OTHER_NAMES = {"required_barriers": "requires", "requiredBarriers": "requires",
+               "provided_barriers": "provides", "providedBarriers": "provides"}
+
+
+def Text(path):
+    return (REPOSITORY / path).read_text()
+
+
+def Asserted(text, block):
+    """{member: offset} of a block, and its size, from the assertions that the compiler checks."""
+    condition = r"\(offsetof\((?:struct )?" + block + r", (\w+)\) == (\d+)\);"
+    offsets = {OTHER_NAMES.get(member, member): int(offset) for member, offset in re.findall(condition, text)}
+    return offsets, int(re.search(r"\(sizeof\((?:struct )?" + block + r"\) == (\d+)\);", text).group(1))
+
+
+def Members(text, block):
+    """The members of a block in the order in which it declares them."""
+    body = re.search(r"^struct (?:\w+::)?" + block + r" \{\n(.*?)^\};", text, re.MULTILINE | re.DOTALL).group(1)
+    body = re.sub(r"/\*.*?\*/|//[^\n]*", "", body, flags=re.DOTALL)
+    # The last word, but for a pointer to a function: `void (*start)()`.
+    names = re.findall(r"(\w+)(?:\)\(\w*\))?;", body)
+    return [OTHER_NAMES.get(name, name) for name in names]
+
+
+def Offsets(page, symbol):
+    """The numbers of one of the manual page's tables."""
+    table = page[page.index(f"[[ *{symbol}*\n"):]
+    return [int(number) for number in re.findall(r"^\|  (\d+)$", table[:table.index("\n\n")], re.MULTILINE)]
+
+
+HEADER = Text("sdk/include/lofter/plugin.h")
+READER = Text("apps/lofter/plugins/NativePlugin.cpp")
+PAGE = Text("docs/man/lofter-plugin.7.scd")
+
+
+def test_the_plugin_header_and_the_reader_assert_the_same_layout():
+    for inHeader, inReader, members in (("lofter_metadata", "Metadata", METADATA),
+                                        ("lofter_operations", "Operations", OPERATIONS)):
+        offsets, size = Asserted(HEADER, inHeader)
+        assert list(offsets) == members
+        assert size == offsets[members[-1]] + 8
+        assert (offsets, size) == Asserted(READER, inReader)
+
+
+def test_the_plugin_header_and_the_reader_declare_the_members_in_the_same_order():
+    assert Members(HEADER, "lofter_metadata") == Members(READER, "Metadata") == METADATA
+    assert Members(HEADER, "lofter_operations") == Members(READER, "Operations") == OPERATIONS
+
+
+def test_the_manual_page_gives_the_same_offsets():
+    assert Offsets(PAGE, "metadata") == list(Asserted(HEADER, "lofter_metadata")[0].values())
+    assert Offsets(PAGE, "operations") == list(Asserted(HEADER, "lofter_operations")[0].values())
+
+
+def test_nothing_else_lays_out_the_block():
+    found = [path.as_posix() for path in Tracked("apps", "platform", "sdk", "host", "bench")
+             if path.suffix in (".h", ".hpp", ".c", ".cpp", ".cxx")
+             and re.search(r"\b(plugin_version|disabling_flags);", Text(path))]
+    assert found == ["apps/lofter/plugins/NativePlugin.cpp", "apps/lofter/plugins/Plugin.h", "sdk/include/lofter/plugin.h"]
