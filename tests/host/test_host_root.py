@@ -151,8 +151,8 @@ def test_the_syslog_configuration_is_upgraded_once(demo_host):
 
 def test_the_observation_daemon_starts_and_stops(demo_host):
     # The script does not wait until its child has become the daemon; the test does.
-    ready = "timeout 20 sh -c 'until grep -q uevent /proc/$(cat /var/run/tessel/hxed.pid)/cmdline; do usleep 20000; done'"
-    outcome = demo_host.Run("sh", "-c", f"/etc/init.d/hxed start && /etc/init.d/hxed status && {ready}")
+    ready = "until grep -q uevent /proc/$(cat /var/run/tessel/hxed.pid)/cmdline; do usleep 20000; done"
+    outcome = demo_host.Run("sh", "-c", f"/etc/init.d/hxed start && /etc/init.d/hxed status && {ready}", timeout=20)
     assert outcome.status == 0
     left, = outcome.leftovers
     assert left.endswith("uevent env")
