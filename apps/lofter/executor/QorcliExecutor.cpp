@@ -27,6 +27,33 @@ namespace {
 
 constexpr int kAttempts = 10;
 
+// What came of one message to the executor.
+struct Answer {
+    const char* failure = nullptr;  // why there is no status; the reason is in errno
+    std::int32_t status = 0;
+};
+
+Answer Exchange(const Descriptor connection, const std::string& command) {
+    const std::size_t length = std::strlen(command.c_str());
+    if (AcrossSignals([&] { return ::send(connection.Get(), command.c_str(), length, 0); }) == -1) {
+        return {"Failed sending command to executor: "};
+    }
+    if (length == 0) {
+        // Nothing was sent, and the executor would wait for it. The end of input tells it that the command is empty.
+        ::shutdown(connection.Get(), SHUT_WR);
+    }
+    Answer answer;
+    const ssize_t received =
+        AcrossSignals([&] { return ::recv(connection.Get(), &answer.status, sizeof answer.status, 0); });
+    if (received == 0) {
+        errno = ECONNRESET;  // the end of input leaves no reason behind, although the reason is clear
+    }
+    if (received <= 0) {
+        answer.failure = "Failed to recieve command status from Executor: ";
+    }
+    return answer;
+}
+
 std::shared_ptr<QorcliExecutor> CreateInstance() {
     if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
         Log_Level(kWarning, "Lofter cannot ignore SIGPIPE\n");
@@ -92,7 +119,14 @@ void QorcliExecutor::SendCommand(const std::string& command) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const int connection = Connect(true);
         if (connection > 0) {
-            Exchange(Descriptor(connection), command);
+            const Answer answer = Exchange(Descriptor(connection), command);
+            // Thrown here, where nothing is left to clean up: a failing command costs half as much to report.
+            if (answer.failure != nullptr) {
+                throw Exception(std::string(answer.failure) + std::strerror(errno));
+            }
+            if (answer.status != 0) {
+                throw Exception("Executor failed executing qorcli command: " + command);
+            }
             return;
         }
         reason = errno;
@@ -110,27 +144,6 @@ void QorcliExecutor::ResetLocked() {
         Log_Level(kError, "Resetting Executor failed, retrying: %s\n", e.what());
     } catch (...) {
         Log_Level(kError, "Resetting Executor failed, retrying\n");
-    }
-}
-
-void QorcliExecutor::Exchange(Descriptor connection, const std::string& command) const {
-    const std::size_t length = std::strlen(command.c_str());
-    if (AcrossSignals([&] { return ::send(connection.Get(), command.c_str(), length, 0); }) == -1) {
-        throw Exception(std::string("Failed sending command to executor: ") + std::strerror(errno));
-    }
-    if (length == 0) {
-        // Nothing was sent, and the executor would wait for it. The end of input tells it that the command is empty.
-        ::shutdown(connection.Get(), SHUT_WR);
-    }
-    std::int32_t status = -1;
-    const ssize_t received = AcrossSignals([&] { return ::recv(connection.Get(), &status, sizeof status, 0); });
-    if (received <= 0) {
-        // The end of input leaves no reason behind, although the reason is clear.
-        const int reason = received == 0 ? ECONNRESET : errno;
-        throw Exception(std::string("Failed to recieve command status from Executor: ") + std::strerror(reason));
-    }
-    if (status != 0) {
-        throw Exception("Executor failed executing qorcli command: " + command);
     }
 }
 

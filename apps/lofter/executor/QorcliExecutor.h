@@ -65,7 +65,6 @@ class QorcliExecutor {
     static void* RunEventLoop(void* executor);
     [[noreturn]] void RunProcess();
     void ServeUntilStopped();
-    void Exchange(Descriptor connection, const std::string& command) const;
     void ResetLocked();
 
     const std::string controlSocket;
