@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-PAGES = {"lofter": 8, "lofter-debug.conf": 5, "lofter-plugin": 7}
+PAGES = {"lofter": 8, "lofter-debug.conf": 5, "lofter-plugin": 7, "lofter-plugin-json": 5}
 
 
 def Page(host, name):
@@ -31,6 +31,11 @@ def test_manual_pages_are_well_formed(host, name):
     # The page generator puts a paragraph in front of headings and lists, which a formatter leaves out.
     complaints = [line for line in check.stdout.splitlines() if "skipping paragraph macro" not in line]
     assert complaints == []
+
+
+def test_every_manual_page_is_checked(host):
+    installed = {path.name for path in host.Path("/usr/share/man").glob("man?/*")}
+    assert installed == {f"{name}.{section}" for name, section in PAGES.items()}
 
 
 def test_the_manual_page_explains_every_option(host):
