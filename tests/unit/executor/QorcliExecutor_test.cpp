@@ -72,12 +72,9 @@ class SmallStack {
 
 // The address sanitizer's own allocator is not fork-safe, unlike the C library's: what another thread holds of it at
 // the fork stays held in the child for ever. Under it the threads only log, which allocates nothing outside the lock of
-// logging. Sanitizers make every round many times as long; fewer rounds meet the same states.
-#if defined(__SANITIZE_ADDRESS__)
+// logging; and because its memory makes a fork several times as long, there are fewer of them.
+#ifdef __SANITIZE_ADDRESS__
 constexpr bool kAllocatorIsForkSafe = false;
-constexpr int kForks = 40;
-#elif defined(__SANITIZE_THREAD__)
-constexpr bool kAllocatorIsForkSafe = true;
 constexpr int kForks = 40;
 #else
 constexpr bool kAllocatorIsForkSafe = true;
