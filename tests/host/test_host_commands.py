@@ -227,8 +227,12 @@ def test_the_executor_keeps_its_directory_and_commands_have_no_descriptors_but_t
 # Commands that misbehave.
 
 def test_a_command_that_kills_the_executor_fails_and_so_do_all_further_ones(commands):
-    commands.WriteScript(f"{COMMANDS}/kill", "kill -9 $PPID")
-    commands.Plugin("kill.json", Document(["note --text=before", "kill", "note --text=after"]))
+    commands.WriteScript(f"{COMMANDS}/kill", "echo $PPID >/tmp/executor; kill -9 $PPID")
+    commands.Plugin("kill.json", Document(["note --text=before", "kill"], provides=["killed"]))
+    # A dying process may still take a connection.
+    commands.WriteScript("/usr/bin/await-end", "while [ -d /proc/$(cat /tmp/executor) ]; do :; done")
+    commands.DebugConfiguration("waiter:killed:gone:await-end")
+    commands.Plugin("late.json", Document(["note --text=after"], requires=["gone"]))
     syslog = commands.Syslog()
     Boot(commands)
     assert Notes(commands) == ["before"]
