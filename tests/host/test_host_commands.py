@@ -226,13 +226,17 @@ def test_the_executor_keeps_its_directory_and_commands_have_no_descriptors_but_t
 
 # Commands that misbehave.
 
+def NoteOnceTheExecutorIsGone(host, barrier):
+    """Another plugin's command, after the barrier and the executor in /tmp/executor: a dying one may still take a connection."""
+    host.WriteScript("/usr/bin/await-end", "while [ -d /proc/$(cat /tmp/executor) ]; do :; done")
+    host.DebugConfiguration(f"waiter:{barrier}:gone:await-end")
+    host.Plugin("late.json", Document(["note --text=after"], requires=["gone"]))
+
+
 def test_a_command_that_kills_the_executor_fails_and_so_do_all_further_ones(commands):
     commands.WriteScript(f"{COMMANDS}/kill", "echo $PPID >/tmp/executor; kill -9 $PPID")
     commands.Plugin("kill.json", Document(["note --text=before", "kill"], provides=["killed"]))
-    # A dying process may still take a connection.
-    commands.WriteScript("/usr/bin/await-end", "while [ -d /proc/$(cat /tmp/executor) ]; do :; done")
-    commands.DebugConfiguration("waiter:killed:gone:await-end")
-    commands.Plugin("late.json", Document(["note --text=after"], requires=["gone"]))
+    NoteOnceTheExecutorIsGone(commands, "killed")
     syslog = commands.Syslog()
     Boot(commands)
     assert Notes(commands) == ["before"]
@@ -421,9 +425,11 @@ def test_the_executor_killed_while_a_command_runs(commands):
     commands.Run("mkfifo", "/tmp/kill")
     commands.WriteScript(f"{COMMANDS}/hold", """
         parent=$PPID
+        echo $parent >/tmp/executor
         (read line </tmp/kill; kill -9 $parent) &
         echo holding >>/tmp/notes; read line </tmp/go""")
-    held = Held(commands, "note --text=after")
+    NoteOnceTheExecutorIsGone(commands, "held")
+    held = Held(commands)
     with open(commands.Path("/tmp/kill"), "w") as stream:
         stream.write("\n")
     # The client learns of it while the command is still running.
