@@ -35,9 +35,9 @@ class Noise {
         Log_AddOutput(stream);
         for (int number = 0; number < kThreads; ++number) {
             threads.emplace_back([this, number] {
-                while (!ended) {
+                do {  // at least once: a thread may not have had its turn when all is over
                     Log_Level(125, "thread %d\n", number);
-                }
+                } while (!ended);
             });
         }
         reader = std::thread([this] {
