@@ -13,7 +13,7 @@ import subprocess
 import tempfile
 import time
 
-# Kernel records that programs write are shown and none of them is dropped; lofter's come at the level of information.
+# Kernel records that programs write are shown and none of them is dropped; the ones of lofter come at the level of information.
 KERNEL = "loglevel=7 printk.devkmsg=on panic=-1"
 SERVICES = {"http": 8080, "ssh": 2222, "redis": 6379}
 FIRMWARE = pathlib.Path("/usr/share/qemu-efi-aarch64/QEMU_EFI.fd")
@@ -24,7 +24,8 @@ def MakeDisk(path, label, megabytes):
     path.parent.mkdir(parents=True, exist_ok=True)
     unfinished = path.with_suffix(".new")
     unfinished.unlink(missing_ok=True)
-    subprocess.run(["/sbin/mke2fs", "-q", "-t", "ext4", "-L", label, unfinished, f"{megabytes}M"], check=True)
+    subprocess.run(["/sbin/mke2fs", "-q", "-t", "ext4", "-L", label, unfinished, f"{megabytes}M"], check=True,
+                   stdout=subprocess.DEVNULL)
     unfinished.rename(path)
 
 
@@ -51,6 +52,7 @@ class Machine:
     def __init__(self, image, disks, settings=(), consoles=("ttyAMA0",), firmware=None, watch=None, terminal=False):
         self.ports = {name: FreePort() for name in SERVICES}
         self.text = ""
+        self.pending = b""
         self.watch = watch
         self.folder = tempfile.TemporaryDirectory()  # the names of sockets are short
         forwards = "".join(f",hostfwd=tcp:127.0.0.1:{self.ports[name]}-:{port}" for name, port in SERVICES.items())
@@ -80,10 +82,14 @@ class Machine:
         """Appends what came over the serial line to `text`. False at its end, or when nothing came in time."""
         if not select.select([self.process.stdout], [], [], max(0, seconds))[0]:
             return False
-        data = os.read(self.process.stdout.fileno(), 65536).decode(errors="replace").replace("\r\n", "\n")
-        self.text += data
+        data = os.read(self.process.stdout.fileno(), 65536)
+        # Line ends may come in two parts.
+        text = (self.pending + data).replace(b"\r\n", b"\n")
+        self.pending = text[-1:] if data and text.endswith(b"\r") else b""
+        shown = text.removesuffix(self.pending).decode(errors="replace")
+        self.text += shown
         if self.watch:
-            self.watch(data)
+            self.watch(shown)
         return bool(data)
 
     def Expect(self, pattern, seconds=120, start=0):
@@ -143,8 +149,8 @@ class Machine:
                         raise RuntimeError(answer["error"]["desc"])
 
     def Press(self, *keys):
-        for key in keys:
-            self.Monitor("send-key", keys=[{"type": "qcode", "data": key}])
+        """All of them together, on the machine's own keyboard."""
+        self.Monitor("send-key", keys=[{"type": "qcode", "data": key} for key in keys])
 
     def Screenshot(self, path):
         self.Monitor("screendump", filename=str(path), format="png")

@@ -105,7 +105,7 @@ class ActivationReport : public Activation {
             }
             return std::regex_replace(text, std::regex("took [0-9]+ us"), "took N us");
         });
-        report.bootLog = std::regex_replace(host.Read("dev/kmsg"), std::regex("<6>lofter: "), "|");
+        report.bootLog = std::regex_replace(host.Read("dev/kmsg"), std::regex("<6>lofter: (.*)\n"), "|$1");
         host.Write("dev/kmsg", "");
         return report;
     }

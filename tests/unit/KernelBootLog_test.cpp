@@ -27,14 +27,14 @@ TEST(KernelBootLog, WritesTheFormattedTextAsOneRecord) {
     const test::TemporaryDirectory host;
     host.Write("dev/kmsg", "");
     EXPECT_EQ(Write(host, "net"), "");
-    EXPECT_EQ(host.Read("dev/kmsg"), "<6>lofter: net is 100%.");
+    EXPECT_EQ(host.Read("dev/kmsg"), "<6>lofter: net is 100%.\n");
 }
 
 TEST(KernelBootLog, NeverTakesTextFromOutsideForAFormat) {
     const test::TemporaryDirectory host;
     host.Write("dev/kmsg", "");
     EXPECT_EQ(Write(host, "%s%n\"\xc3\xa9"), "");
-    EXPECT_EQ(host.Read("dev/kmsg"), "<6>lofter: %s%n\"\xc3\xa9 is 100%.");
+    EXPECT_EQ(host.Read("dev/kmsg"), "<6>lofter: %s%n\"\xc3\xa9 is 100%.\n");
 }
 
 TEST(KernelBootLog, ReportsAKernelThatTakesNoRecordToTheSyslogDaemonOnly) {

@@ -19,6 +19,16 @@ constexpr char kPrefix[] = "<6>lofter: ";
 // The kernel refuses longer records than 1024 bytes less its own prefix, of which versions differ.
 constexpr std::size_t kLongestRecord = 960;
 
+// The kernel keeps a record back, in case it is continued, until it ends with a line end, which is not part of it.
+std::string RecordOf(const std::string& text) {
+    const std::string whole = kPrefix + text;
+    std::string record(Shortened(whole, kLongestRecord - 1));
+    if (!record.ends_with('\n')) {
+        record.push_back('\n');
+    }
+    return record;
+}
+
 [[noreturn]] void Fail(const char* path) {
     throw std::runtime_error(std::string(path) + ": " + std::strerror(errno));
 }
@@ -31,8 +41,7 @@ void WriteKernelLog(const char* path, const std::vector<std::string>& texts) {
         Fail(path);
     }
     for (const std::string& text : texts) {
-        const std::string whole = kPrefix + text;
-        const std::string_view record = Shortened(whole, kLongestRecord);
+        const std::string record = RecordOf(text);
         while (::write(log.Get(), record.data(), record.size()) < 0) {
             if (errno != EINTR) {
                 Fail(path);

@@ -127,7 +127,7 @@ class Host:
         self.Write("/dev/kmsg", "")
 
     def KernelLines(self):
-        """The records: one per write, each opened by its priority and not ended by anything of its own."""
+        """The records: one per write, each opened by its priority."""
         return [line.rstrip("\n") for line in re.split(r"(?=<\d+>)", self.Read("/dev/kmsg")) if line]
 
     # Commands.

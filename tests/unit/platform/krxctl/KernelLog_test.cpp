@@ -25,11 +25,11 @@ std::string FailureOf(Action action) {
     return {};
 }
 
-TEST(KernelLog, AppendsEachTextAsARecordOfLofter) {
+TEST(KernelLog, AppendsEachTextAsARecordOfLofterThatIsComplete) {
     const TemporaryDirectory directory;
     const std::string log = directory.Write("kmsg", "before|");
     WriteKernelLog(log.c_str(), {"one", "|", "two 100%s\n"});
-    EXPECT_EQ(directory.Read("kmsg"), "before|<6>lofter: one<6>lofter: |<6>lofter: two 100%s\n");
+    EXPECT_EQ(directory.Read("kmsg"), "before|<6>lofter: one\n<6>lofter: |\n<6>lofter: two 100%s\n");
 }
 
 TEST(KernelLog, CutsTextsThatAreTooLongForARecordAtTheEndOfASymbol) {
@@ -43,7 +43,7 @@ TEST(KernelLog, CutsTextsThatAreTooLongForARecordAtTheEndOfASymbol) {
     const std::string record = directory.Read("kmsg");
     EXPECT_GT(record.size(), 900U);
     EXPECT_LE(record.size(), 960U);
-    EXPECT_TRUE(record.ends_with("\xe2\x82\xac"));
+    EXPECT_TRUE(record.ends_with("\xe2\x82\xac\n"));
 }
 
 TEST(KernelLog, IsNeverCreated) {

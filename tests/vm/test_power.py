@@ -1,0 +1,40 @@
+"""A machine whose power is cut while lofter works boots the next time."""
+import random
+import re
+import time
+
+from consoles import BOOT, IMAGE
+from machine import Machine
+
+CUTS = 10
+
+
+def CheckWhatWasFound(text, plugins):
+    """The last boot's profiling log or the one before it, but a whole one; an archive that is whole, or torn in its place."""
+    log = re.search(r"^machine: profiling log found:\n((?:.*\n)*?)machine: end of the profiling log", text, re.MULTILINE).group(1)
+    lines = log.splitlines()
+    assert re.fullmatch(r"Krxkernel Initialization Time: \d+", lines[0]), log
+    times = r"\[\S+ \S+ - \S+ \S+\] sysboot: (\S+)"
+    assert sorted(re.findall(times, log)) == plugins, log
+    assert re.fullmatch(r" Random Seed: -?\d+", lines[-1]), log
+    assert len(lines) == 1 + len(plugins) + 8, log
+    assert re.search(r"^machine: (whole|torn) run-once archive$", text, re.MULTILINE)
+
+
+def test_a_machine_whose_power_is_cut_boots_the_next_time(disks):
+    seed = int(time.time())
+    print(f"moments drawn with seed {seed}")
+    moments = random.Random(seed)
+    settings = {"daemons": "off", "found": "show", "after": "repeat"}
+    plugins = []
+    for number in range(CUTS + 1):
+        with Machine(IMAGE, disks, settings) as machine:
+            begun = machine.Expect(r"^machine: \S+ --init begins at ([\d.]+) s", BOOT)
+            verdict = machine.Expect(r"^machine: verdict (\d) at ([\d.]+) s", BOOT)
+            assert verdict.group(1) == "0", machine.text
+            if number > 0:
+                CheckWhatWasFound(machine.text[:begun.start()], plugins)
+            plugins = sorted(re.findall(r"executing start plugin: (\S+)$", machine.text[:verdict.start()], re.MULTILINE))
+            # By now lofter's boot run is done over and over: the power goes somewhere within two of them.
+            machine.RunFor(moments.uniform(0, 2 * (float(verdict.group(2)) - float(begun.group(1)))))
+            machine.Cut()
