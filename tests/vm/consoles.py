@@ -57,6 +57,15 @@ def Ask(port, request, expected, seconds=30):
     return answer
 
 
+def IsOpen(port):
+    """Whether a service says something of its own accord. QEMU itself takes every call, and hangs up when there is no service."""
+    try:
+        with socket.create_connection(("127.0.0.1", port), timeout=5) as connection:
+            return connection.recv(1) != b""
+    except OSError:
+        return False
+
+
 def Activations(text):
     """The plugins in the order in which the kernel log says that they were activated, and what came of each."""
     begun = re.findall(r"lofter: Activating Lofter plugin (\S+)\.$", text, re.MULTILINE)
