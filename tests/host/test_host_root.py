@@ -123,6 +123,7 @@ def test_the_demo_syslog_daemon_takes_messages_when_its_launch_returns(demo_host
         /usr/lib/tessel/tssyslog/bin/tssyslogd -i || exit 1
         kill -0 $(cat /var/run/tessel/tssyslogd.pid) || exit 2
         logger -t test before
+        timeout 10 sh -c 'until grep -q before /var/log/syslog.log; do sleep 0.01; done' || exit 5
         mv /var/log/syslog.log /var/log/syslog.old
         kill -USR1 $(cat /var/run/tessel/tssyslogd.pid)
         timeout 10 sh -c 'until [ -e /var/log/syslog.log ]; do sleep 0.01; done' || exit 3
