@@ -1,12 +1,14 @@
 """A machine whose power is cut while lofter works boots the next time."""
+import concurrent.futures
 import random
 import re
 import time
 
-from consoles import BOOT, IMAGE
+from consoles import BOOT, IMAGE, MakeDisks
 from machine import Machine
 
 CUTS = 10
+MACHINES = 2  # at the same time, for what they have to wait for
 
 
 def CheckWhatWasFound(text, plugins):
@@ -21,13 +23,10 @@ def CheckWhatWasFound(text, plugins):
     assert re.search(r"^machine: (whole|torn) run-once archive$", text, re.MULTILINE)
 
 
-def test_a_machine_whose_power_is_cut_boots_the_next_time(disks):
-    seed = int(time.time())
-    print(f"moments drawn with seed {seed}")
-    moments = random.Random(seed)
+def CutAndBoot(disks, moments, cuts):
     settings = {"daemons": "off", "found": "show", "after": "repeat"}
     plugins = []
-    for number in range(CUTS + 1):
+    for number in range(cuts + 1):
         with Machine(IMAGE, disks, settings) as machine:
             begun = machine.Expect(r"^machine: \S+ --init begins at ([\d.]+) s", BOOT)
             verdict = machine.Expect(r"^machine: verdict (\d) at ([\d.]+) s", BOOT)
@@ -38,3 +37,13 @@ def test_a_machine_whose_power_is_cut_boots_the_next_time(disks):
             # By now lofter's boot run is done over and over: the power goes somewhere within two of them.
             machine.RunFor(moments.uniform(0, 2 * (float(verdict.group(2)) - float(begun.group(1)))))
             machine.Cut()
+
+
+def test_a_machine_whose_power_is_cut_boots_the_next_time(tmp_path):
+    seed = int(time.time())
+    print(f"moments drawn with seed {seed}")
+    with concurrent.futures.ThreadPoolExecutor(MACHINES) as pool:
+        runs = [pool.submit(CutAndBoot, MakeDisks(tmp_path / str(number)), random.Random(seed + number), CUTS // MACHINES)
+                for number in range(MACHINES)]
+        for run in runs:
+            run.result()
