@@ -3,14 +3,18 @@
 // Needs root and LOFTER_BENCH_ROOT, a host root that holds the installed program; each boot is a plain run entered with
 // chroot. Counters:
 //      per_plugin      what a plugin that runs the shell's builtin `true` costs
+//      bare_call       what the same system() call costs in a bare loop, on as many threads
+//      own_share       how much more the plugin costs, as a fraction of the bare call
 //      first_plugin    from the program's start to the start of the first plugin
 //      peak_rss        of the orchestrator, in bytes
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -120,19 +124,32 @@ double FirstPluginStart() {
     return static_cast<double>(timegm(&parts)) + microseconds / 1e6;
 }
 
+double Median(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2), values.end());
+    return values[values.size() / 2];
+}
+
+double MedianOf(int runs, const std::function<double()>& measure) {
+    std::vector<double> values;
+    std::generate_n(std::back_inserter(values), runs, measure);
+    return Median(values);
+}
+
+// Boots and bare loops take turns, so that a machine whose speed drifts is as fast or slow for both.
 void BootOf(benchmark::State& state, bool isParallel) {
     if (!IsUsable(state)) {
         return;
     }
+    constexpr int kEmptyRuns = 9;
     const long plugins = state.range(0);
+    const int threads = isParallel ? kThreads : 1;
     WriteDebugConfiguration(0);
-    double empty = 1e9;
-    for (int i = 0; i < 5; ++i) {
-        empty = std::min(empty, Boot(isParallel).seconds);
-    }
+    const double emptyBoot = MedianOf(kEmptyRuns, [&] { return Boot(isParallel).seconds; });
+    const double emptyLoop = MedianOf(kEmptyRuns, [&] { return BareLoop(0, threads).seconds; });
     WriteDebugConfiguration(plugins);
 
-    double total = 0;
+    std::vector<double> boots;
+    std::vector<double> loops;
     double untilFirst = 1e9;
     long peak = 0;
     for ([[maybe_unused]] auto _ : state) {
@@ -140,40 +157,27 @@ void BootOf(benchmark::State& state, bool isParallel) {
         gettimeofday(&start, nullptr);
         const Outcome outcome = Boot(isParallel);
         state.SetIterationTime(outcome.seconds);
-        total += outcome.seconds - empty;
+        boots.push_back(outcome.seconds - emptyBoot);
+        loops.push_back(BareLoop(plugins, threads).seconds - emptyLoop);
         untilFirst = std::min(untilFirst, FirstPluginStart() - Seconds(start));
         peak = std::max(peak, outcome.peakKilobytes);
     }
     if (plugins > 0) {
-        state.counters["per_plugin"] = total / static_cast<double>(state.iterations() * plugins);
+        state.counters["per_plugin"] = Median(boots) / static_cast<double>(plugins);
+        state.counters["bare_call"] = Median(loops) / static_cast<double>(plugins);
+        state.counters["own_share"] = Median(boots) / Median(loops) - 1;
         state.counters["first_plugin"] = untilFirst;
     }
     state.counters["peak_rss"] = benchmark::Counter(static_cast<double>(peak) * 1024, benchmark::Counter::kDefaults,
                                                     benchmark::Counter::OneK::kIs1024);
 }
 
-void Bare(benchmark::State& state, int threads) {
-    if (!IsUsable(state)) {
-        return;
-    }
-    const long calls = state.range(0);
-    const double empty = BareLoop(0, threads).seconds;
-    double total = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        const Outcome outcome = BareLoop(calls, threads);
-        state.SetIterationTime(outcome.seconds);
-        total += outcome.seconds - empty;
-    }
-    state.counters["per_plugin"] = total / static_cast<double>(state.iterations() * calls);
-}
-
 void Sizes(benchmark::internal::Benchmark* boot) {
     boot->UseManualTime()->Unit(benchmark::kMillisecond);
 }
 
-BENCHMARK_CAPTURE(BootOf, serial, false)->Apply(Sizes)->Arg(0)->Arg(100)->Arg(1000);
-BENCHMARK_CAPTURE(Bare, serial, 1)->Apply(Sizes)->Arg(100)->Arg(1000);
-BENCHMARK_CAPTURE(BootOf, parallel, true)->Apply(Sizes)->Arg(1000);
-BENCHMARK_CAPTURE(Bare, parallel, kThreads)->Apply(Sizes)->Arg(1000);
+BENCHMARK_CAPTURE(BootOf, serial, false)->Apply(Sizes)->Arg(0)->Iterations(20);
+BENCHMARK_CAPTURE(BootOf, serial, false)->Apply(Sizes)->Arg(100)->Arg(1000)->Iterations(15);
+BENCHMARK_CAPTURE(BootOf, parallel, true)->Apply(Sizes)->Arg(1000)->Iterations(15);
 
 }  // namespace

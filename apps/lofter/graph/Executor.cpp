@@ -74,10 +74,7 @@ void Executor::Work() {
             workAvailable.Wait();
             continue;
         }
-        Node& node = readyQueue.Take(randomize);
-        lock.Release();
-        node.RunQueued(*this);
-        lock.Acquire();
+        readyQueue.Take(randomize).RunQueued(*this, lock);
     }
 }
 

@@ -199,17 +199,23 @@ void Node::Queue(const Phase& phase, Executor& executor) {
 }
 
 void Node::RunQueued(Executor& executor) {
-    if (State() == kStart.queued) {
+    GraphLock lock;
+    RunQueued(executor, lock);
+}
+
+void Node::RunQueued(Executor& executor, GraphLock& lock) {
+    const bool isStart = state == kStart.queued;
+    lock.Release();
+    if (isStart) {
         Start();
-        Finish(kStart, executor);
     } else {
         Stop();
-        Finish(kStop, executor);
     }
+    lock.Acquire();
+    Finish(isStart ? kStart : kStop, executor);
 }
 
 void Node::Finish(const Phase& phase, Executor& executor) {
-    GraphLock lock;
     state = phase.finished;
     for (Node* follower : this->*phase.followers) {
         if (follower->state == phase.pending) {

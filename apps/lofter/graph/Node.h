@@ -90,8 +90,10 @@ class Node {
     void ScheduleStart(Executor& executor);
     void ScheduleStop(Executor& executor);
 
-    // Runs the work that the node was queued for and releases whoever waits for it.
+    // Runs the work that the node was queued for and releases whoever waits for it. The second form is for a worker
+    // that holds the lock, once, through its guard: the node works without it, and the guard holds it again afterwards.
     void RunQueued(Executor& executor);
+    void RunQueued(Executor& executor, GraphLock& lock);
 
     void WaitStarted();
     void WaitStopped();
