@@ -12,8 +12,8 @@
 
 #include "Logging.h"
 #include "Paths.h"
-#include "support/Faults.h"
 #include "support/ChildOutcome.h"
+#include "support/Faults.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 

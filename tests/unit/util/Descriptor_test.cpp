@@ -1,16 +1,20 @@
 #include "util/Descriptor.h"
 
+#include <cerrno>
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
-
-#include <cerrno>
 
 namespace lofter {
 namespace {
 
-bool IsOpen(int number) { return ::fcntl(number, F_GETFD) != -1; }
+bool IsOpen(int number) {
+    return ::fcntl(number, F_GETFD) != -1;
+}
 
-Descriptor OpenNull() { return Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+Descriptor OpenNull() {
+    return Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
 
 TEST(Descriptor, OwnsNothingAtFirst) {
     const Descriptor nothing;
