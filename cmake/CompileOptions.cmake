@@ -20,8 +20,11 @@ target_compile_definitions(lofter_options INTERFACE _GNU_SOURCE _GLIBCXX_ASSERTI
 target_link_options(lofter_options INTERFACE -Wl,-z,relro,-z,now)
 
 if(LOFTER_SANITIZE)
+  # Here rather than among the target's options, so that a target may choose another level.
+  string(APPEND CMAKE_C_FLAGS_DEBUG " -O1")
+  string(APPEND CMAKE_CXX_FLAGS_DEBUG " -O1")
   target_compile_options(lofter_options INTERFACE
-    -fsanitize=${LOFTER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+    -fsanitize=${LOFTER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(lofter_options INTERFACE -fsanitize=${LOFTER_SANITIZE})
   # The instrumentation itself makes g++ see uninitialized uses inside the standard library.
   target_compile_options(lofter_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
