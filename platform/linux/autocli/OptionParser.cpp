@@ -1,10 +1,9 @@
 #include <algorithm>
-#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include <glib.h>
 #include <unistd.h>
 
 #include "autocli/Streams.h"
@@ -16,38 +15,86 @@ namespace {
 
 constexpr char kHelp[] = "--help";
 
-// A byte that is neither in the line nor means anything to the splitter; '#' when the line has them all.
-char StandIn(const std::string& line) {
-    for (int code = 1; code < 256; ++code) {
-        const char candidate = static_cast<char>(code);
-        if (std::string_view(" \t\r\n\f\v\\'\"#").find(candidate) == std::string_view::npos &&
-            line.find(candidate) == std::string::npos) {
-            return candidate;
-        }
+constexpr char kSeparators[] = " \t\n";
+constexpr char kSpecial[] = " \t\n'\"\\";
+
+// Text whose front is taken piece by piece.
+class Remainder {
+  public:
+    explicit Remainder(std::string_view text) : rest(text) {}
+
+    bool Empty() const { return rest.empty(); }
+    std::string_view Take(std::size_t length) {
+        const std::string_view taken = rest.substr(0, length);
+        rest.remove_prefix(taken.size());
+        return taken;
     }
-    return '#';
+    std::string_view TakeUntil(const char* symbols) { return Take(std::min(rest.find_first_of(symbols), rest.size())); }
+
+  private:
+    std::string_view rest;
+};
+
+// What a backslash in front of the symbol comes to between double quotes. Behind a line end the line goes on.
+std::string Escaped(std::string_view symbol) {
+    if (symbol == "\n") {
+        return {};
+    }
+    const bool isSpecial = symbol.find_first_of("$`\"\\") != std::string_view::npos;
+    return isSpecial ? std::string(symbol) : "\\" + std::string(symbol);
 }
 
-// Nothing when a quote is left open.
-std::optional<std::vector<std::string>> SplitWords(std::string line) {
-    // The splitter takes '#' before a word for the start of a comment. Command lines have no comments.
-    const char standIn = StandIn(line);
-    std::replace(line.begin(), line.end(), '#', standIn);
-
-    int count = 0;
-    char** split = nullptr;
-    GError* failure = nullptr;
-    if (!g_shell_parse_argv(line.c_str(), &count, &split, &failure)) {
-        const std::unique_ptr<GError, decltype(&g_error_free)> reason(failure, g_error_free);
-        if (g_error_matches(reason.get(), G_SHELL_ERROR, G_SHELL_ERROR_EMPTY_STRING)) {
-            return std::vector<std::string>();
+// The text up to the closing double quote, which is taken as well; nothing when there is none.
+std::optional<std::string> TakeDoubleQuoted(Remainder& line) {
+    std::string text;
+    for (;;) {
+        text += line.TakeUntil("\"\\");
+        const std::string_view end = line.Take(1);
+        if (end == "\"") {
+            return text;
         }
-        return std::nullopt;
+        if (line.Empty()) {
+            return std::nullopt;
+        }
+        text += Escaped(line.Take(1));
     }
-    const std::unique_ptr<char*, decltype(&g_strfreev)> owned(split, g_strfreev);
-    std::vector<std::string> words(split, split + count);
-    for (std::string& word : words) {
-        std::replace(word.begin(), word.end(), standIn, '#');
+}
+
+// As a shell splits a line, but that nothing is expanded and nothing is a comment. Nothing when a quote or a backslash
+// is left open.
+std::optional<std::vector<std::string>> SplitWords(const std::string& text) {
+    Remainder line(text);
+    std::vector<std::string> words;
+    bool inWord = false;
+    const auto append = [&](std::string_view piece) {
+        words.resize(words.size() + (inWord ? 0 : 1));
+        words.back() += piece;
+        inWord = true;
+    };
+    while (!line.Empty()) {
+        if (const std::string_view plain = line.TakeUntil(kSpecial); !plain.empty()) {
+            append(plain);
+            continue;
+        }
+        const std::string_view symbol = line.Take(1);
+        if (symbol.find_first_of(kSeparators) != std::string_view::npos) {
+            inWord = false;
+        } else if (symbol == "\"") {
+            const std::optional<std::string> quoted = TakeDoubleQuoted(line);
+            if (!quoted) {
+                return std::nullopt;
+            }
+            append(*quoted);
+        } else if (symbol == "'") {
+            append(line.TakeUntil("'"));
+            if (line.Take(1).empty()) {
+                return std::nullopt;
+            }
+        } else if (line.Empty()) {
+            return std::nullopt;
+        } else if (const std::string_view literal = line.Take(1); literal != "\n") {
+            append(literal);
+        }
     }
     return words;
 }

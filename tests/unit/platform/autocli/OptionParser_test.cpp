@@ -67,8 +67,29 @@ TEST(OptionParser, HasNoComments) {
     EXPECT_EQ(PathOf("\x01 #\x02"), Words({"\x01", "#\x02"}));
 }
 
+TEST(OptionParser, GoesOnInTheNextLineBehindABackslash) {
+    EXPECT_EQ(PathOf("a\\\nb \\\n c"), Words({"ab", "c"}));
+    EXPECT_EQ(ParametersOf("a --x=\"b\\\nc\""), Parameters({{"x", "bc"}}));
+    EXPECT_EQ(ParametersOf("a --x='b\\\nc'"), Parameters({{"x", "b\\\nc"}}));
+    EXPECT_EQ(ErrorsOf("\\\n"), Words({"empty command"}));
+}
+
+TEST(OptionParser, MakesAWordOfEmptyQuotes) {
+    EXPECT_EQ(PathOf("a '' \"\""), Words({"a", "", ""}));
+    EXPECT_EQ(PathOf("a \"\\\n\""), Words({"a", ""}));
+}
+
 TEST(OptionParser, PassesBytesThatAreNoTextThrough) {
     EXPECT_EQ(ParametersOf("a --x=\xff\xfe\x01"), Parameters({{"x", "\xff\xfe\x01"}}));
+    std::string everything;
+    for (char symbol = '\x7f'; symbol != '\0'; --symbol) {
+        everything += symbol == '\'' ? std::string() : std::string(1, symbol);
+    }
+    for (int symbol = 0x80; symbol < 0x100; ++symbol) {
+        everything += static_cast<char>(symbol);
+    }
+    EXPECT_EQ(ParametersOf("a --x='" + everything + "' --y=#"), Parameters({{"x", everything}, {"y", "#"}}));
+    EXPECT_EQ(PathOf("a '" + everything + "' #"), Words({"a", everything, "#"}));
 }
 
 TEST(OptionParser, ReportsAnEmptyCommand) {
