@@ -1,4 +1,5 @@
 # One target, `lofter_options`, carries the language level, the warnings, the hardening and the sanitizers to every target.
+option(LOFTER_FUZZERS "Give the programs of tests/fuzz clang's fuzzing engine; needs clang" OFF)
 set(LOFTER_SANITIZE "" CACHE STRING "Sanitizers to build with, comma separated: address,undefined or thread")
 
 set(CMAKE_CXX_STANDARD 20)

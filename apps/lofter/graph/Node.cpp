@@ -17,8 +17,8 @@ struct Node::Phase {
     Links Node::*followers;      // what waits for the node
 
     // Whether a prerequisite still holds its followers up. The states of the other phase do not.
-    bool IsOutstanding(NodeState state) const {
-        return state == NodeState::Idle || state == pending || state == queued;
+    bool IsOutstanding(NodeState prerequisite) const {
+        return prerequisite == NodeState::Idle || prerequisite == pending || prerequisite == queued;
     }
 };
 

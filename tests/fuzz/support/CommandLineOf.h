@@ -1,0 +1,28 @@
+// A command line as the program gets it, and the settings record that it fills, fresh for every input.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "CommandLine.h"
+
+namespace lofter::fuzz {
+
+// The process has one settings record; this is it, as it was before the first input.
+inline Settings& FreshSettings() {
+    static const Settings untouched = Settings::Instance();
+    return Settings::Instance() = untouched;
+}
+
+// The words, the program's name not among them, are NUL-terminated like those that the system passes on.
+inline CommandLine Parse(std::vector<std::string> words, Settings& settings) {
+    words.insert(words.begin(), "lofter");
+    std::vector<char*> pointers;
+    for (std::string& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    return ParseCommandLine(static_cast<int>(words.size()), pointers.data(), settings);
+}
+
+}  // namespace lofter::fuzz
