@@ -37,7 +37,7 @@ def Offsets(page, symbol):
 
 
 HEADER = Text("sdk/include/lofter/plugin.h")
-READER = Text("apps/lofter/plugins/NativePlugin.cpp")
+READER = Text("apps/lofter/plugins/NativeInterface.cpp")
 PAGE = Text("docs/man/lofter-plugin.7.scd")
 
 
@@ -64,4 +64,4 @@ def test_nothing_else_lays_out_the_block():
     found = [path.as_posix() for path in Tracked("apps", "platform", "sdk", "host", "bench")
              if path.suffix in (".h", ".hpp", ".c", ".cpp", ".cxx")
              and re.search(r"\b(plugin_version|disabling_flags);", Text(path))]
-    assert found == ["apps/lofter/plugins/NativePlugin.cpp", "apps/lofter/plugins/Plugin.h", "sdk/include/lofter/plugin.h"]
+    assert found == ["apps/lofter/plugins/NativeInterface.cpp", "apps/lofter/plugins/Plugin.h", "sdk/include/lofter/plugin.h"]

@@ -2,8 +2,8 @@
 
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <memory>
+#include <optional>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,33 +11,14 @@
 #include "Paths.h"
 #include "krxuser/spawn.h"
 #include "plugins/Exception.h"
+#include "plugins/NativeInterface.h"
 #include "plugins/SharedObject.h"
 
 namespace lofter {
 
 namespace {
 
-constexpr std::uint32_t kOldestVersion = 1;
-constexpr std::uint32_t kNewestVersion = 4;
 constexpr std::int32_t kHostProfileVersion = 2;
-constexpr std::int32_t kReleaseVersion = 3;
-
-using StringList = const char* const*;
-
-struct Operations {
-    void (*start)();
-    void (*apply_host_profile)();
-};
-static_assert(offsetof(Operations, start) == 0);
-static_assert(offsetof(Operations, apply_host_profile) == 8);
-static_assert(sizeof(Operations) == 16);
-
-template <typename Action>
-void ForEach(StringList list, Action action) {
-    for (; list != nullptr && *list != nullptr; ++list) {
-        action(std::string(*list));
-    }
-}
 
 struct DestroyFileActions {
     void operator()(KrxuserCompatSpawnFileActions* actions) const { KrxuserCompat_SpawnFileActionsDestroy(actions); }
@@ -120,53 +101,27 @@ class OperationCall {
 
 }  // namespace
 
-// The block that a plugin exports: binary interface, so nothing here moves, and the plugin header says the same. It
-// comes from outside and may end early, so nothing but the version is read before the version is known, and the members
-// of a release only when the version has them.
-struct NativePlugin::Metadata {
-    std::uint32_t version;
-    StringList requiredBarriers;
-    StringList providedBarriers;
-    // From version 3 on.
-    const char* plugin_version;
-    unsigned char run_once;
-    StringList required_flags;
-    StringList disabling_flags;
-};
-
 NativePlugin::NativePlugin(const std::string& pluginName, const std::string& objectPath)
     : Plugin(pluginName), path(objectPath) {
     const SharedObject object(path);
-    const auto& operations = *static_cast<const Operations*>(object.Symbol("operations"));
-    const auto& metadata = *static_cast<const Metadata*>(object.Symbol("metadata"));
-    if (metadata.version < kOldestVersion || metadata.version > kNewestVersion) {
+    const void* operations = object.Symbol("operations");
+    const void* metadata = object.Symbol("metadata");
+    const std::optional<NativeInterface> plugin = ReadNativeInterface(metadata, operations);
+    if (!plugin) {
         throw InvalidPluginException(path, "Unsupported API version");
     }
-    version = static_cast<std::int32_t>(metadata.version);
-    hasHostProfileOperation = operations.apply_host_profile != nullptr;
-
-    ForEach(metadata.providedBarriers, [this](const std::string& barrier) { ProvideBarrier(barrier); });
-    ForEach(metadata.requiredBarriers, [this](const std::string& barrier) { RequireBarrier(barrier); });
-    if (version >= kReleaseVersion) {
-        ReadRelease(metadata);
+    version = plugin->version;
+    hasHostProfileOperation = plugin->hasHostProfileOperation;
+    for (const std::string& barrier : plugin->providedBarriers) {
+        ProvideBarrier(barrier);
     }
-}
-
-void NativePlugin::ReadRelease(const Metadata& metadata) {
-    static_assert(offsetof(Metadata, version) == 0);
-    static_assert(offsetof(Metadata, requiredBarriers) == 8);
-    static_assert(offsetof(Metadata, providedBarriers) == 16);
-    static_assert(offsetof(Metadata, plugin_version) == 24);
-    static_assert(offsetof(Metadata, run_once) == 32);
-    static_assert(offsetof(Metadata, required_flags) == 40);
-    static_assert(offsetof(Metadata, disabling_flags) == 48);
-    static_assert(sizeof(Metadata) == 56);
-    ForEach(metadata.required_flags, [this](const std::string& flag) { required_flags.insert(flag); });
-    ForEach(metadata.disabling_flags, [this](const std::string& flag) { disabling_flags.insert(flag); });
-    run_once = metadata.run_once != 0;
-    if (metadata.plugin_version != nullptr) {
-        plugin_version = metadata.plugin_version;
+    for (const std::string& barrier : plugin->requiredBarriers) {
+        RequireBarrier(barrier);
     }
+    required_flags = plugin->requiredFlags;
+    disabling_flags = plugin->disablingFlags;
+    run_once = plugin->runOnce;
+    plugin_version = plugin->release;
 }
 
 void NativePlugin::StartPlugin() {

@@ -27,9 +27,6 @@ class NativePlugin : public Plugin {
     void ApplyHostProfile() override;
 
   private:
-    struct Metadata;
-
-    void ReadRelease(const Metadata& metadata);
     void RunOperation(const std::string& method) const;
 
     bool hasHostProfileOperation = false;

@@ -1,55 +1,24 @@
 #include "plugins/SharedObject.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <vector>
 
 #include <dlfcn.h>
-#include <elf.h>
 
 #include "plugins/Exception.h"
+#include "plugins/ObjectFile.h"
 
 namespace lofter {
 
 namespace {
 
-bool ReadAt(std::istream& file, std::uint64_t offset, void* target, std::size_t size) {
-    file.seekg(static_cast<std::streamoff>(offset));
-    file.read(static_cast<char*>(target), static_cast<std::streamsize>(size));
-    return static_cast<std::size_t>(file.gcount()) == size;
-}
-
-// The segments that the loader is going to map. Empty for everything that it rejects by itself.
-std::vector<Elf64_Phdr> ProgramHeaders(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    Elf64_Ehdr header;
-    if (!ReadAt(file, 0, &header, sizeof header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
-        header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_phentsize != sizeof(Elf64_Phdr)) {
-        return {};
-    }
-    std::vector<Elf64_Phdr> segments(header.e_phnum);
-    if (!ReadAt(file, header.e_phoff, segments.data(), segments.size() * sizeof(Elf64_Phdr))) {
-        return {};
-    }
-    return segments;
-}
-
-// Whether the file ends before its contents do. The loader maps such a file without complaint and the first access
-// beyond its end kills the process, which here is the host's boot; a full disk during an update is enough to leave one
-// behind.
 bool IsCutShort(const std::string& path) {
     std::error_code failure;
-    if (!std::filesystem::is_regular_file(path, failure)) {
-        return false;
+    std::ifstream file;
+    if (std::filesystem::is_regular_file(path, failure)) {
+        file.open(path, std::ios::binary);
     }
-    const std::uint64_t size = std::filesystem::file_size(path, failure);
-    const std::vector<Elf64_Phdr> segments = ProgramHeaders(path);
-    return std::any_of(segments.begin(), segments.end(), [size](const Elf64_Phdr& segment) {
-        return segment.p_type == PT_LOAD && (segment.p_filesz > size || segment.p_offset > size - segment.p_filesz);
-    });
+    return file.is_open() && EndsBeforeItsContents(file);
 }
 
 // A pipe or a device, which the loader would wait for. The loader has a reason of its own for everything else.
