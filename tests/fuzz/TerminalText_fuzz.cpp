@@ -1,0 +1,74 @@
+// The first byte is a length, the rest a text on its way to a terminal; and the same text as the content of a pid file.
+//
+// Nothing that a terminal acts on gets through, a shortened text is a beginning that ends between letters, and a
+// process id is a number above 0 with nothing but white space around it.
+#include <limits>
+#include <sstream>
+
+#include "Printable.h"
+#include "SyslogReload.h"
+#include "support/Bytes.h"
+#include "support/Require.h"
+
+namespace lofter::fuzz {
+namespace {
+
+void IsPrintable(const std::string& text) {
+    const std::string printable = platform::Printable(text);
+    Require(printable.size() == text.size(), "every byte has its place");
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        const auto code = static_cast<unsigned char>(text[index]);
+        const bool isControl = (code < 0x20 && code != '\n') || code == 0x7f;
+        Require(printable[index] == (isControl ? '?' : text[index]), "control characters are replaced, others kept");
+    }
+}
+
+void IsShortened(const std::string& text, std::size_t bytes) {
+    const std::string shortened(platform::Shortened(text, bytes));
+    Require(shortened.size() <= bytes && text.starts_with(shortened), "a beginning of the text");
+    Require(text.size() > bytes || shortened == text, "what fits stays whole");
+    const bool isInsideALetter =
+        shortened.size() < text.size() && (static_cast<unsigned char>(text[shortened.size()]) & 0xC0U) == 0x80U;
+    Require(!isInsideALetter || shortened.empty(), "letters stay whole");
+}
+
+std::optional<std::int64_t> ProcessIdIn(const std::string& content) {
+    const std::string white = " \t\n\v\f\r";
+    const std::size_t first = content.find_first_not_of(white);
+    if (content.size() > 64 || first == std::string::npos) {
+        return std::nullopt;
+    }
+    std::string digits = content.substr(first, content.find_last_not_of(white) + 1 - first);
+    digits = digits.starts_with('+') ? digits.substr(1) : digits;
+    std::int64_t value = 0;
+    for (const char digit : digits) {
+        value = value * 10 + (digit - '0');
+        if (digit < '0' || digit > '9' || value > std::numeric_limits<std::int32_t>::max()) {
+            return std::nullopt;
+        }
+    }
+    return value > 0 ? std::optional(value) : std::nullopt;
+}
+
+void IsTheProcessId(const std::string& content) {
+    std::istringstream file(content);
+    const std::optional<pid_t> read = ReadProcessId(file);
+    Require(!read || *read > 0, "a process id is above 0");
+    if (content.size() <= 64) {
+        Require(read == ProcessIdIn(content), "the number in the file");
+    }
+}
+
+}  // namespace
+}  // namespace lofter::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace lofter::fuzz;
+    Bytes bytes(data, size);
+    const std::size_t length = bytes.Byte();
+    const std::string text = bytes.Rest();
+    IsPrintable(text);
+    IsShortened(text, length);
+    IsTheProcessId(text);
+    return 0;
+}
