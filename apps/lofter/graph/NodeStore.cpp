@@ -58,6 +58,10 @@ void NodeStore::LeaveStandIn(Node& leaving) noexcept {
             std::erase(links, &leaving);
         }
     };
+    if (standIn != nullptr) {
+        replaceIn(standIn->dependencies);  // a node may be linked to itself
+        replaceIn(standIn->dependents);
+    }
     for (Node* dependency : leaving.dependencies) {
         replaceIn(dependency->dependents);
     }

@@ -248,6 +248,18 @@ TEST(Node, ThatFailsInConstructionLeavesItsEdgesOnAStandIn) {
     }
 }
 
+TEST(Node, ThatIsLinkedToItselfLeavesAStandInThatIs) {
+    PlainNode follower("follower");
+    {
+        PlainNode node("node");
+        node.AddDependency(node);
+        follower.AddDependency(node);
+    }
+    const Node* standIn = follower.Dependencies().front();
+    EXPECT_EQ(standIn->Dependencies(), Node::Links{const_cast<Node*>(standIn)});
+    EXPECT_EQ(standIn->Dependents(), (Node::Links{const_cast<Node*>(standIn), &follower}));
+}
+
 TEST(Node, ThatFailsInConstructionIsUnlinkedWhenThereIsNoMemoryForAStandIn) {
     auto leaving = std::make_unique<PlainNode>("leaving");
     PlainNode neighbour("neighbour");
