@@ -197,13 +197,14 @@ def test_three_hundred_plugins_in_parallel_keep_every_constraint(host, seed):
     assert [pair for pair in constraints if clock[pair[0]][1] > clock[pair[1]][0]] == []
     assert [pair for pair in constraints if events[f"- {pair[0]}"] > events[f"+ {pair[1]}"]] == []
 
-    # Several at a time, and never more than there are threads for.
+    # Never more at a time than there are threads for. That there are several is for tests in which they wait for each other:
+    # a machine that is busy otherwise may well run these one by one.
     turns = sorted([(begin, 1) for begin, _ in clock.values()] + [(end, -1) for _, end in clock.values()])
     most = running = 0
     for _, change in turns:
         running += change
         most = max(most, running)
-    assert 2 <= most <= 2 * os.cpu_count()
+    assert 1 <= most <= 2 * os.cpu_count()
     assert host.Read(PROFILE).count(" sysboot: p") == 300
 
 
