@@ -9,10 +9,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
+#include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
 #include "util/Descriptor.h"
 
@@ -21,6 +23,13 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::InForkedChild;
+
+// Systems that came later lack the older call.
+#ifdef SYS_dup2
+constexpr int kDup2 = SYS_dup2;
+#else
+constexpr int kDup2 = SYS_dup3;
+#endif
 
 std::string TargetOf(int stream) {
     std::error_code error;
@@ -101,6 +110,22 @@ TEST_F(StandardStreams, KeepInputAfterAWarningWhenThereIsNoDevNull) {
               }),
               "Failed opening /dev/null; kept");
     EXPECT_TRUE(fs::exists(log));
+}
+
+TEST_F(StandardStreams, StayAsTheyAreAfterAWarningEachWhenTheyCannotBeReplaced) {
+    EXPECT_EQ(InForkedChild([&] {
+                  const test::LogCapture capture;
+                  const std::string before = Targets();
+                  test::FilterSyscalls({{.number = kDup2, .error = EBUSY}});
+                  RedirectStandardStreams(log);
+                  std::string outcome;
+                  for (const std::string& line : capture.Lines(kWarning)) {
+                      outcome += line + "; ";
+                  }
+                  return outcome + (Targets() == before ? "kept" : "changed");
+              }),
+              "Failed redirecting stdin to /dev/null; Failed redirecting stdout to " + log +
+                  "; Failed redirecting stderr to " + log + "; kept");
 }
 
 TEST_F(StandardStreams, WarnAtTheLevelOfWarnings) {

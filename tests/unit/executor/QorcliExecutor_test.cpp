@@ -388,6 +388,31 @@ TEST_F(CommandExecutor, DoesNotStartWhenItCannotListen) {
               "Failed to listen on executor control socket: Address already in use");
 }
 
+TEST_F(CommandExecutor, EndsWhenItCannotHaveASessionOfItsOwn) {
+    EXPECT_EQ(test::InForkedChild([&] {
+                  InitializeLogging("lofter");
+                  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+                  test::FilterSyscalls({{.number = SYS_setsid, .error = EPERM}});
+                  const std::string failure = FailureOf([&] { executor.Reset(); });
+                  int status = 0;
+                  const bool ended = ::waitpid(-1, &status, 0) > 0;
+                  return failure + (ended ? "ended with status " + std::to_string(WEXITSTATUS(status)) : "lives");
+              }),
+              "ended with status 255");
+    const std::string log = directory.Read("log");
+    EXPECT_TRUE(log.ends_with(" error lofter: Unable to start executor: Failed to daemonize\n")) << log;
+}
+
+TEST_F(CommandExecutor, IsNotHeardOfWhenNothingCanBeSent) {
+    executor.Reset();
+    EXPECT_EQ(test::InForkedChild([&] {
+                  test::FilterSyscalls({{.number = SYS_sendto, .error = ENOBUFS}});
+                  return Send("--help") + "|" + FailureOf([&] { executor.Stop(); });
+              }),
+              "Failed sending command to executor: No buffer space available|"
+              "Failed sending STOP to executorNo buffer space available");
+}
+
 TEST_F(CommandExecutor, DoesNotStartWithoutAThreadForItsEventLoop) {
     const test::FailingCall noThread(test::Call::PthreadCreate, 0);
     EXPECT_EQ(FailureOf([&] { executor.StartEventLoop(); }), "Failed creating Executor Event Loop thread");

@@ -1,6 +1,7 @@
 #include "hopper/InitScriptDiscovery.h"
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "graph/NodeStore.h"
 #include "hopper/LegacyDaemonPlugin.h"
 #include "plugins/Exception.h"
+#include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
 
 namespace lofter {
@@ -105,6 +107,16 @@ TEST(InitScriptList, CountsEvenWhenTheToolFailsAfterwards) {
     EXPECT_EQ(Text(ListInitScripts("echo /etc/init.d/sshd 10; kill -9 $$")), "/etc/init.d/sshd:10");
     EXPECT_EQ(log.Lines(115), (Lines{"echo /etc/init.d/sshd 10; exit 3 exited with status 3",
                                      "echo /etc/init.d/sshd 10; kill -9 $$ was killed by signal 9"}));
+}
+
+TEST(InitScriptList, CountsWithoutAnExitStatusOfTheTool) {
+    EXPECT_EQ(test::InForkedChild([] {
+                  const test::LogCapture log;
+                  std::signal(SIGCHLD, SIG_IGN);  // children leave no status then
+                  const std::string scripts = Text(ListInitScripts("echo /etc/init.d/sshd 10"));
+                  return scripts + "; " + log.Lines(115).at(0);
+              }),
+              "/etc/init.d/sshd:10; echo /etc/init.d/sshd 10: no exit status: No child processes");
 }
 
 TEST(InitScriptList, LeavesNoDescriptorAndNoChildBehind) {

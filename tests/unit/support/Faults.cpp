@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 
 #include <pthread.h>
 
@@ -13,25 +12,34 @@ namespace {
 
 constexpr int kNeverFails = INT_MAX;
 
-std::array<std::atomic<int>, 3> successesLeft{kNeverFails, kNeverFails, kNeverFails};
+struct Plan {
+    std::atomic<int> successesLeft = kNeverFails;
+    std::atomic<int> failures = INT_MAX;
+};
+std::array<Plan, 3> plans;
 
-std::atomic<int>& SuccessesLeft(Call call) {
-    return successesLeft.at(static_cast<std::size_t>(call));
+Plan& PlanOf(Call call) {
+    return plans.at(static_cast<std::size_t>(call));
 }
 
 bool MustFail(Call call) {
-    std::atomic<int>& left = SuccessesLeft(call);
-    return left != kNeverFails && left.fetch_sub(1) <= 0;
+    Plan& plan = PlanOf(call);
+    if (plan.successesLeft == kNeverFails) {
+        return false;
+    }
+    const int left = plan.successesLeft.fetch_sub(1);
+    return left <= 0 && left > -plan.failures;
 }
 
 }  // namespace
 
-FailingCall::FailingCall(Call failingCall, int successes) : call(failingCall) {
-    SuccessesLeft(call) = successes;
+FailingCall::FailingCall(Call failingCall, int successes, int failures) : call(failingCall) {
+    PlanOf(call).failures = failures;
+    PlanOf(call).successesLeft = successes;
 }
 
 FailingCall::~FailingCall() {
-    SuccessesLeft(call) = kNeverFails;
+    PlanOf(call).successesLeft = kNeverFails;
 }
 
 }  // namespace lofter::test

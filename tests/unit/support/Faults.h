@@ -2,14 +2,17 @@
 // here first. Process-wide; not synchronised with calls in progress.
 #pragma once
 
+#include <climits>
+
 namespace lofter::test {
 
 enum class Call { PthreadCreate, PthreadCondInit, System };
 
-// From construction to destruction, the call fails after it has succeeded `successes` times more.
+// From construction to destruction, the call fails after it has succeeded `successes` times more: for good, or as often
+// as given.
 class FailingCall {
   public:
-    FailingCall(Call call, int successes);
+    FailingCall(Call call, int successes, int failures = INT_MAX);
     ~FailingCall();
     FailingCall(const FailingCall&) = delete;
     FailingCall& operator=(const FailingCall&) = delete;

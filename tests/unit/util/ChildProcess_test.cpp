@@ -6,10 +6,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/ChildOutcome.h"
+#include "support/SyscallFilter.h"
 #include "util/Descriptor.h"
 
 namespace lofter {
@@ -43,6 +45,22 @@ TEST(CloseDescriptorsFrom, ReachesDescriptorsAboveTheLimitOfToday) {
         return IsOpen(200) ? "open" : "closed";
     });
     EXPECT_EQ(outcome, "closed");
+}
+
+TEST(CloseDescriptorsFrom, ClosesOneByOneWhereTheSystemHasNoCallForARange) {
+    const std::string outcome = test::InForkedChild([] {
+        for (const int number : {5, 6, 7, 100}) {
+            dup2(STDIN_FILENO, number);
+        }
+        test::FilterSyscalls({{.number = SYS_close_range, .error = ENOSYS}});
+        CloseDescriptorsFrom(6);
+        std::string open;
+        for (const int number : {0, 1, 2, 5, 6, 7, 100}) {
+            open += IsOpen(number) ? std::to_string(number) + " " : "";
+        }
+        return open;
+    });
+    EXPECT_EQ(outcome, "0 1 2 5 ");
 }
 
 TEST(WaitForChild, GivesTheStatusOfTheChild) {

@@ -6,9 +6,11 @@
 #include <stdexcept>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <zlib.h>
 
 #include "support/ChildOutcome.h"
+#include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
 
 namespace lofter {
@@ -198,6 +200,14 @@ TEST_F(RunOnceRecord, ThatIsCutShortByAFullDiskSaysSo) {
     });
     EXPECT_EQ(outcome, "unable to write '" + path + "': File too large");
     EXPECT_THROW(ReadBytes(folder.Read("record")), std::exception);
+}
+
+TEST_F(RunOnceRecord, ThatDoesNotReachTheDiskSaysSo) {
+    EXPECT_EQ(test::InForkedChild([&] {
+                  test::FilterSyscalls({{.number = SYS_fsync, .error = EIO}});
+                  return WriteFailure(path, {"a"});
+              }),
+              "unable to write '" + path + "': Input/output error");
 }
 
 }  // namespace

@@ -7,16 +7,26 @@
 #include <iterator>
 #include <stdexcept>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "support/ChildOutcome.h"
+#include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
 
 namespace lofter {
 namespace {
 
 namespace fs = std::filesystem;
+
+// Systems that came later lack the older call.
+#ifdef SYS_chmod
+constexpr int kChmod = SYS_chmod;
+#else
+constexpr int kChmod = SYS_fchmodat;
+#endif
 
 std::string FailureOf(const std::function<void()>& action) {
     try {
@@ -248,6 +258,50 @@ TEST_F(AtomicFileStream, ReportsPermissionsThatCouldNotBeRead) {
         "failed to restore file permissions, file permissions may be incorrect: Too many levels of symbolic links");
     EXPECT_EQ(Read(), "new");
     EXPECT_EQ(ModeOf(path), 0600U);
+    EXPECT_TRUE(Others().empty());
+}
+
+TEST_F(AtomicFileStream, ReportsPermissionsThatCouldNotBeSet) {
+    folder.Write("log", "old");
+    const std::string outcome = test::InForkedChild([&] {
+        afstream stream;
+        stream.open(path.c_str(), std::ios_base::out);
+        stream << "new";
+        test::FilterSyscalls({{.number = kChmod, .error = EPERM}});
+        return FailureOf([&] { stream.commit(); });
+    });
+    EXPECT_EQ(outcome,
+              "failed to restore file permissions, file permissions may be incorrect: Operation not permitted");
+    EXPECT_EQ(Read(), "new");
+    EXPECT_TRUE(Others().empty());
+}
+
+TEST_F(AtomicFileStream, LeavesTheOldFileWhenTheNewOneDoesNotReachTheDisk) {
+    folder.Write("log", "old");
+    const std::string outcome = test::InForkedChild([&] {
+        afstream stream;
+        stream.open(path.c_str(), std::ios_base::out);
+        stream << "new";
+        const std::string temporary = folder / Others().at(0);
+        test::FilterSyscalls({{.number = SYS_fsync, .error = EIO}});
+        const std::string failure = FailureOf([&] { stream.commit(); });
+        return failure == "unable to sync '" + temporary + "': Input/output error" ? "as expected" : failure;
+    });
+    EXPECT_EQ(outcome, "as expected");
+    EXPECT_EQ(Read(), "old");
+    EXPECT_TRUE(Others().empty());
+}
+
+TEST_F(AtomicFileStream, SaysWhyTheTemporaryFileCannotBeOpened) {
+    folder.Write("log", "old");
+    const std::string outcome = test::InForkedChild([&] {
+        // As a stream opens it; it is created by another call.
+        test::FilterSyscalls({{.number = SYS_openat, .third = O_WRONLY | O_CREAT | O_TRUNC, .error = EMFILE}});
+        afstream stream;
+        return FailureOf([&] { stream.open(path.c_str(), std::ios_base::out); });
+    });
+    EXPECT_EQ(outcome, "failed to create temp file: Too many open files");
+    EXPECT_EQ(Read(), "old");
     EXPECT_TRUE(Others().empty());
 }
 
