@@ -14,6 +14,9 @@ ENTER = REPOSITORY / "host" / "enter"
 MKHOST = REPOSITORY / "host" / "mkhost"
 BUILD = pathlib.Path(os.environ.get("LOFTER_BUILD", REPOSITORY / "build" / "release")).absolute()
 
+# A build that counts the lines that run writes its counts beside its object files, from inside of every root, too.
+COUNTS = [(BUILD, BUILD)] if "LOFTER_COVERAGE:BOOL=ON" in (BUILD / "CMakeCache.txt").read_text() else []
+
 REPORTS = "var/sanitizer"
 ENVIRONMENT = {
     "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
@@ -82,6 +85,8 @@ class Host:
         reports = self.root / REPORTS
         reports.mkdir(parents=True)
         reports.chmod(0o1777)
+        for _, target in COUNTS:
+            self.Path(str(target)).mkdir(parents=True)
 
     # Files. Paths are those inside the root.
 
@@ -152,7 +157,7 @@ class Host:
             stdin = stdout = stderr = terminal.slave
             if console:
                 bind = [*bind, (terminal.path, "/dev/console")]
-        options += [word for source, target in bind for word in ("--bind", f"{source}:{target}")]
+        options += [word for source, target in (*bind, *([] if plain else COUNTS)) for word in ("--bind", f"{source}:{target}")]
         options += [word for path, size in tmpfs for word in ("--tmpfs", f"{path}:{size}")]
         options += [word for path in readOnly for word in ("--read-only", path)]
         options += [name for name, on in (("--net", net), ("--heed-modes", heedModes), ("--plain", plain), ("--wait", wait)) if on]
