@@ -178,7 +178,7 @@ def test_a_session_leader_says_that_it_is_one_already(host):
     terminal = host.Terminal()
     running = host.Start("/bin/setsid", "/usr/sbin/lofter", terminal=terminal)
     assert running.Finish().status == 0
-    assert b"unable to create session: Operation not permitted.\r\n" in terminal.Everything()
+    assert b" info lofter: unable to create session: Operation not permitted.\r\n" in terminal.Everything()
 
 
 def test_the_plugin_directory_is_relative_to_where_lofter_was_called(host):
