@@ -118,6 +118,11 @@ def test_a_skipped_plugin_is_not_called_and_not_reported(host):
     assert "plugin b" not in host.Read("/dev/kmsg")
     assert "plugin c activated" in host.Read("/dev/kmsg")
     assert boot.terminal.Modes() == boot.before
+    # It keeps its line, with the end that it never had.
+    profile = host.Read("/var/log/sysboot.log")
+    assert re.findall(r"\] sysboot: (\w+)$", profile, re.MULTILINE) == ["a", "b", "c"]
+    assert re.findall(r" - 1970-01-01 00:00:00\.000000\] sysboot: (\w+)$", profile, re.MULTILINE) == ["b"]
+    assert "\n Interactive Mode: 1\n" in profile
 
 
 def test_nobody_is_asked_after_continue(host):
@@ -125,6 +130,7 @@ def test_nobody_is_asked_after_continue(host):
     boot.Answer("a", "c")
     assert boot.Finish() == ["a", "b", "c"]
     assert b"current plugin" not in boot.rest
+    assert "\n Interactive Mode: 0\n" in host.Read("/var/log/sysboot.log")
 
 
 def test_answers_may_be_typed_ahead(host):
