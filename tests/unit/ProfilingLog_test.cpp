@@ -116,6 +116,28 @@ TEST_F(ProfilingLog, ListsThePluginsInTheirOrderASkippedOneToo) {
                              " sysboot: 100% \"odd\"\n" + kNetTimes + " sysboot: net\n" + kConfiguration);
 }
 
+// Keeps what had been written at each flush.
+class FlushRecorder : public std::stringbuf {
+  public:
+    std::vector<std::string> flushed;
+
+  private:
+    int sync() override {
+        flushed.push_back(str());
+        return 0;
+    }
+};
+
+TEST_F(ProfilingLog, FlushesEveryPluginsLineWhenItIsWritten) {
+    plugins = {&skipped, &net};
+    FlushRecorder recorder;
+    std::ostream output(&recorder);
+    WriteBootSection(output, times, plugins, settings);
+    ASSERT_EQ(recorder.flushed.size(), 2U);
+    EXPECT_TRUE(recorder.flushed[0].ends_with("] sysboot: 100% \"odd\"\n")) << recorder.flushed[0];
+    EXPECT_TRUE(recorder.flushed[1].ends_with("] sysboot: net\n")) << recorder.flushed[1];
+}
+
 TEST_F(ProfilingLog, ShowsEverySettingAsItStands) {
     for (bool* flag : {&settings.verbose, &settings.parallel, &settings.randomize, &settings.interactive}) {
         settings.verbose = settings.parallel = settings.randomize = settings.interactive = false;
