@@ -5,13 +5,17 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 
+#include "Paths.h"
+#include "executor/ControlSocket.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
 #include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
+#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -71,6 +75,73 @@ TEST_F(RunOnAnEmptyHost, FailsWithoutAnyThread) {
 TEST_F(RunOnAnEmptyHost, StaysWhereItIsWhenTheRootCannotBeEntered) {
     EXPECT_EQ(Run(1, [] { test::FilterSyscalls({{.number = SYS_chdir, .error = EACCES}}); }),
               "0; unable to change filesystem root: Permission denied.");
+}
+
+// Dump runs on a host without plugins whose executor answers from the start and cannot be told to stop.
+class RunWithADeafExecutor : public testing::Test {
+  protected:
+    void SetUp() override {
+        for (const char* directory : {"plugins", "var/log", "var/run/tessel"}) {
+            fs::create_directories(folder / directory);
+        }
+    }
+
+    // What the observation says after the run, which has been prepared in its root.
+    std::string Run(
+        const std::function<std::string(int, const test::LogCapture&)>& observe,
+        const std::function<void(Settings&)>& prepare = [](Settings&) {}) {
+        return test::InForkedChild([&] {
+            const test::LogCapture log;
+            test::EnterRoot(folder.Path());
+            const ControlSocketAddress address(paths::kControlSocket);
+            const Descriptor executor(::socket(AF_UNIX, SOCK_STREAM, 0));
+            if (::bind(executor.Get(), address.Get(), ControlSocketAddress::Length()) != 0 ||
+                ::listen(executor.Get(), 8) != 0) {
+                return std::string("no executor");
+            }
+            test::FilterSyscalls({{.number = SYS_sendto, .error = EPIPE}});
+            RunOptions options;
+            options.dump = true;
+            options.dumpPath = "/dump";
+            options.pluginDirectory = "/plugins";
+            prepare(Settings::Instance());
+            const int status = RunSequence(options, {}, Settings::Instance()).Run();
+            return observe(status, log);
+        });
+    }
+
+    static std::string Threads(int, const test::LogCapture&) {
+        const Settings& settings = Settings::Instance();
+        return std::to_string(settings.threadCount) + (settings.parallel ? " in parallel" : " serially");
+    }
+
+    test::TemporaryDirectory folder;
+};
+
+TEST_F(RunWithADeafExecutor, FailsInItsLastStep) {
+    EXPECT_EQ(Run([](int status, const test::LogCapture& log) {
+                  std::string outcome = std::to_string(status);
+                  for (const auto& entry : log.Entries()) {
+                      outcome += "; " + std::to_string(entry.level) + " " + entry.text;
+                  }
+                  return outcome;
+              }),
+              "1; 125 Launching Executor; 110 Failed to stop Executor: Failed sending STOP to executorBroken pipe");
+    EXPECT_EQ(folder.Read("dump"), "digraph g {\n}\n");
+    EXPECT_TRUE(folder.Read("var/log/sysboot.log").starts_with("Krxkernel Initialization Time: 0\n"));
+}
+
+TEST_F(RunWithADeafExecutor, HasNoThreadsInParallelWithoutPlugins) {
+    EXPECT_EQ(Run(Threads, [](Settings& settings) { settings.parallel = true; }), "0 in parallel");
+}
+
+TEST_F(RunWithADeafExecutor, HasOneThreadUnlessItIsParallel) {
+    EXPECT_EQ(Run(Threads), "1 serially");
+}
+
+TEST_F(RunWithADeafExecutor, HasOneThreadOnAStatelessHostWhateverIsAskedFor) {
+    folder.Write("stateless.tgz", "");
+    EXPECT_EQ(Run(Threads, [](Settings& settings) { settings.parallel = true; }), "1 serially");
 }
 
 }  // namespace
