@@ -10,7 +10,7 @@ NEVER = "1970-01-01 00:00:00.000000"
 
 
 class Comparison:
-    """host: the root. seen: log records, output and so on, as boot.py collects them."""
+    """Of one run. `seen` is what boot.py has collected of it."""
 
     def __init__(self, plan, run, expected, seen):
         self.plan, self.run, self.expected, self.seen = plan, run, expected, seen

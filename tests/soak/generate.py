@@ -178,6 +178,8 @@ class Generator:
 
     def Debug(self, name, place):
         requires, provides = self.Links(place)
+        if requires and self.Chance(0.03):
+            requires.append("")  # what a comma at the end makes
         work = self.Work()
         if work.signal not in (0, 9, 15):
             work.signal = 9  # the others may leave a core, which shows in a raw wait status
@@ -215,7 +217,7 @@ class Generator:
         files += [OtherFile(name) for name in self.Some(others, 3)]
         if not self.unique:
             files, debug = self.AddTwins(files, debug)
-        entries = [line.name for line in debug if line.name and "/" not in line.name]
+        entries = [line.name for line in debug if line.name]
         files += [OtherFile(name + ".debug") for name in self.Some(sorted(set(entries)), 1) if not self.unique]
         return files, debug
 

@@ -51,9 +51,8 @@ class NativeFile:
 
 @dataclasses.dataclass
 class OtherFile:
-    """Something in the plugin directory that is no plugin; or the name of a file that does not exist, for a list."""
+    """Something in the plugin directory that is no plugin file."""
     file: str
-    exists: bool = True
 
 
 @dataclasses.dataclass

@@ -87,7 +87,7 @@ class Workshop:
                 host.Plugin(file.file, file.text)
             elif isinstance(file, NativeFile):
                 host.Plugin(file.file, self.NativeBytes(file))
-            elif file.exists:
+            else:
                 host.Plugin(file.file, "")
         if plan.debug:
             host.DebugConfiguration(*[line.text for line in plan.debug])
