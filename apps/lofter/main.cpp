@@ -21,6 +21,7 @@
 // Host tools recognise the programs that speak the command protocol by this object. The program itself never reads it.
 static const std::uint32_t qorclicMagic = 0x5CA1AB1E;
 extern "C" {
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is the host tools'
 extern const std::uint32_t* const __qorclic_magic;
 const std::uint32_t* const __qorclic_magic = &qorclicMagic;
 }

@@ -25,9 +25,9 @@ std::vector<std::unique_ptr<Node>>& KeptNodes() {
 
 }  // namespace
 
-void NodeStore::KeepNode(std::unique_ptr<Node> node) {
+Node* NodeStore::KeepNode(std::unique_ptr<Node> node) {
     GraphLock lock;
-    KeptNodes().push_back(std::move(node));
+    return KeptNodes().emplace_back(std::move(node)).get();
 }
 
 void NodeStore::Clear() {

@@ -15,9 +15,7 @@ class NodeStore {
     // Takes ownership for the life of the process and returns the node.
     template <typename NodeType>
     static NodeType* Keep(std::unique_ptr<NodeType> node) {
-        NodeType* kept = node.get();
-        KeepNode(std::move(node));
-        return kept;
+        return static_cast<NodeType*>(KeepNode(std::move(node)));
     }
 
     // Destroys every kept node. For tests and benchmarks, which build one graph after another.
@@ -26,7 +24,7 @@ class NodeStore {
   private:
     friend class Node;
 
-    static void KeepNode(std::unique_ptr<Node> node);
+    static Node* KeepNode(std::unique_ptr<Node> node);
 
     // Puts a node of the same name, which counts as started, into every link of a node that is being destroyed. When
     // memory runs out the links are removed instead.

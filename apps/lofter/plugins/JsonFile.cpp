@@ -54,7 +54,7 @@ std::optional<std::string> ReadFileContent(const std::string& path) {
     }
     std::string content;
     content.reserve(static_cast<std::size_t>(status.st_size));
-    std::array<char, 64 * 1024> buffer;
+    std::array<char, std::size_t{64} * 1024> buffer;
     for (;;) {
         const ssize_t length = ::read(file.Get(), buffer.data(), buffer.size());
         if (length > 0) {

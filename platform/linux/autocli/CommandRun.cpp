@@ -83,7 +83,7 @@ class ErrorPipe {
 
     // Moves up to `most` bytes of what is there now. False when nobody can write any more.
     bool Read(ErrorText& text, std::size_t most) const {
-        std::array<char, 16 * 1024> buffer;
+        std::array<char, std::size_t{16} * 1024> buffer;
         while (most > 0) {
             const ssize_t length = ::read(readEnd.Get(), buffer.data(), std::min(buffer.size(), most));
             if (length == 0) {
@@ -149,6 +149,7 @@ std::vector<std::string> EnvironmentFor(const std::string& dispatcher) {
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }

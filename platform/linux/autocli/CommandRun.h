@@ -8,7 +8,7 @@
 namespace platform {
 
 // How much of a command's standard error is kept; what it writes beyond that is read and dropped.
-inline constexpr std::size_t kKeptErrorText = 64 * 1024;
+inline constexpr std::size_t kKeptErrorText = std::size_t{64} * 1024;
 
 // Runs the program with those arguments and waits until its process has ended. It gets standard input from /dev/null,
 // the caller's standard output, QORCLI_DISPATCHER in its environment, and default signal dispositions.

@@ -61,6 +61,7 @@ void Dispatcher::AddExternalDirectory(const std::string& directory) {
     files.merge(found);
 }
 
+// The parameters are as the framework declares them. NOLINTNEXTLINE(performance-unnecessary-value-param)
 void Dispatcher::ExecuteCommand(std::shared_ptr<CommandInput> input, std::shared_ptr<CommandOutput> output) {
     const auto file = files.find(input->GetCommandPath());
     if (file == files.end()) {
@@ -69,7 +70,7 @@ void Dispatcher::ExecuteCommand(std::shared_ptr<CommandInput> input, std::shared
     }
     std::vector<std::string> arguments;
     for (const auto& [name, value] : input->GetParameters()) {
-        arguments.push_back("--" + name + "=" + value);
+        arguments.push_back(std::string("--").append(name).append("=").append(value));
     }
     for (const std::string& error : platform::RunCommand(file->second, arguments, input->GetDispatcher())) {
         output->AddError(error);

@@ -121,7 +121,8 @@ SyslogClient::Outcome SyslogClient::SendCut(std::string_view head, std::string_v
 
 SyslogClient::Outcome SyslogClient::SendOnce(std::string_view head, std::string_view text) const {
     // On a stream, records end with a NUL.
-    const std::string_view end = socketType == SOCK_STREAM ? std::string_view("", 1) : std::string_view();
+    constexpr char kEnd = '\0';
+    const std::string_view end(&kEnd, socketType == SOCK_STREAM ? 1 : 0);
     std::array parts{Part(head), Part(text), Part(end)};
     std::span<iovec> left(parts);
     do {

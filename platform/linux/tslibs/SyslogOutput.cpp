@@ -23,7 +23,7 @@ int Severity(int level) {
 
 }  // namespace
 
-SyslogOutput::SyslogOutput(std::string socketPath, std::string name, int finest)
+SyslogOutput::SyslogOutput(std::string socketPath, const std::string& name, int finest)
     : client(std::move(socketPath)),
       identifier(name.substr(0, kLongestIdentifier)),
       finestLevel(finest),

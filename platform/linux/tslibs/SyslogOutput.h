@@ -14,7 +14,7 @@ namespace platform {
 inline constexpr char kSyslogSocket[] = "/dev/log";
 
 struct SyslogOutput final : LogOutput {
-    SyslogOutput(std::string socketPath, std::string identifier, int finestLevel = kInfoLevel);
+    SyslogOutput(std::string socketPath, const std::string& identifier, int finestLevel = kInfoLevel);
 
     void Write(int level, std::string_view message) override;
     void Alert(std::string_view message) override;
