@@ -200,6 +200,8 @@ class Comparison:
             spans[node] = Moment(match.group(1)), Moment(match.group(2))
             times.append((node.name, spans[node][1] - spans[node][0]))
             self.Check(self.start <= spans[node][0] <= spans[node][1] <= self.end, "a plugin's times are outside of the run", line)
+            # Nine tenths, for a clock that is being adjusted.
+            self.Check(times[-1][1] > 900 * node.pause if node.marks else True, f"{node.name!r} takes {node.pause} ms and a process", line)
         if not spans:
             return
         order = self.expected.ran

@@ -240,6 +240,7 @@ class Model:
     def Leave(self, node, work, both=True):
         signs = ("+", "-") if both else ("",)
         node.marks += [sign + work.mark for sign in signs]
+        node.pause += work.pause
         self.expected.marks += [sign + work.mark for sign in signs]
 
     def StartDebug(self, node):

@@ -16,6 +16,7 @@ class Node:
         self.requiredFlags, self.disablingFlags = set(), set()
         self.source = None
         self.marks = []       # what its work leaves behind, in order
+        self.pause = 0        # milliseconds that its work takes at least
         self.depths = {}
         self.ran = False
 
