@@ -1,0 +1,112 @@
+"""What a run with a fault may come to, and what not."""
+import dataclasses
+import re
+import signal
+
+import scenarios
+
+# A run that says one of these has given up what comes after it, as it should.
+GIVEN_UP = ("Failed to start executor", "unhandled exception whilst enumerating plugins", "unable to execute plugins")
+# Stopping the executor is one attempt, and one that fails leaves it running; likewise one that was started although its
+# start looked like a failure.
+EXECUTOR_LEFT = ("Executor already gone.", "Failed sending STOP to executor", "Failed to read message from socket",
+                 "Error accepting connection", "Failed collecting executor's exit status")
+# A run may panic where going on would do harm: a daemon without a directory to start in, a message without memory.
+PANICS = ("VERIFY apps/lofter/hopper/DaemonPlugin:86", "Str_SafeVasprintf: ")
+STAMP = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ")
+
+
+@dataclasses.dataclass
+class Outcome:
+    """Everything that a run left; see Plain() for what two equal runs have in common."""
+    status: int
+    output: str
+    syslog: list
+    deaths: list
+    leftovers: list
+    marks: list
+    profile: str
+    mode: int
+    record: str
+    kernel: str
+    executorLog: str
+    unexpected: list
+    run: object
+
+    @staticmethod
+    def Collect(answer, root, record):
+        return Outcome(answer["status"], answer["output"], answer["syslog"], answer["deaths"], answer["leftovers"],
+                       root.Read(scenarios.MARKS).splitlines(), root.Read(scenarios.PROFILE), root.Mode(), root.Record(),
+                       root.Read(scenarios.KERNEL_LOG), root.Read(scenarios.EXECUTOR_LOG), root.Unexpected(), record)
+
+    def Plain(self):
+        """Without times, and without the order in which processes took turns."""
+        def Lines(text):
+            text = re.sub(scenarios.TIME, "TIME", STAMP.sub("", text))
+            text = re.sub(r"took \d+ us|Time: \d+|Random Seed: \d+", "N", text)
+            return sorted(text.splitlines())
+        syslog = sorted(re.sub(r"^(<\d+>).{15} ", r"\1", record.rstrip("\0")) for record in self.syslog)
+        syslog = [re.sub(r"took \d+ us", "N", line) for line in syslog]
+        return {"status": self.status, "output": Lines(self.output), "syslog": syslog, "deaths": self.deaths,
+                "leftovers": self.leftovers, "marks": sorted(self.marks), "profile": Lines(self.profile), "mode": self.mode,
+                "record": self.record, "kernel": Lines(self.kernel), "executor log": Lines(self.executorLog),
+                "unexpected": self.unexpected}
+
+    def Said(self):
+        return self.output + self.executorLog + "\n".join(self.syslog)
+
+
+def ProfileComplaint(scenario, outcome):
+    old = scenarios.OLD_PROFILE
+    if outcome.profile == old:
+        return None
+    if scenario in ("boot", "parallel") and scenarios.BOOT_SECTION.fullmatch(outcome.profile):
+        return None
+    if scenario.startswith("daemon") and outcome.profile.startswith(old) and \
+            scenarios.DAEMON_SECTION.fullmatch(outcome.profile[len(old):]):
+        return None
+    return f"the profiling log is neither the old one nor a new one:\n{outcome.profile}"
+
+
+def Complaints(scenario, kind, outcome, usual):
+    """What is wrong with a run in which one call failed."""
+    if outcome.status is None:
+        yield f"did not end; there were {outcome.leftovers}"
+        return
+    if outcome.status == -signal.SIGABRT and any(text in outcome.Said() for text in PANICS):
+        return
+    if outcome.status not in (0, 1):
+        yield f"exit status {outcome.status}"
+    if outcome.status == 1 and "error" not in outcome.Said() and "warning" not in outcome.Said():
+        yield "exit status 1 without a reason"
+    for number in [*outcome.deaths, *([outcome.run.killedBy] if outcome.run.killedBy else [])]:
+        yield f"a process was ended by signal {number}"
+    if outcome.leftovers and not any(text in outcome.Said() for text in EXECUTOR_LEFT):
+        yield f"left processes behind: {outcome.leftovers}"
+    if outcome.unexpected:
+        yield f"left files behind: {outcome.unexpected}"
+    if complaint := ProfileComplaint(scenario, outcome):
+        yield complaint
+    records = (scenarios.OLD_RECORD, scenarios.EMPTY_RECORD, usual.record)
+    if outcome.record not in records and "unable to save run-once record" not in outcome.Said():
+        yield f"the run-once record is damaged: {outcome.record!r}"
+    yield from PluginComplaints(outcome, usual)
+
+
+def PluginComplaints(outcome, usual):
+    """One fault costs one plugin at most, and that one says so."""
+    missing = sorted(set(usual.marks) - set(outcome.marks))
+    if len({mark.partition(".")[0] for mark in missing}) > 1 and not any(text in outcome.Said() for text in GIVEN_UP):
+        yield f"what did not happen: {missing}"
+
+
+def StormComplaints(outcome, usual):
+    plain, expected = outcome.Plain(), usual.Plain()
+    for name, value in plain.items():
+        if value != expected[name]:
+            if isinstance(value, list):
+                less = [line for line in expected[name] if line not in value]
+                more = [line for line in value if line not in expected[name]]
+                yield f"{name}: less {less[:3]}, more {more[:3]}" if less or more else f"{name}: lines more or less often"
+            else:
+                yield f"{name}: {value!r}, without interruptions {expected[name]!r}"
