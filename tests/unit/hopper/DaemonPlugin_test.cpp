@@ -95,7 +95,8 @@ TEST_F(DaemonPluginTest, PassesOnTheReasonOfAFailedStopAsItIsAndKeepsItsState) {
     const std::string reason = "Execution of command: " + fails + " failed with status: 1";
     EXPECT_EQ(Thrown<Exception>(&DaemonPlugin::StopDaemon), reason);
     EXPECT_EQ(static_cast<std::uint32_t>(daemon.State()), 2U);
-    EXPECT_EQ(log.Lines(), Lines{"Lofter failed to stop: crond reason: " + reason});
+    EXPECT_EQ(log.Entries(),
+              (std::vector<test::LogCapture::Entry>{{115, "Lofter failed to stop: crond reason: " + reason}}));
 }
 
 TEST_F(DaemonPluginTest, CannotBeStoppedWithoutAStopCommand) {
