@@ -18,6 +18,7 @@
 #include "hopper/LegacyDaemonPlugin.h"
 #include "plugins/Exception.h"
 #include "support/ChildOutcome.h"
+#include "support/Faults.h"
 #include "support/LogCapture.h"
 
 namespace lofter {
@@ -206,6 +207,22 @@ TEST_F(DaemonPluginsTest, ShareTheBarrierOfAnEqualPriority) {
     EXPECT_EQ(Made({{"/etc/init.d/sshd", 10}, {"/etc/init.d/crond", 10}}), "sshd crond");
     EXPECT_EQ(AllBarriers().size(), 1U);
     EXPECT_EQ(GetPriorityBarrier(10)->Dependencies().size(), 2U);
+}
+
+// The first script's plugin cannot be made: once for its own sake, once for the sake of its group's barrier.
+TEST_F(DaemonPluginsTest, AreMadeBesideOneThatCannotBe) {
+    for (const int made : {0, 1}) {
+        ForgetGraph();
+        const test::LogCapture log;
+        const test::FailingCall noCondition(test::Call::PthreadCondInit, made, 1);
+        EXPECT_EQ(Made({{"/etc/init.d/sshd", 10}, {"/etc/init.d/crond", 20}}), "crond") << made;
+        EXPECT_EQ(log.Entries(),
+                  (std::vector<test::LogCapture::Entry>{{115,
+                                                         "Failed to create init.d daemon plugin: sshd because: "
+                                                         "Condition variable for Node could not be initialized"}}))
+            << made;
+        EXPECT_EQ(AllBarriers().size(), 1U) << made;
+    }
 }
 
 TEST_F(DaemonPluginsTest, PutANegativePriorityBehindEveryOther) {
