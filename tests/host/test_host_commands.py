@@ -168,15 +168,16 @@ def test_a_missing_log_directory_costs_a_warning(commands):
 # Commands.
 
 def test_missing_command_directories_are_logged_and_the_others_serve(commands):
-    for folder in ("int/ext", "int", "ext"):
+    for folder in ("int/ext", "int"):
         commands.Path(f"{COMMANDS}/{folder}").rmdir()
-    commands.Plugin("note.json", Document(["note --text=ran"]))
+    commands.WriteScript(f"{COMMANDS}/ext/last", "echo last >>/tmp/notes")
+    commands.Plugin("note.json", Document(["note --text=ran", "last"]))
     syslog = commands.Syslog()
     Boot(commands)
-    assert Notes(commands) == ["ran"]
+    assert Notes(commands) == ["ran", "last"]
     errors = [line for line in syslog.Texts(ERROR) if line.startswith("unable to add external directory to the qorcli dispatcher: ")]
     assert [re.search(r"\[(.*)\]|\"(.*)\"", line).group(1) for line in errors] == [
-        f"{COMMANDS}/int", f"{COMMANDS}/int/ext", f"{COMMANDS}/ext"]
+        f"{COMMANDS}/int", f"{COMMANDS}/int/ext"]
 
 
 def test_the_first_directory_wins(commands):
