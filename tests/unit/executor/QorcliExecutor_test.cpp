@@ -25,7 +25,9 @@
 
 #include "Logging.h"
 #include "executor/ControlSocket.h"
+#include "graph/GraphLock.h"
 #include "plugins/Exception.h"
+#include "poll/poll.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
@@ -188,6 +190,22 @@ TEST_F(CommandExecutor, IsNotStartedTwice) {
     EXPECT_EQ(log.Lines(), Lines());
 }
 
+// As when another thread has started one since: its reset ends with the release of the graph lock.
+TEST_F(CommandExecutor, IsNotStartedByAThreadThatFoundNoneBeforeItsTurn) {
+    const LogCapture log;
+    std::optional<GraphLock> turn(std::in_place);
+    std::thread late([this] { EXPECT_EQ(Send("--help"), ""); });
+    EXPECT_TRUE(test::WaitUntil([&log] { return !log.Lines(kError).empty(); }));
+    Descriptor listening = Listen();
+    turn.reset();
+    int number = listening.Get();
+    QorcliExecutor::HandleConnection(&number);  // the look whether somebody answers
+    QorcliExecutor::HandleConnection(&number);
+    late.join();
+    EXPECT_EQ(log.Lines(kInfo), Lines());
+    listening.Reset();
+}
+
 TEST_F(CommandExecutor, FailsACommandAtOnceWithoutAnotherAttempt) {
     executor.Reset();
     const LogCapture log;
@@ -267,6 +285,22 @@ TEST_F(CommandExecutor, StopsWithoutAReply) {
     EXPECT_EQ(ReapAll(), 0);
     EXPECT_EQ(executor.Connect(false), -1);
     EXPECT_TRUE(std::filesystem::exists(socketPath));
+}
+
+TEST_F(CommandExecutor, IsLeftWithoutAWordWhenItAnswersStop) {
+    Descriptor listening = Listen();
+    std::thread talking([&listening] {
+        const Descriptor connection(::accept(listening.Get(), nullptr, nullptr));
+        std::array<char, 16> word{};
+        EXPECT_EQ(::recv(connection.Get(), word.data(), word.size(), 0), 4);
+        EXPECT_STREQ(word.data(), "stop");
+        EXPECT_EQ(::send(connection.Get(), "no", 2, 0), 2);
+    });
+    const LogCapture log;
+    executor.Stop();
+    EXPECT_EQ(log.Lines(), Lines());
+    talking.join();
+    listening.Reset();
 }
 
 TEST_F(CommandExecutor, StopsForAnyTextThatBeginsWithTheWord) {
@@ -416,6 +450,19 @@ TEST_F(CommandExecutor, IsNotHeardOfWhenNothingCanBeSent) {
 TEST_F(CommandExecutor, DoesNotStartWithoutAThreadForItsEventLoop) {
     const test::FailingCall noThread(test::Call::PthreadCreate, 0);
     EXPECT_EQ(FailureOf([&] { executor.StartEventLoop(); }), "Failed creating Executor Event Loop thread");
+}
+
+TEST_F(CommandExecutor, SaysThatItsSocketCannotBeWatched) {
+    EXPECT_EQ(test::InForkedChild([&] {
+                  executor.SetupSocket();
+                  Poll_InitDefault();
+                  test::FilterSyscalls({{.number = SYS_epoll_ctl, .error = ENOSPC}});
+                  const LogCapture log;
+                  executor.StartEventLoop();
+                  const bool said = test::WaitUntil([&] { return !log.Lines().empty(); });
+                  return said ? log.Lines(kError).at(0) : "nothing";
+              }),
+              "Failed setting up Poll Loop for executor");
 }
 
 // What the executor process does with one connection, seen from this process.
