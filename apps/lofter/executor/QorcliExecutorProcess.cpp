@@ -49,8 +49,7 @@ bool IsStop(const char* command) {
 //  - the graph lock, whose owner is a thread of the parent, is never taken here: nothing below reaches the graph, the
 //    barriers or the settings record;
 //  - no object that another thread may have been using or creating at the fork is used: the dispatcher, the event loop
-//  and
-//    the CLI framework are first created in this process;
+//    and the CLI framework are first created in this process;
 //  - no descriptor of the parent stays open, such as the connection of another worker's client, which would hide that
 //    client's end from whoever waits for it, here or elsewhere. Logging connects again by itself.
 void QorcliExecutor::RunProcess() {
