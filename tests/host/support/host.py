@@ -22,7 +22,7 @@ ENVIRONMENT = {
     "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
     "TERM": "dumb",
     # Children close or redirect their standard error, so reports go to files of their own, which every test checks.
-    "ASAN_OPTIONS": f"log_path=/{REPORTS}/report:detect_stack_use_after_return=1",
+    "ASAN_OPTIONS": f"log_path=/{REPORTS}/report:detect_leaks=1:detect_stack_use_after_return=1",
     "UBSAN_OPTIONS": f"log_path=/{REPORTS}/report:print_stacktrace=1",
     "TSAN_OPTIONS": f"log_path=/{REPORTS}/report:die_after_fork=0:second_deadlock_stack=1",
 }
