@@ -1,7 +1,6 @@
-// The command executor's control socket: its address, and calls on it that go on after a signal.
+// The address of the command executor's control socket.
 #pragma once
 
-#include <cerrno>
 #include <string>
 
 #include <sys/socket.h>
@@ -22,15 +21,5 @@ class ControlSocketAddress {
   private:
     sockaddr_un address{};
 };
-
-// Repeats a system call for as long as signals interrupt it.
-template <typename Call>
-auto AcrossSignals(Call call) {
-    auto result = call();
-    while (result == -1 && errno == EINTR) {
-        result = call();
-    }
-    return result;
-}
 
 }  // namespace lofter

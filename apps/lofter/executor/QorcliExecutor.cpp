@@ -19,6 +19,7 @@
 #include "executor/ControlSocket.h"
 #include "graph/GraphLock.h"
 #include "plugins/Exception.h"
+#include "util/AcrossSignals.h"
 #include "util/ChildProcess.h"
 
 namespace lofter {
@@ -81,7 +82,9 @@ int QorcliExecutor::Connect(bool verbose) const {
         Log_Level(kError, "Failed creating lofter client socket %s\n", std::strerror(errno));
         return -1;
     }
-    if (::connect(connection.Get(), address.Get(), ControlSocketAddress::Length()) != 0) {
+    if (AcrossSignals([&] {
+            return ::connect(connection.Get(), address.Get(), ControlSocketAddress::Length());
+        }) != 0) {
         if (verbose) {
             Log_Level(kError, "Failed connecting to executor %s\n", std::strerror(errno));
         }

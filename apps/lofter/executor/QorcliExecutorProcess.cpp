@@ -17,6 +17,7 @@
 #include "executor/QorcliExecutor.h"
 #include "plugins/Exception.h"
 #include "poll/poll.h"
+#include "util/AcrossSignals.h"
 #include "util/ChildProcess.h"
 
 namespace lofter {

@@ -98,7 +98,11 @@ bool SyslogClient::ConnectAs(int type) {
         ::fstat(created.Get(), &status) != 0) {
         return false;
     }
-    if (::connect(created.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    int result = -1;
+    do {
+        result = ::connect(created.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
         // The wrong type says nothing about the daemon; the right one is tried next.
         hung = errno == EAGAIN || (hung && errno == EPROTOTYPE);
         return false;
