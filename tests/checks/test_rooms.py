@@ -20,7 +20,8 @@ ROOMS = {
 }
 # These may be included from every room of apps/lofter, and include nothing of it themselves but each other.
 LEAVES = {f"apps/lofter/{name}" for name in
-          ("Settings.h", "Paths.h", "Logging.h", "KernelBootLog.h", "graph/GraphLock.h", "plugins/Exception.h", "util/Descriptor.h")}
+          ("Settings.h", "Paths.h", "Logging.h", "KernelBootLog.h", "graph/GraphLock.h", "plugins/Exception.h", "util/Descriptor.h",
+           "util/AcrossSignals.h")}
 ROOTS = ("apps/lofter", "platform/include", "platform/linux", "sdk/include")
 
 

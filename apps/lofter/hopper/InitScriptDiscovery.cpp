@@ -1,6 +1,7 @@
 #include "hopper/InitScriptDiscovery.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,15 +12,15 @@
 #include <unordered_set>
 #include <utility>
 
-#include <boost/iostreams/device/file_descriptor.hpp>
-#include <boost/iostreams/stream.hpp>
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "Logging.h"
 #include "Paths.h"
 #include "hopper/LegacyDaemonPlugin.h"
 #include "plugins/Exception.h"
+#include "util/AcrossSignals.h"
 
 namespace lofter {
 
@@ -78,6 +79,22 @@ class ReadPipe {
     std::FILE* const pipe;
 };
 
+// What was read before a failure counts: better some daemons than none.
+std::string ReadToTheEnd(int descriptor, const std::string& command) {
+    std::string text;
+    std::array<char, 4096> buffer;
+    for (;;) {
+        const ssize_t length = AcrossSignals([&] { return ::read(descriptor, buffer.data(), buffer.size()); });
+        if (length < 0) {
+            Log_Level(kWarning, "%s: unable to read its output: %s\n", command.c_str(), std::strerror(errno));
+        }
+        if (length <= 0) {
+            return text;
+        }
+        text.append(buffer.data(), static_cast<std::size_t>(length));
+    }
+}
+
 void AddPlugin(std::vector<std::unique_ptr<Plugin>>& plugins, const std::string& name, const InitScript& script) {
     try {
         // A negative priority wraps around to a large one: such a script comes last.
@@ -110,8 +127,7 @@ std::vector<InitScript> ListInitScripts(const std::string& command) {
     if (pipe.Descriptor() <= 0) {
         throw Exception("Failed obtaining list of init.d scripts");
     }
-    namespace io = boost::iostreams;
-    io::stream<io::file_descriptor_source> output(pipe.Descriptor(), io::never_close_handle);
+    std::istringstream output(ReadToTheEnd(pipe.Descriptor(), command));
     return ReadInitScripts(output);
 }
 
