@@ -67,6 +67,17 @@ void InitBarrier::Start() {
 PriorityBarrier::PriorityBarrier(std::uint32_t ownPriority)
     : InitBarrier(PriorityBarrierName(ownPriority)), priority(ownPriority) {
     GraphLock lock;
+    try {
+        TakePlace();
+    } catch (...) {
+        // Short of memory. What is not made must not be found again.
+        TheRegistry().barriers.erase(Name());
+        std::erase(TheRegistry().priorities, priority);
+        throw;
+    }
+}
+
+void PriorityBarrier::TakePlace() {
     RegisterBarrier(this, Name());
 
     std::vector<std::uint32_t>& priorities = TheRegistry().priorities;
@@ -134,6 +145,7 @@ PriorityBarrier* GetPriorityBarrier(std::uint32_t priority) {
     GraphLock lock;
     auto* barrier = dynamic_cast<PriorityBarrier*>(GetBarrier(PriorityBarrierName(priority), false));
     if (barrier == nullptr) {
+        NodeStore::MakeRoom();  // it is registered when it is made, and must be kept then
         barrier = NodeStore::Keep(std::make_unique<PriorityBarrier>(priority));
     }
     return barrier;

@@ -38,6 +38,8 @@ class PriorityBarrier : public InitBarrier {
     std::uint32_t Priority() const { return priority; }
 
   private:
+    void TakePlace();
+
     std::int32_t priorityIndex = -1;  // position in the sorted priorities when last looked up
     const std::uint32_t priority;
 };

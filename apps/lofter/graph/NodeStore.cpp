@@ -30,6 +30,14 @@ Node* NodeStore::KeepNode(std::unique_ptr<Node> node) {
     return KeptNodes().emplace_back(std::move(node)).get();
 }
 
+void NodeStore::MakeRoom() {
+    GraphLock lock;
+    std::vector<std::unique_ptr<Node>>& nodes = KeptNodes();
+    if (nodes.size() == nodes.capacity()) {
+        nodes.reserve(2 * nodes.size() + 1);
+    }
+}
+
 void NodeStore::Clear() {
     GraphLock lock;
     for (const std::unique_ptr<Node>& node : KeptNodes()) {

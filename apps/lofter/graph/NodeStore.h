@@ -18,6 +18,9 @@ class NodeStore {
         return static_cast<NodeType*>(KeepNode(std::move(node)));
     }
 
+    // Keeping one more node will not fail for want of memory.
+    static void MakeRoom();
+
     // Destroys every kept node. For tests and benchmarks, which build one graph after another.
     static void Clear();
 
