@@ -82,9 +82,8 @@ int QorcliExecutor::Connect(bool verbose) const {
         Log_Level(kError, "Failed creating lofter client socket %s\n", std::strerror(errno));
         return -1;
     }
-    if (AcrossSignals([&] {
-            return ::connect(connection.Get(), address.Get(), ControlSocketAddress::Length());
-        }) != 0) {
+    if (AcrossSignals([&] { return ::connect(connection.Get(), address.Get(), ControlSocketAddress::Length()); }) !=
+        0) {
         if (verbose) {
             Log_Level(kError, "Failed connecting to executor %s\n", std::strerror(errno));
         }

@@ -62,6 +62,7 @@ class QorcliExecutor {
     static void HandleConnection(void* listenSocketPointer);
 
   private:
+    static bool SetUpPollLoop(int& listening);
     static void* RunEventLoop(void* executor);
     [[noreturn]] void RunProcess();
     void ServeUntilStopped();

@@ -99,11 +99,20 @@ void QorcliExecutor::StartEventLoop() {
     }
 }
 
+// Nothing may be thrown out of a thread: short of memory, the executor ends as it does without a poll loop.
+bool QorcliExecutor::SetUpPollLoop(int& listening) {
+    try {
+        Poll_InitDefault();
+        return Poll_Callback(kPollMainClassSet, kPendingConnection, HandleConnection, &listening, kPollDevice,
+                             listening, nullptr) == 0;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 void* QorcliExecutor::RunEventLoop(void* executor) {
     int listening = static_cast<const QorcliExecutor*>(executor)->listenSocket.Get();
-    Poll_InitDefault();
-    if (Poll_Callback(kPollMainClassSet, kPendingConnection, HandleConnection, &listening, kPollDevice, listening,
-                      nullptr) != 0) {
+    if (!SetUpPollLoop(listening)) {
         Log_Level(kError, "Failed setting up Poll Loop for executor\n");
         return nullptr;
     }
