@@ -64,6 +64,20 @@ int RunSequence::Run() {
     if (!options.daemon && !StartExecutorProcess()) {
         return EXIT_FAILURE;
     }
+    try {
+        RunPlugins();
+    } catch (const std::exception& e) {
+        // Short of memory, as a rule. The executor process must not be left behind.
+        Log_Level(kError, "unable to complete the run: %s\n", e.what());
+        exitStatus = EXIT_FAILURE;
+    }
+    if (!options.daemon && !StopExecutorProcess()) {
+        return EXIT_FAILURE;
+    }
+    return exitStatus;
+}
+
+void RunSequence::RunPlugins() {
     EnterRoot();
     if (BuildNodeList()) {
         ChooseThreadCount();
@@ -80,10 +94,6 @@ int RunSequence::Run() {
     if (options.init) {
         ReloadSyslogDaemon();
     }
-    if (!options.daemon && !StopExecutorProcess()) {
-        return EXIT_FAILURE;
-    }
-    return exitStatus;
 }
 
 // The outcome is of no consequence here: a host without these daemons boots all the same.

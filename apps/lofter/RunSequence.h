@@ -37,6 +37,7 @@ class RunSequence {
     int Run();
 
   private:
+    void RunPlugins();
     void LaunchHostDaemons() const;
     bool StartExecutorProcess() const;
     void EnterRoot();

@@ -64,12 +64,7 @@ bool SetUpLogging() {
     return false;
 }
 
-}  // namespace
-
-int main(int argc, char** argv, char** environment) {
-    OpenMissingStandardStreams();
-    HearOfChildren();
-
+int RunProgram(int argc, char** argv, char** environment) {
     lofter::Settings& settings = lofter::Settings::Instance();
     settings.environment = environment;
     const lofter::RunTimes times = StartOfRun();
@@ -81,4 +76,17 @@ int main(int argc, char** argv, char** environment) {
         return *commandLine.exitStatus;
     }
     return lofter::RunSequence(std::move(commandLine.options), times, settings).Run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv, char** environment) {
+    OpenMissingStandardStreams();
+    HearOfChildren();
+    try {
+        return RunProgram(argc, argv, environment);
+    } catch (const std::exception& e) {
+        Log_Level(lofter::kError, "unable to run: %s\n", e.what());
+        return EXIT_FAILURE;
+    }
 }
