@@ -17,6 +17,13 @@ class StandIn : public Node {
     std::string DotAttributes() const override { return {}; }
 };
 
+// Each node once, however often it was linked: all links to it are looked through for each.
+Links Distinct(Links links) {
+    std::sort(links.begin(), links.end());
+    links.erase(std::unique(links.begin(), links.end()), links.end());
+    return links;
+}
+
 // Never destroyed: worker threads may still look at nodes while the process exits.
 std::vector<std::unique_ptr<Node>>& KeptNodes() {
     static auto* nodes = new std::vector<std::unique_ptr<Node>>;
@@ -70,10 +77,10 @@ void NodeStore::LeaveStandIn(Node& leaving) noexcept {
         replaceIn(standIn->dependencies);  // a node may be linked to itself
         replaceIn(standIn->dependents);
     }
-    for (Node* dependency : leaving.dependencies) {
+    for (Node* dependency : Distinct(std::move(leaving.dependencies))) {
         replaceIn(dependency->dependents);
     }
-    for (Node* dependent : leaving.dependents) {
+    for (Node* dependent : Distinct(std::move(leaving.dependents))) {
         replaceIn(dependent->dependencies);
     }
 }

@@ -260,6 +260,22 @@ TEST(Node, ThatIsLinkedToItselfLeavesAStandInThatIs) {
     EXPECT_EQ(standIn->Dependents(), (Node::Links{const_cast<Node*>(standIn), &follower}));
 }
 
+// As a damaged plugin file may: every link being looked for in the whole list would take minutes.
+TEST(Node, ThatIsLinkedVeryOftenLeavesSoon) {
+    constexpr std::size_t kLinks = 200'000;
+    PlainNode neighbour("neighbour");
+    {
+        PlainNode node("node");
+        for (std::size_t link = 0; link < kLinks; ++link) {
+            neighbour.AddDependency(node);
+        }
+    }
+    EXPECT_EQ(neighbour.Dependencies().size(), kLinks);
+    EXPECT_EQ(neighbour.Dependencies().front(), neighbour.Dependencies().back());
+    EXPECT_EQ(neighbour.Dependencies().front()->Name(), "node");
+    EXPECT_EQ(neighbour.Dependencies().front()->State(), NodeState::Started);
+}
+
 TEST(Node, ThatFailsInConstructionIsUnlinkedWhenThereIsNoMemoryForAStandIn) {
     auto leaving = std::make_unique<PlainNode>("leaving");
     PlainNode neighbour("neighbour");
