@@ -11,6 +11,7 @@
 #include "plugins/Exception.h"
 #include "tslibs/dictionary.h"
 #include "tslibs/productState.h"
+#include "util/AcrossSignals.h"
 #include "util/Descriptor.h"
 
 namespace lofter {
@@ -55,7 +56,7 @@ void InitializeLogging(const std::string& identifier) {
 }
 
 void RedirectStandardStreams(const std::string& logPath) {
-    Descriptor null(open(paths::kNull, O_RDWR));
+    Descriptor null(AcrossSignals([] { return open(paths::kNull, O_RDWR); }));
     if (!null) {
         Warning("Failed opening /dev/null");
     } else if (dup2(null.Get(), STDIN_FILENO) != STDIN_FILENO) {
@@ -64,7 +65,8 @@ void RedirectStandardStreams(const std::string& logPath) {
     KeepStandardStream(null);
 
     constexpr mode_t kLogMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
-    Descriptor log(open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY, kLogMode));
+    Descriptor log(
+        AcrossSignals([&] { return open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY, kLogMode); }));
     if (!log) {
         Warning("Failed opening log file %s", logPath.c_str());
         return;

@@ -13,6 +13,7 @@
 
 #include "Logging.h"
 #include "Paths.h"
+#include "util/AcrossSignals.h"
 
 namespace lofter {
 
@@ -29,7 +30,8 @@ void UpgradeConfiguration() {
 }
 
 void SignalDaemon() {
-    std::ifstream file(paths::kSyslogPidFile);
+    std::ifstream file;
+    OpenAcrossSignals(file, paths::kSyslogPidFile, std::ios::in);
     if (!file) {
         // Names the kernel-side daemon on purpose, although the file is the user-level one's.
         Log_Level(kWarning, "unable to open krxsyslogd pid file.\n");

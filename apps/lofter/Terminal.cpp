@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "Logging.h"
+#include "util/AcrossSignals.h"
 #include "util/Descriptor.h"
 
 namespace lofter {
@@ -99,7 +100,8 @@ void TerminalStream::Restore() const {
 void TerminalStream::Reopen() const {
     // Without waiting for a carrier: the line that has just been hung up may not have one at once.
     const int access = statusFlags & O_ACCMODE;
-    const Descriptor again(::open(device.c_str(), access | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    const Descriptor again(
+        AcrossSignals([&] { return ::open(device.c_str(), access | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }));
     if (!again || ::fcntl(again.Get(), F_SETFL, statusFlags) == -1 || ::dup2(again.Get(), descriptor) == -1) {
         Log_Level(kError, "unable to open terminal '%s' again: %s\n", device.c_str(), std::strerror(errno));
     }

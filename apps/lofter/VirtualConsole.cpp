@@ -4,12 +4,13 @@
 #include <linux/vt.h>
 #include <sys/ioctl.h>
 
+#include "util/AcrossSignals.h"
 #include "util/Descriptor.h"
 
 namespace lofter {
 
 void SwitchConsole(int terminal, const char* console) {
-    const Descriptor device(::open(console, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const Descriptor device(AcrossSignals([&] { return ::open(console, O_RDWR | O_NOCTTY | O_CLOEXEC); }));
     if (!device) {
         return;
     }

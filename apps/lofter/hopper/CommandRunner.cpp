@@ -16,6 +16,7 @@
 #include "hostkernel/hostkernel.h"
 #include "plugins/Exception.h"
 #include "tslibs/warning.h"
+#include "util/AcrossSignals.h"
 #include "util/Descriptor.h"
 
 namespace lofter {
@@ -39,15 +40,15 @@ struct ChildDescriptors {
     Descriptor log;
 
     ChildDescriptors() {
-        root.Reset(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        root.Reset(AcrossSignals([] { return open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
         if (root.Get() <= 0) {
             Panic("VERIFY %s:%d\n", "apps/lofter/hopper/DaemonPlugin", 86);
         }
-        null.Reset(open(paths::kNull, O_RDWR | O_CLOEXEC));
+        null.Reset(AcrossSignals([] { return open(paths::kNull, O_RDWR | O_CLOEXEC); }));
         if (!null) {
             Log_Level(kWarning, "opening /dev/null failed\n");
         }
-        log.Reset(open(paths::kSyslogSocket, O_WRONLY | O_NOCTTY | O_CLOEXEC));
+        log.Reset(AcrossSignals([] { return open(paths::kSyslogSocket, O_WRONLY | O_NOCTTY | O_CLOEXEC); }));
     }
 
     // Without /dev/null the child gets the root directory, which it can neither read nor write: kept on purpose.

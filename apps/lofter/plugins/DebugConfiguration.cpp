@@ -8,6 +8,7 @@
 #include <boost/tokenizer.hpp>
 
 #include "Logging.h"
+#include "util/AcrossSignals.h"
 
 namespace lofter {
 
@@ -58,7 +59,8 @@ std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
 }
 
 std::vector<DebugEntry> ReadDebugConfiguration(const std::string& path) {
-    std::ifstream file(path);
+    std::ifstream file;
+    OpenAcrossSignals(file, path, std::ios::in);
     return ParseDebugConfiguration(file);
 }
 

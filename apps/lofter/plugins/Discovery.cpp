@@ -10,6 +10,7 @@
 #include "plugins/DebugPlugin.h"
 #include "plugins/JSONPlugin.h"
 #include "plugins/NativePlugin.h"
+#include "util/AcrossSignals.h"
 
 namespace lofter {
 
@@ -69,7 +70,7 @@ Discovery::Discovery(DiscoveryInput discoveryInput, std::set<std::string>& runOn
 
 void Discovery::DiscoverAll() {
     const std::vector<DebugEntry> debugEntries = ReadDebugConfiguration(input.debugConfiguration);
-    for (const auto& entry : std::filesystem::directory_iterator(input.pluginDirectory)) {
+    for (const auto& entry : OpenDirectoryAcrossSignals(input.pluginDirectory)) {
         ProcessFile(entry.path().filename().string());
     }
     AppendDebugPlugins(debugEntries);

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "util/AcrossSignals.h"
 #include "util/Descriptor.h"
 
 namespace lofter {
@@ -44,7 +45,8 @@ class KeyWatch {
 
 std::optional<std::string> ReadFileContent(const std::string& path) {
     // Without O_NONBLOCK, opening a pipe waits for somebody to write to it.
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    const Descriptor file(
+        AcrossSignals([&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY); }));
     if (!file) {
         return std::nullopt;
     }

@@ -7,6 +7,7 @@
 
 #include "plugins/Exception.h"
 #include "plugins/ObjectFile.h"
+#include "util/AcrossSignals.h"
 
 namespace lofter {
 
@@ -16,7 +17,7 @@ bool IsCutShort(const std::string& path) {
     std::error_code failure;
     std::ifstream file;
     if (std::filesystem::is_regular_file(path, failure)) {
-        file.open(path, std::ios::binary);
+        OpenAcrossSignals(file, path, std::ios::in | std::ios::binary);
     }
     return file.is_open() && EndsBeforeItsContents(file);
 }

@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "util/AcrossSignals.h"
 #include "util/Descriptor.h"
 #include "util/SyncToDisk.h"
 
@@ -32,7 +33,8 @@ constexpr std::streamsize kBufferSize = 4096;
 constexpr std::size_t kLongestRecord = 64U << 20U;
 
 std::string FileContent(const std::string& path) {
-    std::ifstream file(path, std::ios_base::in | std::ios_base::binary);
+    std::ifstream file;
+    OpenAcrossSignals(file, path, std::ios_base::in | std::ios_base::binary);
     std::string content;
     if (file) {
         // Through the stream, not its buffer: reading a directory fails quietly then.
@@ -109,7 +111,8 @@ void WriteRunOnceRecord(const std::string& path, const std::set<std::string>& na
     const std::string compressed = Compress(text);
 
     constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;  // less the umask
-    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kMode));
+    const Descriptor file(
+        AcrossSignals([&] { return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kMode); }));
     if (file.Get() < 0) {
         FailWriting(path);
     }

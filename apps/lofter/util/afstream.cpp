@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "util/AcrossSignals.h"
 #include "util/Descriptor.h"
 #include "util/SyncToDisk.h"
 
@@ -26,7 +27,7 @@ std::string ErrorText(int error) {
 
 // The rename must not become durable before the data that it publishes. A file that has gone is the rename's to report.
 void SyncFile(const std::string& path) {
-    const Descriptor descriptor(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+    const Descriptor descriptor(AcrossSignals([&] { return open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY); }));
     const bool isDone = descriptor ? SyncToDisk(descriptor.Get()) : errno == ENOENT;
     if (!isDone) {
         throw std::runtime_error("unable to sync '" + path + "': " + ErrorText(errno));
@@ -63,19 +64,21 @@ void afstream::CreateTemporaryFile(const char* path) {
     if (written < 0 || static_cast<std::size_t>(written) != size - 1) {
         throw std::runtime_error("unable to allocate mkstemp pattern");
     }
+    tempName.reserve(size);  // once there is a file, nothing may keep its name from being noted
+    destination = path;
     const Descriptor descriptor(mkstemp(pattern.get()));
     if (descriptor.Get() < 0) {
         throw std::runtime_error("unable to create temporary file to write '" + std::string(path) +
                                  "': " + ErrorText(errno));
     }
     tempName = pattern.get();
-    destination = path;
 }
 
 void afstream::open(const char* path, std::ios_base::openmode mode) {
     Discard();
     CreateTemporaryFile(path);
-    if (file.open(tempName, mode | std::ios_base::out) != nullptr) {
+    OpenAcrossSignals(file, tempName, mode | std::ios_base::out);
+    if (file.is_open()) {
         clear();
     } else {
         setstate(std::ios_base::failbit);
@@ -88,8 +91,10 @@ void afstream::open(const char* path, std::ios_base::openmode mode) {
 void afstream::reopen(const char* path, std::ios_base::openmode mode) {
     open(path, mode);
     {
-        errno = 0;  // an empty destination is no failure of the system's
-        std::ifstream current(path, std::ios_base::in | std::ios_base::binary);
+        std::ifstream current;
+        OpenAcrossSignals(current, path, std::ios_base::in | std::ios_base::binary);
+        // An empty destination is no failure of the system's.
+        errno = current.is_open() ? 0 : errno;
         // Sets the fail state when nothing could be copied: there must be something to extend.
         *this << current.rdbuf();
         flush();

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include "AcrossSignals.h"
 #include "autocli/CommandRun.h"
 #include "autocli/autocli.h"
 
@@ -53,7 +54,7 @@ Dispatcher::~Dispatcher() {
 
 void Dispatcher::AddExternalDirectory(const std::string& directory) {
     std::map<std::vector<std::string>, std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    for (const auto& entry : platform::OpenDirectoryAcrossSignals(directory)) {
         if (IsCommand(entry.path())) {
             found.emplace(SplitAtDots(entry.path().filename()), entry.path());
         }

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "AcrossSignals.h"
 #include "Descriptor.h"
 #include "Printable.h"
 
@@ -36,7 +37,7 @@ std::string RecordOf(const std::string& text) {
 }  // namespace
 
 void WriteKernelLog(const char* path, const std::vector<std::string>& texts) {
-    const Descriptor log(::open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY));
+    const Descriptor log(AcrossSignals([&] { return ::open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY); }));
     if (!log) {
         Fail(path);
     }

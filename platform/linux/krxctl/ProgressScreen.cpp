@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "AcrossSignals.h"
 #include "Printable.h"
 #include "krxctl/KernelProgressScreenImpl.h"
 #include "tslibs/LogOutput.h"
@@ -48,7 +49,7 @@ ProgressScreen& Screen() {
 }  // namespace
 
 ProgressScreen::ProgressScreen(const char* consolePath)
-    : console(::open(consolePath, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
+    : console(AcrossSignals([&] { return ::open(consolePath, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); })) {
     if (console && ::isatty(console.Get()) == 0) {
         console.Reset();
     }

@@ -13,6 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "AcrossSignals.h"
 #include "Descriptor.h"
 #include "Printable.h"
 #include "tslibs/Gather.h"
@@ -98,11 +99,9 @@ bool SyslogClient::ConnectAs(int type) {
         ::fstat(created.Get(), &status) != 0) {
         return false;
     }
-    int result = -1;
-    do {
-        result = ::connect(created.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) {
+    if (AcrossSignals([&] {
+            return ::connect(created.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        }) != 0) {
         // The wrong type says nothing about the daemon; the right one is tried next.
         hung = errno == EAGAIN || (hung && errno == EPROTOTYPE);
         return false;
