@@ -122,7 +122,7 @@ def IsUnavoidable(process, outcome, locations):
     if -outcome.status not in (signal.SIGABRT, signal.SIGTRAP) and not set(outcome.deaths) <= {signal.SIGABRT, signal.SIGTRAP}:
         return False
     beforeMain = process == 0 and all(place == "_start" or place.startswith("_GLOBAL__") for place in locations[-2:])
-    return beforeMain or any(locations[0].startswith(place) for place in FATAL_PLACES)
+    return beforeMain or any(locations[0].startswith(FATAL_PLACES))
 
 
 def StormComplaints(outcome, usual):
