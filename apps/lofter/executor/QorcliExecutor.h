@@ -16,6 +16,7 @@
 // Failures are Exceptions. Thread-safe on the client's side; resets are serialised by the graph lock.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include <pthread.h>
@@ -63,6 +64,7 @@ class QorcliExecutor {
 
   private:
     static bool SetUpPollLoop(int& listening);
+    static std::int32_t StatusOf(const char* command);
     static void* RunEventLoop(void* executor);
     [[noreturn]] void RunProcess();
     void ServeUntilStopped();

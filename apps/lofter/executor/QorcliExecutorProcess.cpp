@@ -99,6 +99,16 @@ void QorcliExecutor::StartEventLoop() {
     }
 }
 
+// The text itself may be what memory does not suffice for.
+std::int32_t QorcliExecutor::StatusOf(const char* command) {
+    try {
+        return RunCommandLine(command);
+    } catch (const std::exception& e) {
+        Log_Level(kError, "execution of '%s' failed : %s\n", command, e.what());
+        return 1;
+    }
+}
+
 // Nothing may be thrown out of a thread: short of memory, the executor ends as it does without a poll loop.
 bool QorcliExecutor::SetUpPollLoop(int& listening) {
     try {
@@ -140,7 +150,7 @@ void QorcliExecutor::HandleConnection(void* listenSocketPointer) {
         Poll_CallbackRemove(kPollMainClassSet, kPendingConnection, HandleConnection, listenSocketPointer, kPollDevice);
         return;
     }
-    const std::int32_t status = RunCommandLine(command.data());
+    const std::int32_t status = StatusOf(command.data());
     if (AcrossSignals([&] { return ::send(connection.Get(), &status, sizeof status, 0); }) == -1) {
         Log_Level(kWarning, "Sending command status to lofter failed\n");
     }
