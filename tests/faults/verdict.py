@@ -15,6 +15,37 @@ COMMON_MEANS = ("Failed setting up Poll Loop", "Unable to start executor", "unab
 # start looked like a failure.
 EXECUTOR_LEFT = ("Executor already gone.", "Failed sending STOP to executor", "Failed to read message from socket",
                  "Error accepting connection", "Failed collecting executor's exit status")
+# What a complete walk must have heard.
+MESSAGES = {
+    "open": ["opening /dev/null failed", "Failed opening /dev/null", "Failed opening log file "],
+    "write": ["unable to save run-once record: unable to write ", "unable to log profiling information: "],
+    "fsync": ["unable to sync '/var/log/sysboot.log."],
+    "rename": ["unable to rename '/var/log/sysboot.log."],
+    "mkstemp": ["unable to open profiling log (/var/log/sysboot.log): No space left on device.",
+                "unable to reopen profiling log (/var/log/sysboot.log): No space left on device."],
+    "fork": ["Failed to start executor Failed to forkResource temporarily unavailable"],
+    "daemon": ["Unable to start executor: Failed to daemonize", "Failed to start executor Lofter executor failed to start"],
+    "posix_spawn": ["failed to spawn: Resource temporarily unavailable",
+                    "failed to ForkExec '/etc/init.d/one start' : Resource temporarily unavailable"],
+    "system": ["failed to call /usr/lib/tessel/tssyslog/bin/upgrade-syslog.conf.sh", "debug injection 'first' returned "],
+    "popen": ["Failed obtaining list of init.d scripts"],
+    "pthread_create": ["Could not create enough execution threads. (0 created, 1requested)",
+                       "Unable to start executor: Failed creating Executor Event Loop thread"],
+    "pthread_cond_init": ["Condition variable for Executor could not be initialized"],
+    "socket": ["Error opening control socket for executor: Too many open files",
+               "Failed creating lofter client socket Too many open files"],
+    "bind": ["Failed to bind to executor control socket: Address already in use"],
+    "listen": ["Failed to listen on executor control socket: Address already in use"],
+    "connect": ["Failed connecting to executor Connection refused", "Executor already gone."],
+    "accept": ["Error accepting connection on contol socket - Too many open files"],
+    "send": ["Failed sending command to executor: Broken pipe", "Failed sending STOP to executorBroken pipe",
+             "Sending command status to lofter failed"],
+    "recv": ["Failed to read message from socket - Connection reset by peer",
+             "Failed to recieve command status from Executor: Connection reset by peer"],
+    "waitpid": ["Failed collecting executor's exit status", "failed <unknown_error>", "failed to read exit status"],
+    "signal": ["Lofter cannot ignore SIGPIPE"],
+}
+
 # A run may panic where going on would do harm: a daemon without a directory to start in, a message without memory.
 PANICS = ("VERIFY apps/lofter/hopper/DaemonPlugin:86", "Str_SafeVasprintf: ")
 STAMP = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ")
@@ -107,22 +138,25 @@ def PluginComplaints(outcome, usual):
 
 
 # Where a process ends when memory runs out, because what it calls does not survive that: the standard library's walk
-# through a directory, which is noexcept and allocates, and the library that reads the product's name, which aborts.
+# through a directory and the JSON library's destructor, which are noexcept and allocate, and the library that reads the
+# product's name, which aborts.
 # Before main nobody is there to take an exception.
-FATAL_PLACES = ("lofter::Discovery::DiscoverAll()", "AutoCli::Dispatcher::AddExternalDirectory(",
+FATAL_PLACES = ("lofter::Discovery::DiscoverAll()", "AutoCli::Dispatcher::AddExternalDirectory(", "nlohmann::",
                 "(anonymous namespace)::OsRelease(")
+BEFORE_THE_LOG = ("lofter::InitializeLogging(", "lofter::Settings::Instance(")
 
 
 def IsUnavoidable(process, outcome, locations):
     """Of a run in which memory ran out: whether it ended a process at a place where nothing else could come of it.
 
     The locations are those of the program's own functions, the innermost first."""
-    if outcome.status == 1 and any("lofter::InitializeLogging(" in place for place in locations):
-        return True  # and nobody to tell: there is no log yet
+    if outcome.status == 1 and any(place.startswith(BEFORE_THE_LOG) for place in locations):
+        return True  # and nobody to tell
     if -outcome.status not in (signal.SIGABRT, signal.SIGTRAP) and not set(outcome.deaths) <= {signal.SIGABRT, signal.SIGTRAP}:
         return False
     beforeMain = process == 0 and all(place == "_start" or place.startswith("_GLOBAL__") for place in locations[-2:])
-    return beforeMain or any(locations[0].startswith(FATAL_PLACES))
+    own = [place for place in locations if not place.startswith("std::")]
+    return beforeMain or (own != [] and own[0].startswith(FATAL_PLACES) and ("nlohmann" not in own[0] or "::destroy(" in own[0]))
 
 
 def StormComplaints(outcome, usual):
