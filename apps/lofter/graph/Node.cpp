@@ -1,8 +1,10 @@
 #include "graph/Node.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
+#include "Logging.h"
 #include "graph/Executor.h"
 #include "graph/NodeStore.h"
 
@@ -206,13 +208,22 @@ void Node::RunQueued(Executor& executor) {
 void Node::RunQueued(Executor& executor, GraphLock& lock) {
     const bool isStart = state == kStart.queued;
     lock.Release();
-    if (isStart) {
-        Start();
-    } else {
-        Stop();
-    }
+    RunContained(isStart);
     lock.Acquire();
     Finish(isStart ? kStart : kStop, executor);
+}
+
+// Whatever a node throws, it is finished then: an exception that left the worker's thread would end the run.
+void Node::RunContained(bool isStart) {
+    try {
+        if (isStart) {
+            Start();
+        } else {
+            Stop();
+        }
+    } catch (const std::exception& e) {
+        Log_Level(kError, "unhandled exception whilst processing %s: %s\n", name.c_str(), e.what());
+    }
 }
 
 void Node::Finish(const Phase& phase, Executor& executor) {

@@ -110,6 +110,7 @@ class Node {
     void ScheduleWithPrerequisites(const Phase& phase, Executor& executor);
     void Recheck(const Phase& phase, Executor& executor);
     void Queue(const Phase& phase, Executor& executor);
+    void RunContained(bool isStart);
     void Finish(const Phase& phase, Executor& executor);
     void WaitFor(NodeState wanted);
     std::int32_t Depth(std::int32_t Node::*cache, Links Node::*links);
