@@ -52,15 +52,17 @@ void Node::AddDependency(Node& other) {
     dependencyDepth = kNotComputed;
     other.dependentDepth = kNotComputed;
     dependencies.push_back(&other);
-    other.dependents.push_back(this);
+    try {
+        other.dependents.push_back(this);
+    } catch (...) {
+        // Short of memory. A link that only this end knows of would outlive the other one.
+        dependencies.pop_back();
+        throw;
+    }
 }
 
 void Node::AddDependent(Node& other) {
-    GraphLock lock;
-    dependentDepth = kNotComputed;
-    other.dependencyDepth = kNotComputed;
-    dependents.push_back(&other);
-    other.dependencies.push_back(this);
+    other.AddDependency(*this);
 }
 
 std::int32_t Node::DependencyDepth() {

@@ -1,5 +1,7 @@
 #include "graph/Node.h"
 
+#include <algorithm>
+#include <new>
 #include <stdexcept>
 #include <thread>
 
@@ -65,6 +67,25 @@ TEST(Node, LinksBothEndsInOrder) {
     EXPECT_EQ(Names(b.Dependents()), "a");
     EXPECT_EQ(Names(c.Dependents()), "a b");
     EXPECT_EQ(Names(b.Dependencies()), "c");
+}
+
+TEST(Node, IsLinkedAtBothEndsOrAtNeither) {
+    for (const int allocations : {0, 1, 2}) {
+        PlainNode barrier("barrier");
+        PlainNode plugin("plugin");
+        bool isLinked = true;
+        {
+            const test::FailingCall failing(test::Call::OperatorNew, allocations);
+            try {
+                barrier.AddDependent(plugin);
+            } catch (const std::bad_alloc&) {
+                isLinked = false;
+            }
+        }
+        EXPECT_EQ(isLinked, allocations == 2) << "one for each list";
+        EXPECT_EQ(barrier.Dependents().size(), isLinked ? 1U : 0U) << allocations;
+        EXPECT_EQ(plugin.Dependencies().size(), isLinked ? 1U : 0U) << allocations;
+    }
 }
 
 TEST(Node, WithoutLinksHasDepthsOfZero) {

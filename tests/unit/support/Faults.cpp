@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <new>
 
 #include <pthread.h>
 
@@ -16,7 +17,7 @@ struct Plan {
     std::atomic<int> successesLeft = kNeverFails;
     std::atomic<int> failures = INT_MAX;
 };
-std::array<Plan, 3> plans;
+std::array<Plan, 4> plans;
 
 Plan& PlanOf(Call call) {
     return plans.at(static_cast<std::size_t>(call));
@@ -53,6 +54,8 @@ int __real_system(const char*);
 int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*);
 int __wrap_system(const char*);
+void* __real__Znwm(std::size_t);  // operator new
+void* __wrap__Znwm(std::size_t);
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                           void* argument) {
@@ -75,6 +78,13 @@ int __wrap_system(const char* command) {
         return -1;
     }
     return __real_system(command);
+}
+
+void* __wrap__Znwm(std::size_t size) {
+    if (lofter::test::MustFail(lofter::test::Call::OperatorNew)) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
 }
 
 }  // extern "C"

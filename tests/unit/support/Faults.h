@@ -1,12 +1,12 @@
-// Makes system calls of the library under test fail on request. The test program is linked so that its calls go through
-// here first. Process-wide; not synchronised with calls in progress.
+// Makes system calls and allocations of the library under test fail on request. The test program is linked so that its
+// calls go through here first. Process-wide; not synchronised with calls in progress.
 #pragma once
 
 #include <climits>
 
 namespace lofter::test {
 
-enum class Call { PthreadCreate, PthreadCondInit, System };
+enum class Call { PthreadCreate, PthreadCondInit, System, OperatorNew };
 
 // From construction to destruction, the call fails after it has succeeded `successes` times more: for good, or as often
 // as given.
