@@ -1,6 +1,7 @@
 #include "graph/NodeStore.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 #include <vector>
 
@@ -17,11 +18,15 @@ class StandIn : public Node {
     std::string DotAttributes() const override { return {}; }
 };
 
-// Each node once, however often it was linked: all links to it are looked through for each.
-Links Distinct(Links links) {
+// Each node that the links lead to once, with how often they do.
+template <typename Action>
+void ForEachNeighbour(Links links, Action action) {
     std::sort(links.begin(), links.end());
-    links.erase(std::unique(links.begin(), links.end()), links.end());
-    return links;
+    for (auto first = links.begin(); first != links.end();) {
+        const auto end = std::upper_bound(first, links.end(), *first);
+        action(**first, end - first);
+        first = end;
+    }
 }
 
 // Never destroyed: worker threads may still look at nodes while the process exits.
@@ -58,31 +63,37 @@ void NodeStore::LeaveStandIn(Node& leaving) noexcept {
     GraphLock lock;
     Node* standIn = nullptr;
     try {
-        auto node = std::make_unique<StandIn>(leaving.name);
-        node->dependencies = leaving.dependencies;
-        node->dependents = leaving.dependents;
-        standIn = Keep(std::move(node));
+        Links dependencies = leaving.dependencies;
+        Links dependents = leaving.dependents;
+        // Kept before it has links: destroyed with links, it would leave a stand-in itself, and so on without end.
+        standIn = Keep(std::make_unique<StandIn>(leaving.name));
+        standIn->dependencies = std::move(dependencies);
+        standIn->dependents = std::move(dependents);
     } catch (...) {
         standIn = nullptr;
     }
 
-    const auto replaceIn = [&](Links& links) {
-        if (standIn != nullptr) {
-            std::replace(links.begin(), links.end(), &leaving, standIn);
-        } else {
-            std::erase(links, &leaving);
+    // Looked for from the back: what is destroyed was linked a moment ago, as a rule.
+    const auto replaceIn = [&](Links& links, std::ptrdiff_t times) {
+        for (auto link = links.rbegin(); link != links.rend() && times > 0; ++link) {
+            if (*link == &leaving) {
+                *link = standIn;
+                --times;
+            }
+        }
+        if (standIn == nullptr) {
+            std::erase(links, nullptr);
         }
     };
     if (standIn != nullptr) {
-        replaceIn(standIn->dependencies);  // a node may be linked to itself
-        replaceIn(standIn->dependents);
+        std::replace(standIn->dependencies.begin(), standIn->dependencies.end(), &leaving,
+                     standIn);  // linked to itself
+        std::replace(standIn->dependents.begin(), standIn->dependents.end(), &leaving, standIn);
     }
-    for (Node* dependency : Distinct(std::move(leaving.dependencies))) {
-        replaceIn(dependency->dependents);
-    }
-    for (Node* dependent : Distinct(std::move(leaving.dependents))) {
-        replaceIn(dependent->dependencies);
-    }
+    ForEachNeighbour(std::move(leaving.dependencies),
+                     [&](Node& dependency, std::ptrdiff_t times) { replaceIn(dependency.dependents, times); });
+    ForEachNeighbour(std::move(leaving.dependents),
+                     [&](Node& dependent, std::ptrdiff_t times) { replaceIn(dependent.dependencies, times); });
 }
 
 }  // namespace lofter

@@ -306,6 +306,26 @@ TEST(Node, ThatFailsInConstructionIsUnlinkedWhenThereIsNoMemoryForAStandIn) {
     EXPECT_TRUE(neighbour.Dependencies().empty());
 }
 
+TEST(Node, ThatFailsInConstructionIsNowhereLinkedHoweverLittleMemoryThereIs) {
+    for (int allocations = 0; allocations < 6; ++allocations) {
+        PlainNode before("before");
+        PlainNode after("after");
+        auto leaving = std::make_unique<PlainNode>("leaving");
+        const Node* address = leaving.get();
+        leaving->AddDependency(before);
+        leaving->AddDependency(*leaving);
+        leaving->AddDependent(after);
+        {
+            const test::FailingCall failing(test::Call::OperatorNew, allocations);
+            leaving.reset();
+        }
+        for (const Node::Links* links : {&before.Dependents(), &after.Dependencies()}) {
+            EXPECT_EQ(std::count(links->begin(), links->end(), address), 0) << allocations;
+        }
+        EXPECT_EQ(before.Dependents().size(), after.Dependencies().size()) << allocations;
+    }
+}
+
 TEST(Node, SaysSoWhenItsConditionVariableIsRefused) {
     const test::FailingCall failing(test::Call::PthreadCondInit, 0);
     try {
