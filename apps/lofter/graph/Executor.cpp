@@ -1,6 +1,7 @@
 #include "graph/Executor.h"
 
 #include <memory>
+#include <new>
 #include <string>
 
 #include "plugins/Exception.h"
@@ -33,15 +34,19 @@ Executor::~Executor() {
 }
 
 bool Executor::CreateWorker(int index) {
-    auto worker = std::make_unique<Worker>(Worker{this, index});
-    threads.reserve(threads.size() + 1);
-    pthread_t thread{};
-    if (pthread_create(&thread, nullptr, WorkerMain, worker.get()) != 0) {
-        return false;
+    try {
+        auto worker = std::make_unique<Worker>(Worker{this, index});
+        threads.reserve(threads.size() + 1);
+        pthread_t thread{};
+        if (pthread_create(&thread, nullptr, WorkerMain, worker.get()) != 0) {
+            return false;
+        }
+        static_cast<void>(worker.release());
+        threads.push_back(thread);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;  // like a thread that the system refuses: those that exist must be joined
     }
-    static_cast<void>(worker.release());
-    threads.push_back(thread);
-    return true;
 }
 
 void Executor::JoinWorkers() {

@@ -223,6 +223,19 @@ TEST(Executor, SaysHowManyThreadsItCouldCreate) {
     }
 }
 
+TEST(Executor, SaysHowManyThreadsItHadMemoryFor) {
+    for (const int allocations : {0, 1, 2, 3}) {
+        const test::FailingCall failing(test::Call::OperatorNew, 1 + allocations, 1);  // the first is for the queue
+        try {
+            Executor executor(2, false);
+            FAIL() << "no exception";
+        } catch (const Exception& e) {
+            const std::string created = std::to_string(allocations / 2);  // two for each thread
+            EXPECT_EQ(e.what(), "Could not create enough execution threads. (" + created + " created, 2requested)");
+        }
+    }
+}
+
 TEST(Executor, SaysSoWhenItsConditionVariableIsRefused) {
     const test::FailingCall failing(test::Call::PthreadCondInit, 0);
     try {
