@@ -12,13 +12,15 @@ namespace {
 
 pthread_mutex_t graphMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
-// Kept beside the mutex. Only the owner writes them; HeldByCaller reads them from any thread, hence atomics.
+// Kept beside the mutex. Only the owner writes them; HeldByCaller reads them from any thread, hence atomics. Every
+// count is published after the owner that it belongs to: a thread that sees another one's count must not see itself as
+// owner.
 std::atomic<int> lockCount{0};
 std::atomic<pthread_t> lockOwner{};
 
 void NoteTaken(int count) {
     lockOwner.store(pthread_self(), std::memory_order_relaxed);
-    lockCount.store(count, std::memory_order_relaxed);
+    lockCount.store(count, std::memory_order_release);
 }
 
 }  // namespace
@@ -41,12 +43,12 @@ void GraphLock::Acquire() {
 
 void GraphLock::Release() {
     held = false;
-    lockCount.store(lockCount.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    lockCount.store(lockCount.load(std::memory_order_relaxed) - 1, std::memory_order_release);
     pthread_mutex_unlock(&graphMutex);
 }
 
 bool GraphLock::HeldByCaller() {
-    return lockCount.load(std::memory_order_relaxed) >= 1 &&
+    return lockCount.load(std::memory_order_acquire) >= 1 &&
            pthread_equal(lockOwner.load(std::memory_order_relaxed), pthread_self()) != 0;
 }
 
@@ -61,7 +63,7 @@ GraphCondition::~GraphCondition() {
 }
 
 void GraphCondition::Wait() {
-    lockCount.store(0, std::memory_order_relaxed);
+    lockCount.store(0, std::memory_order_release);
     pthread_cond_wait(&condition, &graphMutex);
     NoteTaken(1);
 }
