@@ -10,9 +10,9 @@
 //        │       ScheduleStop               all dependents satisfied               Stop() returned
 //        └─────────────────────▶ StopPending ────────────────────▶ StopQueued ────────────────────▶ Stopped
 //
-// Nothing ever returns to Idle, so "satisfied" (Started or beyond) never becomes untrue again. Starting and stopping
-// are mirror images: starting waits for `dependencies` and then releases `dependents`, stopping does the reverse. The
-// code says it once, for either Phase.
+// Nothing ever returns to Idle, so within one run "satisfied" (Started or beyond) never becomes untrue again. Starting
+// and stopping are mirror images: starting waits for `dependencies` and then releases `dependents`, stopping does the
+// reverse. The code says it once, for either Phase.
 //
 // All state is guarded by the graph lock, which every operation here takes for itself. Links are made while the graph
 // is built and never removed, with one exception: a node that is destroyed while linked, as a plugin is whose
