@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <future>
+#include <iterator>
 #include <set>
 #include <thread>
 
@@ -141,6 +143,16 @@ TEST(ExecutorWithManyThreads, HonoursEveryLinkOfALayeredGraph) {
             ASSERT_TRUE(IsBefore(order, before, after)) << before << " " << after;
         }
     }
+}
+
+TEST(Executor, HasNoThreadsWhenItIsToHaveFewerThanNone) {
+    const auto countThreads = [] {
+        const std::filesystem::directory_iterator threads("/proc/self/task");
+        return std::distance(begin(threads), end(threads));
+    };
+    const auto before = countThreads();
+    const Executor executor(-1, false);
+    EXPECT_LE(countThreads(), before);
 }
 
 TEST(Executor, WithoutThreadsLeavesNodesQueued) {
