@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "Settings.h"
+#include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
 #include "support/TestGraph.h"
 
 namespace lofter {
 namespace {
 
-using test::IsBefore;
 using test::LogCapture;
 using test::Names;
 using test::TestGraph;
@@ -77,6 +78,19 @@ TEST(InitBarrier, RaisesNoAlertWhenOneMethodIsInvoked) {
     EXPECT_EQ(log.Lines(115).size(), 1U);
 }
 
+TEST(InitBarrier, RaisesTheAlertBeforeItLogsTheReport) {
+    const test::TemporaryDirectory host;
+    host.Write("run/issue.d", "no folder");
+    EXPECT_EQ(test::InForkedChild([&] {
+                  TestGraph graph("a: requires network");
+                  const LogCapture log;
+                  test::EnterRoot(host.Path());
+                  graph.Starts();
+                  return log.Lines(115).at(0).substr(0, 33) + "|" + log.Lines(115).at(1).substr(0, 23);
+              }),
+              "unable to raise the system alert:|Lofter dependency error");
+}
+
 TEST(InitBarrier, WithAProviderSaysNothing) {
     TestGraph graph(
         "b: requires network\n"
@@ -91,9 +105,27 @@ TEST(InitBarrier, ThatIsOnlyProvidedHasNoEffect) {
         "a: provides unused\n"
         "b:");
     LogCapture log;
-    EXPECT_TRUE(IsBefore(graph.Starts() + " end", "a", "end"));
+    EXPECT_EQ(graph.Starts(), "a b");
     EXPECT_TRUE(log.Lines().empty());
     EXPECT_EQ(GetBarrier("unused", false)->DotAttributes(), " shape=box");
+}
+
+TEST(InitBarrier, ThatIsOnlyProvidedStartsAfterItsProvidersWhenItIsAskedTo) {
+    TestGraph graph(
+        "a: provides unused\n"
+        "b: provides unused");
+    LogCapture log;
+    InitBarrier* unused = GetBarrier("unused", false);
+    Executor executor(0, false);
+    unused->ScheduleStart(executor);
+    EXPECT_EQ(graph["a"].State(), NodeState::StartQueued);
+    graph["a"].RunQueued(executor);
+    EXPECT_EQ(unused->State(), NodeState::StartPending);
+    graph["b"].RunQueued(executor);
+    EXPECT_EQ(unused->State(), NodeState::StartQueued);
+    unused->RunQueued(executor);
+    EXPECT_EQ(unused->State(), NodeState::Started);
+    EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST(InitBarrier, StartsAfterAllItsProviders) {
