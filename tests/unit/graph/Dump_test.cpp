@@ -62,5 +62,28 @@ TEST(Dump, OrdersPriorityBarriersByTheBytesOfTheirNames) {
     EXPECT_LT(ten, nine);
 }
 
+// Keeps what is flushed at one time, behind a star when the lock was held.
+class FlushRecorder : public std::stringbuf {
+  public:
+    std::vector<std::string> flushed;
+
+  private:
+    int sync() override {
+        flushed.push_back((GraphLock::HeldByCaller() ? "*" : "") + str());
+        str("");
+        return 0;
+    }
+};
+
+TEST(Dump, FlushesEveryLineAndTakesTheLockForTheEdgesOnly) {
+    TestGraph graph("a: provides x y");
+    FlushRecorder recorder;
+    std::ostream output(&recorder);
+    DumpNode(graph["a"], output);
+    const std::string a = Id(graph["a"]);
+    EXPECT_EQ(recorder.flushed, (std::vector<std::string>{a + " [label=\"a\"];\n", "*" + a + " -> " + Id("x") + ";\n",
+                                                          "*" + a + " -> " + Id("y") + ";\n"}));
+}
+
 }  // namespace
 }  // namespace lofter
