@@ -1,24 +1,31 @@
 #include "Activation.h"
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <regex>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "Settings.h"
 #include "graph/Executor.h"
+#include "graph/GraphLock.h"
 #include "graph/GraphRun.h"
 #include "plugins/Exception.h"
 #include "plugins/Plugin.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
+#include "tslibs/dictionary.h"
+#include "tslibs/log.h"
 
 namespace lofter {
 namespace {
@@ -183,6 +190,26 @@ TEST_F(ActivationReport, OfAnOddNameKeepsItAsItIs) {
                                         "125 executing start plugin: %s 'n\xc3\xa4me' %n|"}));
 }
 
+// The kernel's boot log and the program's own, in one file.
+TEST_F(ActivationReport, HasItsStepsInOrder) {
+    settings.trace = true;
+    FakePlugin plugin([] { Log_Level(125, "at work"); });
+    test::InForkedChild([&] {
+        test::EnterRoot(host.Path());
+        ::dup2(::open("/dev/kmsg", O_WRONLY | O_APPEND), STDOUT_FILENO);
+        Log_AddOutput(Log_NewStdioOutput(Dictionary_Create()));
+        plugin.Start();
+        return std::string();
+    });
+    EXPECT_EQ(std::regex_replace(host.Read("dev/kmsg"), std::regex("(<6>|info )[a-z_]+: |took [0-9]+ us"), ""),
+              "starting execution of plugin: net\n"
+              "Activating Lofter plugin net.\n"
+              "executing start plugin: net\n"
+              "at work\n"
+              "completed execution of plugin: net ()\n"
+              "Lofter plugin net activated.\n");
+}
+
 // ---- Host profiles
 
 TEST_F(ActivationReport, WithoutAHostProfileIsThatOfTheStartOperation) {
@@ -257,6 +284,20 @@ TEST_F(ActivationReport, LooksForAHostProfileOncePerProcess) {
                   return first.calls + second.calls;
               }),
               "start start ");
+}
+
+TEST_F(Activation, TakesTheProgramWideLockForTheHostProfileOnly) {
+    FakePlugin other;
+    FakePlugin participant;
+    participant.takesPart = true;
+    auto lock = std::make_unique<GraphLock>();
+    std::async(std::launch::async, [&] { other.Start(); }).get();
+    auto activation = std::async(std::launch::async, [&] { participant.Start(); });
+    EXPECT_EQ(activation.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(participant.calls, "");
+    lock.reset();
+    activation.get();
+    EXPECT_NE(participant.calls, "");
 }
 
 // ---- Times
