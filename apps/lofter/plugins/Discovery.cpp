@@ -34,21 +34,6 @@ Construct ConstructorFor(const std::string& extension) {
     return nullptr;
 }
 
-// Null, with the reason logged, when the plugin cannot be constructed.
-Plugin* ConstructAndKeep(Construct construct, const std::string& fileName, const std::string& name,
-                         const std::string& path) {
-    std::string failure;
-    try {
-        return NodeStore::Keep(construct(name, path));
-    } catch (const std::exception& e) {
-        failure = "exception occurred whilst loading plugin " + fileName + ": " + e.what();
-    } catch (...) {
-        failure = "unknown exception occurred whilst loading plugin " + fileName;
-    }
-    Log_Level(kWarning, "%s\n", failure.c_str());
-    return nullptr;
-}
-
 // Each flag followed by a blank, the last one too; kept on purpose, operators match on the lines.
 std::string FlagText(const std::vector<std::string>& flags) {
     std::string text;
@@ -102,7 +87,7 @@ void Discovery::ProcessFile(const std::string& fileName) {
     }
     if (extension == "debug") {
         std::erase_if(debugEntries, [&](const DebugEntry& entry) { return entry.name != name; });
-        AppendDebugPlugins(debugEntries);
+        LoadContained(fileName, [&] { AppendDebugPlugins(debugEntries); });
         return;
     }
     const Construct construct = ConstructorFor(extension);
@@ -110,8 +95,8 @@ void Discovery::ProcessFile(const std::string& fileName) {
         Log_Level(kWarning, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(), extension.c_str());
         return;
     }
-    Plugin* plugin = ConstructAndKeep(construct, fileName, name, path);
-    if (plugin == nullptr) {
+    Plugin* plugin = nullptr;
+    if (!LoadContained(fileName, [&] { plugin = NodeStore::Keep(construct(name, path)); })) {
         return;
     }
     if (IsDisabled(*plugin) || !AdmittedByFlags(*plugin)) {
@@ -171,6 +156,20 @@ void Discovery::ApplyRunOnceRule(Plugin& plugin) {
     }
     std::erase_if(key, [](char c) { return !IsKeyCharacter(c); });
     runOnce.insert(key);
+}
+
+bool LoadContained(const std::string& fileName, const std::function<void()>& load) {
+    std::string failure;
+    try {
+        load();
+        return true;
+    } catch (const std::exception& e) {
+        failure = "exception occurred whilst loading plugin " + fileName + ": " + e.what();
+    } catch (...) {
+        failure = "unknown exception occurred whilst loading plugin " + fileName;
+    }
+    Log_Level(kWarning, "%s\n", failure.c_str());
+    return false;
 }
 
 }  // namespace lofter

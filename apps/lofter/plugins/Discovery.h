@@ -7,6 +7,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -51,5 +52,8 @@ class Discovery {
     std::set<std::string>& runOnce;
     PluginList& plugins;
 };
+
+// Runs `load`, which makes what the file describes. Whatever it throws is logged, and false is returned.
+bool LoadContained(const std::string& fileName, const std::function<void()>& load);
 
 }  // namespace lofter

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -132,6 +133,27 @@ TEST_F(DiscoveryTest, ReportsAPluginThatTheSystemHasNoRoomFor) {
     EXPECT_EQ(log.Entries(), (Entries{{115,
                                        "exception occurred whilst loading plugin net.so: "
                                        "Condition variable for Node could not be initialized"}}));
+}
+
+TEST_F(DiscoveryTest, ReportsADebugFileThatTheSystemHasNoRoomForAndGoesOn) {
+    folder.Write("debug.conf", "d:::true\n");
+    Install("barriers", "net.so");
+    {
+        const test::FailingCall noCondition(test::Call::PthreadCondInit, 0, 1);
+        DiscoverListed({"d.debug", "net.so"});
+    }
+    EXPECT_EQ(Found(), "net");
+    EXPECT_EQ(log.Entries(), (Entries{{115,
+                                       "exception occurred whilst loading plugin d.debug: "
+                                       "Condition variable for Node could not be initialized"}}));
+}
+
+TEST_F(DiscoveryTest, ReportsWhateverIsThrownWhileAFileIsLoaded) {
+    EXPECT_TRUE(LoadContained("good.so", [] {}));
+    EXPECT_FALSE(LoadContained("100%s.so", [] { throw std::runtime_error("50%n"); }));
+    EXPECT_FALSE(LoadContained("100%s.so", [] { throw 7; }));  // NOLINT: anything may be thrown
+    EXPECT_EQ(log.Entries(), (Entries{{115, "exception occurred whilst loading plugin 100%s.so: 50%n"},
+                                      {115, "unknown exception occurred whilst loading plugin 100%s.so"}}));
 }
 
 TEST_F(DiscoveryTest, NeverLeavesThePluginDirectoryForAListedPath) {
