@@ -429,6 +429,16 @@ TEST_F(JSONFiles, AreRecordedWithTheirVersionBehindTheirName) {
     EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' because version '1.0'  has already been run."}}));
 }
 
+TEST_F(JSONFiles, AreRecordedByLettersDigitsAndFourSignsOnly) {
+    std::string release;
+    for (char sign = ' '; sign <= '~'; ++sign) {
+        release += sign == '"' || sign == '\\' ? std::string{'\\', sign} : std::string{sign};
+    }
+    WritePlugin("net.json", release + "\xc3\xa4");
+    DiscoverAll();
+    EXPECT_EQ(runOnce, Flags{"net+-.0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz"});
+}
+
 TEST_F(JSONFiles, AreNeverRecognisedWhenTheirVersionHasABlank) {
     WritePlugin("net.json", "1.0 beta");
     DiscoverAll();
