@@ -4,6 +4,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -275,6 +276,33 @@ TEST_F(JsonPlugin, RejectsCommandListsThatAreNone) {
 TEST_F(JsonPlugin, RejectsCommandsThatAreNoStrings) {
     EXPECT_EQ(ReasonOf(WithVersion("1", "", R"("start": ["a", ["b"]])")), "command is not a string");
     EXPECT_EQ(ReasonOf(WithVersion("2", "", R"("start": [], "apply_host_profile": [7])")), "command is not a string");
+}
+
+// A file in which everything is wrong, mended one fault after another.
+TEST_F(JsonPlugin, ReportsTheFirstFaultOfSeveral) {
+    const std::vector<std::pair<std::string, std::string>> members = {
+        {R"("version": 3)", "metadata is corrupt (unable to parse version)"},
+        {R"("requires": [])", "metadata is corrupt (unable to parse requires)"},
+        {R"("provides": [])", "metadata is corrupt (unable to parse provides)"},
+        {R"("required_flags": [])", "metadata is corrupt (unable to parse required_flags)"},
+        {R"("disabling_flags": [])", "metadata is corrupt (unable to parse disabling_flags)"},
+        {R"("run_once": true)", "metadata is corrupt (unable to parse run_once)"},
+        {R"("plugin_version": "")", "metadata is corrupt (unable to parse plugin_version)"},
+    };
+    const std::string faulty = R"("start": 0, "apply_host_profile": 0)";
+    for (std::size_t mended = 0; mended <= members.size(); ++mended) {
+        std::string metadata;
+        for (std::size_t index = 0; index < members.size(); ++index) {
+            const std::string& member = members[index].first;
+            metadata += index == 0 ? "" : ", ";
+            metadata += index < mended ? member : member.substr(0, member.find(' ')) + " null";
+        }
+        EXPECT_EQ(ReasonOf("{\"metadata\": {" + metadata + "}, \"operations\": 0}"),
+                  mended < members.size() ? members[mended].second : "invalid operations interface");
+    }
+    EXPECT_EQ(ReasonOf(R"({"metadata": 0, "operations": 0})"), "invalid metadata interface");
+    EXPECT_EQ(ReasonOf(Document(R"("version": 5, "requires": 0)", faulty)), "Unsupported API version");
+    EXPECT_EQ(ReasonOf(WithVersion("2", "", faulty)), "operations is corrupt (unable to parse start)");
 }
 
 TEST_F(JsonPlugin, LeavesBarrierEdgesOfARejectedFileInPlace) {
