@@ -76,6 +76,15 @@ def test_host_profile_commands_run_on_a_host_that_has_a_profile(recorder):
     assert sorted(Notes(recorder)) == ["old", "profile"]
 
 
+def test_a_failing_host_profile_command_is_reported_by_that_method(recorder):
+    recorder.Plugin("net.json", Document(["note --text=start"], version=2, profile=["note --text=a", "fail", "note --text=c"]))
+    recorder.Write("/etc/tessel/hostprofile.xml", "<profile/>")
+    syslog = recorder.Syslog()
+    Boot(recorder)
+    assert Notes(recorder) == ["a", "c"]
+    assert syslog.Texts(ERROR)[-1] == "Method invocation failed: net->apply_host_profile() failed: error while executing the cli"
+
+
 def test_invoking_the_host_profile_method_of_version_1_says_that_there_is_none(recorder):
     recorder.Plugin("old.json", Document(["note --text=old"], version=1, profile=["note --text=never"]))
     syslog = recorder.Syslog()
