@@ -205,6 +205,11 @@ TEST_F(NativePluginTest, LoadsAnObjectThatLacksAFunctionSinceBindingIsLazy) {
     EXPECT_EQ(Names(Load(Fixture("unresolved_function")).Dependents()), Texts{"clock"});
 }
 
+TEST_F(NativePluginTest, LoadsAnObjectForAllToSee) {
+    Load(Fixture("staying"));
+    EXPECT_NE(dlsym(RTLD_DEFAULT, "only_the_staying_object_has_this"), nullptr);
+}
+
 TEST_F(NativePluginTest, GivesTheLoadersReasonForMissingData) {
     const std::string path = Fixture("unresolved_data");
     EXPECT_EQ(LoadFailure<InvalidPluginException>(path),
