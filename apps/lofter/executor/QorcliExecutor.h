@@ -59,6 +59,9 @@ class QorcliExecutor {
     // Starts the thread that serves the socket. Throws "Failed creating Executor Event Loop thread".
     void StartEventLoop();
 
+    // Starts it, waits until it has ended, and closes the socket.
+    void ServeUntilStopped();
+
     // Serves one connection that is pending on the socket whose descriptor the pointer points to. A poll callback.
     static void HandleConnection(void* listenSocketPointer);
 
@@ -67,7 +70,6 @@ class QorcliExecutor {
     static std::int32_t StatusOf(const char* command);
     static void* RunEventLoop(void* executor);
     [[noreturn]] void RunProcess();
-    void ServeUntilStopped();
     void ResetLocked();
 
     const std::string controlSocket;
