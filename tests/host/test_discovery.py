@@ -242,6 +242,14 @@ def test_a_debug_configuration_that_is_a_directory_counts_as_none(host):
     assert (boot.activated, boot.ignored) == ([], [])
 
 
+@pytest.mark.parametrize("make", [os.mkfifo, lambda path: path.symlink_to("/dev/zero")], ids=["pipe", "endless device"])
+def test_a_debug_configuration_that_never_ends_counts_as_none(host, make):
+    host.Path(CONFIGURATION).parent.mkdir(parents=True, exist_ok=True)
+    make(host.Path(CONFIGURATION))
+    boot = Boot(host)
+    assert (boot.activated, boot.ignored) == ([], [])
+
+
 def test_a_debug_configuration_that_cannot_be_read_counts_as_none(host):
     host.Write(CONFIGURATION, "a:::true\n", 0)
     boot = Boot(host, "--init", heedModes=True)

@@ -1,6 +1,8 @@
 #include "plugins/DebugConfiguration.h"
 
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 #include <utility>
 
 #include <boost/algorithm/string/trim.hpp>
@@ -59,6 +61,11 @@ std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
 }
 
 std::vector<DebugEntry> ReadDebugConfiguration(const std::string& path) {
+    // A pipe would be waited for, and a device read without end.
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) {
+        return {};
+    }
     std::ifstream file;
     OpenAcrossSignals(file, path, std::ios::in);
     return ParseDebugConfiguration(file);

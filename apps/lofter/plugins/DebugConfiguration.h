@@ -23,7 +23,7 @@ struct DebugEntry {
 // "ignoring malformed debug entry at line <n>: <line> (<reason>)\n"; each costs only itself.
 std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input);
 
-// The same for a file. One that cannot be opened or read has no entries.
+// The same for a file. One that cannot be opened or read, or is no regular file, has no entries.
 std::vector<DebugEntry> ReadDebugConfiguration(const std::string& path);
 
 }  // namespace lofter
