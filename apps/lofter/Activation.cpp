@@ -106,6 +106,10 @@ bool InvokeMethod(Plugin& plugin, const std::string& method) {
 }
 
 void Plugin::Start() {
+    Contain([this] { Activate(); });
+}
+
+void Plugin::Activate() {
     Settings& settings = Settings::Instance();
     const char* const pluginName = Name().c_str();
 

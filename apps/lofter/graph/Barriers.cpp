@@ -41,6 +41,10 @@ void RaiseSystemAlert(const std::string& message) {
 InitBarrier::InitBarrier(const std::string& barrierName) : Node(barrierName, kDefaultClass) {}
 
 void InitBarrier::Start() {
+    Contain([this] { ReportIfUnprovided(); });
+}
+
+void InitBarrier::ReportIfUnprovided() const {
     std::string message;
     {
         GraphLock lock;

@@ -20,6 +20,9 @@ class InitBarrier : public Node {
     // invoked, and in the log. The plugins that require it run all the same.
     void Start() override;
     std::string DotAttributes() const override { return " shape=box"; }
+
+  private:
+    void ReportIfUnprovided() const;
 };
 
 // Closes the group of init.d daemons of one start priority. Groups run strictly one after another, in ascending order;

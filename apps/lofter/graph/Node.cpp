@@ -210,19 +210,18 @@ void Node::RunQueued(Executor& executor) {
 void Node::RunQueued(Executor& executor, GraphLock& lock) {
     const bool isStart = state == kStart.queued;
     lock.Release();
-    RunContained(isStart);
+    if (isStart) {
+        Start();
+    } else {
+        Stop();
+    }
     lock.Acquire();
     Finish(isStart ? kStart : kStop, executor);
 }
 
-// Whatever a node throws, it is finished then: an exception that left the worker's thread would end the run.
-void Node::RunContained(bool isStart) {
+void Node::Contain(const std::function<void()>& work) const {
     try {
-        if (isStart) {
-            Start();
-        } else {
-            Stop();
-        }
+        work();
     } catch (const std::exception& e) {
         Log_Level(kError, "unhandled exception whilst processing %s: %s\n", name.c_str(), e.what());
     }

@@ -25,6 +25,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -57,7 +58,7 @@ class Node {
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
 
-    // The node's work. Runs on an executor thread without the lock and must not throw.
+    // The node's work. Runs on an executor thread without the lock and must not throw: an exception ends the process.
     virtual void Start() = 0;
     virtual void Stop() {}
 
@@ -101,6 +102,11 @@ class Node {
     // Counts the node as started without running anything. For nodes that nobody waits for yet.
     void MarkStarted();
 
+  protected:
+    // For work that may run out of memory and the like where nothing else catches it: what it throws is logged,
+    // "unhandled exception whilst processing <node>: <reason>\n", and the nodes behind this one run all the same.
+    void Contain(const std::function<void()>& work) const;
+
   private:
     struct Phase;
     static const Phase kStart;
@@ -110,7 +116,6 @@ class Node {
     void ScheduleWithPrerequisites(const Phase& phase, Executor& executor);
     void Recheck(const Phase& phase, Executor& executor);
     void Queue(const Phase& phase, Executor& executor);
-    void RunContained(bool isStart);
     void Finish(const Phase& phase, Executor& executor);
     void WaitFor(NodeState wanted);
     std::int32_t Depth(std::int32_t Node::*cache, Links Node::*links);

@@ -62,6 +62,8 @@ class Plugin : public Node {
     std::set<std::string> disabling_flags;
 
   private:
+    void Activate();
+
     timeval startTime{};
     timeval endTime{};
 };

@@ -4,6 +4,7 @@
 
 #include "Settings.h"
 #include "support/ChildOutcome.h"
+#include "support/Faults.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestGraph.h"
@@ -126,6 +127,22 @@ TEST(InitBarrier, ThatIsOnlyProvidedStartsAfterItsProvidersWhenItIsAskedTo) {
     unused->RunQueued(executor);
     EXPECT_EQ(unused->State(), NodeState::Started);
     EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(InitBarrier, WhoseComplaintFindsNoMemoryHoldsNothingUp) {
+    TestGraph graph("a: requires nothing");
+    LogCapture log;
+    Executor executor(0, false);
+    InitBarrier* nothing = GetBarrier("nothing", false);
+    graph["a"].ScheduleStart(executor);
+    {
+        const test::FailingCall failing(test::Call::OperatorNew, 0, 1);
+        nothing->Start();
+    }
+    EXPECT_EQ(log.Lines(110),
+              std::vector<std::string>{"unhandled exception whilst processing nothing: std::bad_alloc"});
+    nothing->RunQueued(executor);
+    EXPECT_EQ(graph["a"].State(), NodeState::StartQueued);
 }
 
 TEST(InitBarrier, StartsAfterAllItsProviders) {

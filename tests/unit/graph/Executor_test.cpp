@@ -1,11 +1,13 @@
 #include "graph/Executor.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <iterator>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -14,6 +16,7 @@
 #include "graph/GraphRun.h"
 #include "plugins/Exception.h"
 #include "support/Faults.h"
+#include "support/ForkedChild.h"
 #include "support/TestGraph.h"
 
 namespace lofter {
@@ -223,6 +226,24 @@ TEST(Executor, LetsAWorkerFinishItsNodeWhenItIsDestroyed) {
     destruction.get();
     EXPECT_EQ(graph["a"].State(), NodeState::Started);
     EXPECT_EQ(graph["b"].State(), NodeState::StartQueued);  // the queue is not drained
+}
+
+class ThrowingNode : public Node {
+  public:
+    ThrowingNode() : Node("throwing", kDefaultClass) {}
+    void Start() override { throw std::runtime_error("against the contract"); }
+    std::string DotAttributes() const override { return {}; }
+};
+
+TEST(Executor, EndsTheProcessWithANodeThatThrows) {
+    test::ForkedChild child([] {
+        ThrowingNode node;
+        Executor executor(1, false);
+        node.ScheduleStart(executor);
+        node.WaitStarted();
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), -SIGABRT);
 }
 
 TEST(Executor, SaysHowManyThreadsItCouldCreate) {
