@@ -73,43 +73,35 @@ std::int32_t Node::DependentDepth() {
     return Depth(&Node::dependentDepth, &Node::dependents);
 }
 
-// The longest chain of links that leads away from this node, by a walk in depth with its own stack. A link that closes
-// a cycle contributes nothing.
-std::int32_t Node::Depth(std::int32_t Node::*cache, Links Node::*links) {
-    struct Visit {
-        Node* node;
-        std::size_t nextLink;
-        std::int32_t deepest;
-    };
-
+// The longest chain of links that leads away from this node, by a walk in depth. A link that closes a cycle contributes
+// nothing.
+std::int32_t Node::Depth(std::int32_t Node::*cache, Links Node::*links) noexcept {
     GraphLock lock;
     if (this->*cache >= 0) {
         return this->*cache;
     }
-    std::vector<Visit> path;
-    const auto enter = [&](Node* node) {
+    const auto enter = [cache](Node* node, Node* from) {
         node->*cache = kBeingComputed;
-        path.push_back({node, 0, -1});
+        node->depthVisit = {from, 0, -1};
+        return node;
     };
 
-    enter(this);
-    while (!path.empty()) {
-        Visit& visit = path.back();
-        const Links& neighbours = visit.node->*links;
-        if (visit.nextLink < neighbours.size()) {
-            Node* neighbour = neighbours[visit.nextLink++];
+    for (Node* node = enter(this, nullptr); node != nullptr;) {
+        const Links& neighbours = node->*links;
+        if (node->depthVisit.nextLink < neighbours.size()) {
+            Node* neighbour = neighbours[node->depthVisit.nextLink++];
             if (neighbour->*cache == kNotComputed) {
-                enter(neighbour);
+                node = enter(neighbour, node);
             } else {
-                visit.deepest = std::max(visit.deepest, neighbour->*cache);
+                node->depthVisit.deepest = std::max(node->depthVisit.deepest, neighbour->*cache);
             }
             continue;
         }
-        const std::int32_t depth = std::max(visit.deepest, -1) + 1;
-        visit.node->*cache = depth;
-        path.pop_back();
-        if (!path.empty()) {
-            path.back().deepest = std::max(path.back().deepest, depth);
+        const std::int32_t depth = std::max(node->depthVisit.deepest, -1) + 1;
+        node->*cache = depth;
+        node = node->depthVisit.from;
+        if (node != nullptr) {
+            node->depthVisit.deepest = std::max(node->depthVisit.deepest, depth);
         }
     }
     return this->*cache;

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "graph/GraphLock.h"
+#include "graph/QueueSlot.h"
 
 namespace lofter {
 
@@ -118,7 +119,7 @@ class Node {
     void Queue(const Phase& phase, Executor& executor);
     void Finish(const Phase& phase, Executor& executor);
     void WaitFor(NodeState wanted);
-    std::int32_t Depth(std::int32_t Node::*cache, Links Node::*links);
+    std::int32_t Depth(std::int32_t Node::*cache, Links Node::*links) noexcept;
 
     std::string name;
     Links dependencies;
@@ -132,6 +133,15 @@ class Node {
     // How many leading prerequisites of the phase in progress are known to be satisfied. They stay so, which keeps the
     // total cost of all re-checks linear in the number of links.
     std::size_t satisfiedPrefix = 0;
+
+    // Where a walk that computes depths stands. It keeps its path in the nodes, so it needs no memory of its own.
+    struct DepthVisit {
+        Node* from;
+        std::size_t nextLink;
+        std::int32_t deepest;
+    };
+    DepthVisit depthVisit{};
+    QueueSlot queueSlot;
 
     friend class NodeStore;
 };

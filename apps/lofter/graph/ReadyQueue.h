@@ -3,7 +3,7 @@
 // The best node has the lowest schedule class, then the greatest depth (the longest chain of nodes that wait behind
 // it), then has waited longest. With randomization, any node that equals the best in class and depth may be taken. A
 // node is ranked when it becomes ready; nothing that ranks it changes afterwards. Adding and taking cost the logarithm
-// of the queue's length. Guarded by the graph lock.
+// of the queue's length, and neither needs memory. Guarded by the graph lock.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,7 @@
 #include <ext/pb_ds/tree_policy.hpp>
 
 #include "graph/Node.h"
+#include "graph/QueueSlot.h"
 
 namespace lofter {
 
@@ -33,8 +34,9 @@ class ReadyQueue {
   private:
     using Rank = std::tuple<std::uint32_t, std::int64_t, std::uint64_t>;  // class, negated depth, arrival
     using Ranking = __gnu_pbds::tree<Rank, Node*, std::less<>, __gnu_pbds::rb_tree_tag,
-                                     __gnu_pbds::tree_order_statistics_node_update>;
+                                     __gnu_pbds::tree_order_statistics_node_update, QueueSlotAllocator<char>>;
 
+    QueueSlot own;  // for the root of the tree
     Ranking nodes;
     std::uint64_t arrivals = 0;
 };

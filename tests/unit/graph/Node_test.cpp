@@ -326,6 +326,23 @@ TEST(Node, ThatFailsInConstructionIsNowhereLinkedHoweverLittleMemoryThereIs) {
     }
 }
 
+TEST(Node, QueuesThoseBehindItAlsoWithoutMemory) {
+    Executor executor(0, false);
+    PlainNode first("first");
+    PlainNode second("second");
+    PlainNode third("third");
+    second.AddDependency(first);
+    third.AddDependency(second);
+    third.ScheduleStart(executor);
+    {
+        const test::FailingCall failing(test::Call::OperatorNew, 0);
+        first.RunQueued(executor);
+        second.RunQueued(executor);
+    }
+    EXPECT_EQ(third.State(), NodeState::StartQueued);
+    third.RunQueued(executor);
+}
+
 TEST(Node, SaysSoWhenItsConditionVariableIsRefused) {
     const test::FailingCall failing(test::Call::PthreadCondInit, 0);
     try {
