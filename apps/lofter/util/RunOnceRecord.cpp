@@ -69,13 +69,13 @@ std::string Decompress(const std::string& compressed) {
     return text;
 }
 
+// Without a stream around the filter, which would write to a missing sink if memory ran out while it is put together.
 std::string Compress(const std::string& text) {
     std::string compressed;
-    io::filtering_ostreambuf output;
-    output.push(io::gzip_compressor(io::gzip_params(), kBufferSize));
-    output.push(io::back_inserter(compressed));
-    output.sputn(text.data(), static_cast<std::streamsize>(text.size()));
-    output.reset();  // finishes the gzip stream
+    io::gzip_compressor filter(io::gzip_params(), kBufferSize);
+    auto sink = io::back_inserter(compressed);
+    filter.write(sink, text.data(), static_cast<std::streamsize>(text.size()));
+    filter.close(sink, std::ios_base::out);  // finishes the gzip stream
     return compressed;
 }
 

@@ -10,6 +10,7 @@
 #include <zlib.h>
 
 #include "support/ChildOutcome.h"
+#include "support/Faults.h"
 #include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
 
@@ -200,6 +201,34 @@ TEST_F(RunOnceRecord, ThatIsCutShortByAFullDiskSaysSo) {
     });
     EXPECT_EQ(outcome, "unable to write '" + path + "': File too large");
     EXPECT_THROW(ReadBytes(folder.Read("record")), std::exception);
+}
+
+TEST_F(RunOnceRecord, IsWrittenOrReadWholeOrNotAtAllWhenMemoryIsShort) {
+    const Names names{"a", "bb", "ccc"};
+    WriteRunOnceRecord(path, names);
+    const std::string written = folder.Read("record");
+    const auto fails = [](int allocations, const auto& action) {
+        const test::FailingCall failing(test::Call::OperatorNew, allocations, 1);
+        try {
+            action();
+            return false;
+        } catch (const std::exception&) {
+            return true;
+        }
+    };
+
+    Names read;
+    int allocations = 0;
+    while (fails(allocations, [&] { WriteRunOnceRecord(path, names); })) {
+        EXPECT_EQ(folder.Read("record"), written) << allocations;
+        ASSERT_LT(++allocations, 1000);
+    }
+    EXPECT_GT(allocations, 2);
+    for (allocations = 0; fails(allocations, [&] { ReadRunOnceRecord(path, read); }); ++allocations) {
+        ASSERT_LT(allocations, 1000);
+        read.clear();
+    }
+    EXPECT_EQ(read, names);
 }
 
 TEST_F(RunOnceRecord, ThatDoesNotReachTheDiskSaysSo) {
