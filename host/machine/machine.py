@@ -2,6 +2,7 @@
 
 Used by `./dev vm` and by the machine's tests.
 """
+import contextlib
 import json
 import os
 import pathlib
@@ -29,9 +30,11 @@ def MakeDisk(path, label, megabytes):
     unfinished.rename(path)
 
 
-def FreePort():
-    with socket.create_server(("127.0.0.1", 0)) as server:
-        return server.getsockname()[1]
+def FreePorts(count):
+    """Different ones: each is held until all are found."""
+    with contextlib.ExitStack() as held:
+        servers = [held.enter_context(socket.create_server(("127.0.0.1", 0))) for _ in range(count)]
+        return [server.getsockname()[1] for server in servers]
 
 
 def Quoted(value):
@@ -50,7 +53,7 @@ class Machine:
     this object, unless the caller's terminal is to be its other end."""
 
     def __init__(self, image, disks, settings=(), consoles=("ttyAMA0",), firmware=None, watch=None, terminal=False):
-        self.ports = {name: FreePort() for name in SERVICES}
+        self.ports = dict(zip(SERVICES, FreePorts(len(SERVICES))))
         self.text = ""
         self.pending = b""
         self.watch = watch
