@@ -5,6 +5,7 @@ A request is a line on standard input, the answer one on standard output, both i
 is given every orphan: it sees how each of them ended, and which are still there when the run should be over.
 """
 import contextlib
+import fcntl
 import importlib.machinery
 import importlib.util
 import json
@@ -33,6 +34,7 @@ class Room:
     def __init__(self, root):
         self.root = root
         self.output = os.memfd_create("output")
+        fcntl.fcntl(self.output, fcntl.F_SETFL, os.O_APPEND)  # otherwise processes that write at once overwrite each other
         self.syslog = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         os.chdir(f"{root}/dev")  # a socket's name is short
         with contextlib.suppress(FileNotFoundError):
@@ -46,7 +48,6 @@ class Room:
 
     def Run(self, arguments, seconds):
         os.ftruncate(self.output, 0)
-        os.lseek(self.output, 0, os.SEEK_SET)
         self.records = []
         self.deaths = []
         deadline = time.monotonic() + seconds
