@@ -23,9 +23,9 @@ DaemonPlugin::DaemonPlugin(const std::string& pluginName, std::uint32_t startPri
 
 void DaemonPlugin::Start() {
     KrxCtl::System::KernelProgressScreenImpl progress;
-    progress.ProgressText("Starting service " + Name());
+    Contain([&] { progress.ProgressText("Starting service " + Name()); });
     Plugin::Start();
-    progress.Step();
+    Contain([&] { progress.Step(); });
 }
 
 void DaemonPlugin::Stop() {
