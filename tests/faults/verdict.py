@@ -10,7 +10,7 @@ GIVEN_UP = ("Failed to start executor", "unhandled exception whilst enumerating 
             "unable to complete the run", "unable to run", "Failed to initialize lofter")
 # These cost the plugins of one kind, whose common means they are: the executor, the list of daemons.
 COMMON_MEANS = ("Failed setting up Poll Loop", "Unable to start executor", "unable to add external directory",
-                "unable to read its output", "no exit status")
+                "unable to read its output", "unable to read all init.d scripts", "no exit status")
 # Stopping the executor is one attempt, and one that fails leaves it running; likewise one that was started although its
 # start looked like a failure.
 EXECUTOR_LEFT = ("Executor already gone.", "Failed sending STOP to executor", "Failed to read message from socket",

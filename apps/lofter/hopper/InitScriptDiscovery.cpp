@@ -119,6 +119,9 @@ std::vector<InitScript> ReadInitScripts(std::istream& output) {
                       Quotable(line).c_str());
         }
     }
+    if (output.bad()) {  // as a rule short of memory, which a stream says in no other way
+        Log_Level(kWarning, "unable to read all init.d scripts and their priorities\n");
+    }
     return scripts;
 }
 

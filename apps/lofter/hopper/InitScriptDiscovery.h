@@ -19,7 +19,8 @@ struct InitScript {
     std::int32_t priority;
 };
 
-// Reads the tool's output to its end. A line that does not fit is skipped with a warning that quotes it.
+// Reads the tool's output to its end. A line that does not fit is skipped with a warning that quotes it. When reading
+// fails, what was read counts, and a warning says so: "unable to read all init.d scripts and their priorities\n".
 std::vector<InitScript> ReadInitScripts(std::istream& output);
 
 // Runs a shell command that prints such a list and reads it. A command that fails is reported with a warning and what

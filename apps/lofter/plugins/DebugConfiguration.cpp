@@ -57,6 +57,9 @@ std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
             Log_Level(kWarning, "ignoring malformed debug entry at line %d: %s (%s)\n", number, line.c_str(), e.what());
         }
     }
+    if (input.bad()) {
+        Log_Level(kWarning, "unable to read all debug entries\n");
+    }
     return entries;
 }
 

@@ -20,7 +20,8 @@ struct DebugEntry {
 
 // The valid entries, in file order. A line that has another number of fields is logged as
 // "ignoring malformed debug entry at line <n>: <line>\n", one that misuses the backslash as
-// "ignoring malformed debug entry at line <n>: <line> (<reason>)\n"; each costs only itself.
+// "ignoring malformed debug entry at line <n>: <line> (<reason>)\n"; each costs only itself. When reading fails,
+// what was read counts, and the log has "unable to read all debug entries\n".
 std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input);
 
 // The same for a file. One that cannot be opened or read, or is no regular file, has no entries.

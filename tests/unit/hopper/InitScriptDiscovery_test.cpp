@@ -17,6 +17,7 @@
 #include "graph/NodeStore.h"
 #include "hopper/LegacyDaemonPlugin.h"
 #include "plugins/Exception.h"
+#include "support/BreakingStream.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
@@ -42,6 +43,13 @@ std::string Read(const std::string& output) {
 
 std::string Skipped(const std::string& line) {
     return "Skipping a line that is not an init.d script and its priority: '" + line + "'";
+}
+
+TEST(InitScriptList, KeepsTheScriptsInFrontOfAFailureAndSaysSo) {
+    const test::LogCapture log;
+    test::BreakingStream stream("/etc/init.d/sshd 10\n/etc/init.d/crond 2");
+    EXPECT_EQ(Text(ReadInitScripts(stream)), "/etc/init.d/sshd:10");
+    EXPECT_EQ(log.Lines(), Lines{"unable to read all init.d scripts and their priorities"});
 }
 
 TEST(InitScriptList, NamesAPathAndAPriorityOnEachLine) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/BreakingStream.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 
@@ -150,6 +151,12 @@ TEST_F(DebugConfiguration, SurvivesNulBytesAndALineOfTenMegabytes) {
     const std::string longText(10UL << 20U, 'x');
     EXPECT_EQ(Parse(longText + "\nok:::" + longText.substr(0, 100'000)).size(), 1U);
     EXPECT_EQ(log.Lines(), Names{"ignoring malformed debug entry at line 1: " + longText});
+}
+
+TEST_F(DebugConfiguration, KeepsTheEntriesInFrontOfAFailureAndSaysSo) {
+    test::BreakingStream stream("a:::true\nb:::true\nc::");
+    EXPECT_EQ(ParseDebugConfiguration(stream).size(), 2U);
+    EXPECT_EQ(log.Lines(115), std::vector<std::string>{"unable to read all debug entries"});
 }
 
 TEST_F(DebugConfiguration, FromAFileThatCannotBeReadIsEmptyWithoutAMessage) {
