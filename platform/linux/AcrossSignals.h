@@ -4,7 +4,13 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
 #include <system_error>
+#include <vector>
+
+#include <dirent.h>
 
 namespace platform {
 
@@ -17,17 +23,28 @@ auto AcrossSignals(Call call) {
     return result;
 }
 
-// The same for a directory; throws filesystem_error when it cannot be read.
-inline std::filesystem::directory_iterator OpenDirectoryAcrossSignals(const std::filesystem::path& path) {
-    std::error_code failure;
-    std::filesystem::directory_iterator directory;
+// The names in a directory but "." and "..", in the directory's order. Throws filesystem_error when it cannot be read.
+inline std::vector<std::string> FileNamesAcrossSignals(const std::string& path) {
+    struct Close {
+        void operator()(DIR* directory) const { ::closedir(directory); }
+    };
+    std::unique_ptr<DIR, Close> directory;
     do {
-        directory = std::filesystem::directory_iterator(path, failure);
-    } while (failure == std::errc::interrupted);
-    if (failure) {
-        throw std::filesystem::filesystem_error("directory iterator cannot open directory", path, failure);
+        errno = 0;
+        directory.reset(::opendir(path.c_str()));
+    } while (directory == nullptr && errno == EINTR);
+    std::vector<std::string> names;
+    for (dirent* entry = nullptr; directory != nullptr && (entry = ::readdir(directory.get())) != nullptr; errno = 0) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.emplace_back(name);
+        }
     }
-    return directory;
+    if (errno != 0) {
+        throw std::filesystem::filesystem_error("directory iterator cannot open directory", path,
+                                                std::error_code(errno, std::generic_category()));
+    }
+    return names;
 }
 
 }  // namespace platform

@@ -137,12 +137,6 @@ def PluginComplaints(outcome, usual):
         yield f"what did not happen: {missing}"
 
 
-# Where a process ends when memory runs out, because what it calls does not survive that: the standard library's walk
-# through a directory and the JSON library's destructor, which are noexcept and allocate, and the library that reads the
-# product's name, which aborts.
-# Before main nobody is there to take an exception.
-FATAL_PLACES = ("lofter::Discovery::DiscoverAll()", "AutoCli::Dispatcher::AddExternalDirectory(", "nlohmann::",
-                "(anonymous namespace)::OsRelease(")
 BEFORE_THE_LOG = ("lofter::InitializeLogging(", "lofter::Settings::Instance(")
 
 
@@ -152,11 +146,13 @@ def IsUnavoidable(process, outcome, locations):
     The locations are those of the program's own functions, the innermost first."""
     if outcome.status == 1 and any(place.startswith(BEFORE_THE_LOG) for place in locations):
         return True  # and nobody to tell
-    if -outcome.status not in (signal.SIGABRT, signal.SIGTRAP) and not set(outcome.deaths) <= {signal.SIGABRT, signal.SIGTRAP}:
+    if outcome.status != -signal.SIGABRT and not set(outcome.deaths) <= {signal.SIGABRT}:
         return False
+    # Nobody is there yet to take an exception.
     beforeMain = process == 0 and all(place == "_start" or place.startswith("_GLOBAL__") for place in locations[-2:])
+    # The JSON library's destructor is noexcept and allocates.
     own = [place for place in locations if not place.startswith("std::")]
-    return beforeMain or (own != [] and own[0].startswith(FATAL_PLACES) and ("nlohmann" not in own[0] or "::destroy(" in own[0]))
+    return beforeMain or (own != [] and own[0].startswith("nlohmann::") and "::destroy(" in own[0])
 
 
 def StormComplaints(outcome, usual):

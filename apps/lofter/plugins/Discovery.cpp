@@ -55,8 +55,8 @@ Discovery::Discovery(DiscoveryInput discoveryInput, std::set<std::string>& runOn
 
 void Discovery::DiscoverAll() {
     const std::vector<DebugEntry> debugEntries = ReadDebugConfiguration(input.debugConfiguration);
-    for (const auto& entry : OpenDirectoryAcrossSignals(input.pluginDirectory)) {
-        ProcessFile(entry.path().filename().string());
+    for (const std::string& fileName : FileNamesAcrossSignals(input.pluginDirectory)) {
+        ProcessFile(fileName);
     }
     AppendDebugPlugins(debugEntries);
 }

@@ -54,9 +54,10 @@ Dispatcher::~Dispatcher() {
 
 void Dispatcher::AddExternalDirectory(const std::string& directory) {
     std::map<std::vector<std::string>, std::string> found;
-    for (const auto& entry : platform::OpenDirectoryAcrossSignals(directory)) {
-        if (IsCommand(entry.path())) {
-            found.emplace(SplitAtDots(entry.path().filename()), entry.path());
+    for (const std::string& name : platform::FileNamesAcrossSignals(directory)) {
+        const std::filesystem::path file = std::filesystem::path(directory) / name;
+        if (IsCommand(file)) {
+            found.emplace(SplitAtDots(name), file);
         }
     }
     files.merge(found);

@@ -1,27 +1,39 @@
 #include "tslibs/productState.h"
 
-#include <memory>
+#include <cerrno>
+#include <fstream>
 #include <string>
 
-#include <glib.h>
+#include "tslibs/OsRelease.h"
 
 namespace {
 
-// A field of /etc/os-release, or of /usr/lib/os-release where that is missing; empty when neither has it.
-std::string OsRelease(const char* field) {
-    const std::unique_ptr<char, decltype(&g_free)> value(g_get_os_info(field), &g_free);
-    return value ? value.get() : "";
+bool IsOpened(std::ifstream& file, const char* path) {
+    do {
+        errno = 0;
+        file.open(path);
+    } while (!file.is_open() && errno == EINTR);
+    return file.is_open();
+}
+
+// A field of /etc/os-release, or of /usr/lib/os-release where that is missing; empty when there is none.
+std::string OsRelease(const std::string& field) {
+    std::ifstream file;
+    if (IsOpened(file, "/etc/os-release") || IsOpened(file, "/usr/lib/os-release")) {
+        return platform::OsReleaseField(file, field);
+    }
+    return {};
 }
 
 }  // namespace
 
 const char* ProductState_GetName() {
-    static const std::string& name = *new std::string(OsRelease(G_OS_INFO_KEY_NAME));
+    static const std::string& name = *new std::string(OsRelease("NAME"));
     return name.c_str();
 }
 
 const char* ProductState_GetVersion() {
-    static const std::string& version = *new std::string(OsRelease(G_OS_INFO_KEY_VERSION_ID));
+    static const std::string& version = *new std::string(OsRelease("VERSION_ID"));
     return version.c_str();
 }
 
