@@ -4,14 +4,13 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 
 #include <boost/algorithm/string/trim.hpp>
-#include <boost/iostreams/device/array.hpp>
 #include <boost/iostreams/device/back_inserter.hpp>
 #include <boost/iostreams/filter/gzip.hpp>
-#include <boost/iostreams/filtering_streambuf.hpp>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,21 +45,23 @@ std::string FileContent(const std::string& path) {
     return content;
 }
 
+// The filters are used by themselves. A stream around them reads from, or writes to, a device that it does not have yet
+// when memory runs out while it is put together.
+
 // The text behind the prefix; empty when the record begins with another text.
 std::string Decompress(const std::string& compressed) {
-    io::filtering_istreambuf input;
-    input.push(io::gzip_decompressor(io::zlib::default_window_bits, kBufferSize), kBufferSize);
-    input.push(io::array_source(compressed.data(), compressed.size()));
+    std::stringbuf source(compressed, std::ios_base::in);
+    io::gzip_decompressor filter(io::zlib::default_window_bits, kBufferSize);
 
     std::string text(kPrefix.size(), '\0');
-    if (input.sgetn(text.data(), static_cast<std::streamsize>(text.size())) !=
+    if (filter.read(source, text.data(), static_cast<std::streamsize>(text.size())) !=
             static_cast<std::streamsize>(text.size()) ||
         text != kPrefix) {
         return {};
     }
     text.clear();
     char buffer[kBufferSize];
-    for (std::streamsize count = 0; (count = input.sgetn(buffer, sizeof buffer)) > 0;) {
+    for (std::streamsize count = 0; (count = filter.read(source, buffer, sizeof buffer)) > 0;) {
         text.append(buffer, static_cast<std::size_t>(count));
         if (text.size() > kLongestRecord) {
             throw std::runtime_error("run-once record is too large");
@@ -69,7 +70,6 @@ std::string Decompress(const std::string& compressed) {
     return text;
 }
 
-// Without a stream around the filter, which would write to a missing sink if memory ran out while it is put together.
 std::string Compress(const std::string& text) {
     std::string compressed;
     io::gzip_compressor filter(io::gzip_params(), kBufferSize);
