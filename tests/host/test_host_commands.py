@@ -228,10 +228,14 @@ def test_the_executor_keeps_its_directory_and_commands_have_no_descriptors_but_t
 
 # Commands that misbehave.
 
-def NoteOnceTheExecutorIsGone(host, barrier):
-    """Another plugin's command, after the barrier and the executor in /tmp/executor: a dying one may still take a connection."""
+def AwaitTheExecutorsEnd(host, barrier):
+    """A plugin between the barrier and the barrier "gone". The executor is in /tmp/executor; a dying one may still take a connection."""
     host.WriteScript("/usr/bin/await-end", "while [ -d /proc/$(cat /tmp/executor) ]; do :; done")
     host.DebugConfiguration(f"waiter:{barrier}:gone:await-end")
+
+
+def NoteOnceTheExecutorIsGone(host, barrier):
+    AwaitTheExecutorsEnd(host, barrier)
     host.Plugin("late.json", Document(["note --text=after"], requires=["gone"]))
 
 
@@ -401,6 +405,8 @@ def test_a_client_that_sends_one_byte_at_a_time_is_heard_once(commands):
 
 @pytest.mark.parametrize("word", [b"stop", b"STOP", b"Stop", b"sToP", b"stopwatch start --now"])
 def test_stop_in_any_case_and_as_a_prefix_ends_the_executor(commands, word):
+    commands.WriteScript(f"{COMMANDS}/hold", "echo $PPID >/tmp/executor; echo holding >>/tmp/notes; read line </tmp/go")
+    AwaitTheExecutorsEnd(commands, "held")
     held = Held(commands)
     connection = held.Send(word)
     held.Release()
