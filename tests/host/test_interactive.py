@@ -146,6 +146,7 @@ def test_the_walk_goes_on_after_a_shell_however_it_ends(host, end):
     boot.Answer("a", "t")
     boot.terminal.Type("test ! -e /tmp/ran && echo in the she''ll\n")
     boot.Expect("in the shell\r\n")
+    boot.Expect("/ # ")  # from here on it takes Ctrl-D; the terminal, which did until then, would lose it
     boot.terminal.Type(end)
     boot.Expect(ERASE)
     boot.Answer("b", "e")
