@@ -34,7 +34,12 @@ inline std::vector<std::string> FileNamesAcrossSignals(const std::string& path) 
         directory.reset(::opendir(path.c_str()));
     } while (directory == nullptr && errno == EINTR);
     std::vector<std::string> names;
-    for (dirent* entry = nullptr; directory != nullptr && (entry = ::readdir(directory.get())) != nullptr; errno = 0) {
+    while (directory != nullptr) {
+        errno = 0;  // also what succeeds may leave something there, and only this tells the end from a failure
+        const dirent* const entry = ::readdir(directory.get());
+        if (entry == nullptr) {
+            break;
+        }
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..") {
             names.emplace_back(name);

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <new>
 
+#include <dirent.h>
 #include <pthread.h>
 
 namespace lofter::test {
@@ -51,9 +52,11 @@ extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*);
 int __real_system(const char*);
+DIR* __real_opendir(const char*);
 int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*);
 int __wrap_system(const char*);
+DIR* __wrap_opendir(const char*);
 void* __real__Znwm(std::size_t);  // operator new
 void* __wrap__Znwm(std::size_t);
 
@@ -78,6 +81,14 @@ int __wrap_system(const char* command) {
         return -1;
     }
     return __real_system(command);
+}
+
+DIR* __wrap_opendir(const char* path) {
+    DIR* const directory = __real_opendir(path);
+    if (directory != nullptr) {
+        errno = ENOTTY;
+    }
+    return directory;
 }
 
 void* __wrap__Znwm(std::size_t size) {

@@ -1,0 +1,55 @@
+#include "util/AcrossSignals.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "support/ChildOutcome.h"
+#include "support/TemporaryDirectory.h"
+
+namespace lofter {
+namespace {
+
+TEST(FileNames, AreThoseOfEveryKindOfEntryButTheDots) {
+    const test::TemporaryDirectory folder;
+    folder.Write("file", "");
+    folder.Write(".hidden", "");
+    folder.Write("folder/inside", "");
+    std::filesystem::create_symlink("nowhere", folder / "link");
+    const std::vector<std::string> names = FileNamesAcrossSignals(folder.Path());
+    EXPECT_EQ(std::multiset<std::string>(names.begin(), names.end()),
+              (std::multiset<std::string>{".hidden", "file", "folder", "link"}));
+}
+
+// Such a directory has no entry at all, not even itself.
+TEST(FileNames, AreNoneInADirectoryThatWasRemoved) {
+    EXPECT_EQ(test::InForkedChild([] {
+                  {
+                      const test::TemporaryDirectory folder;
+                      std::filesystem::current_path(folder.Path());
+                  }
+                  return std::to_string(FileNamesAcrossSignals(".").size());
+              }),
+              "0");
+}
+
+TEST(FileNames, OfWhatIsNoDirectoryAreRefusedWithTheReason) {
+    const test::TemporaryDirectory folder;
+    for (const auto& [path, error] :
+         {std::pair(folder.Write("file", ""), ENOTDIR), std::pair(folder / "missing", ENOENT)}) {
+        try {
+            FileNamesAcrossSignals(path);
+            ADD_FAILURE() << path;
+        } catch (const std::filesystem::filesystem_error& e) {
+            EXPECT_EQ(e.what(), "filesystem error: directory iterator cannot open directory: " +
+                                    std::string(std::strerror(error)) + " [" + path + "]");
+        }
+    }
+}
+
+}  // namespace
+}  // namespace lofter
