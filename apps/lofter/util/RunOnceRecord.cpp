@@ -54,9 +54,15 @@ std::string Decompress(const std::string& compressed) {
     io::gzip_decompressor filter(io::zlib::default_window_bits, kBufferSize);
 
     std::string text(kPrefix.size(), '\0');
-    if (filter.read(source, text.data(), static_cast<std::streamsize>(text.size())) !=
-            static_cast<std::streamsize>(text.size()) ||
-        text != kPrefix) {
+    for (std::size_t length = 0; length < text.size();) {  // a read ends with each member of the gzip stream
+        const std::streamsize count =
+            filter.read(source, text.data() + length, static_cast<std::streamsize>(text.size() - length));
+        if (count <= 0) {
+            return {};
+        }
+        length += static_cast<std::size_t>(count);
+    }
+    if (text != kPrefix) {
         return {};
     }
     text.clear();

@@ -156,6 +156,14 @@ TEST_F(RunOnceRecord, WithADamagedByteIsReadAsItWasOrNotAtAll) {
     }
 }
 
+TEST_F(RunOnceRecord, OfSeveralGzipMembersReadsAsOneText) {
+    const std::string text = "lofter.run-once=alpha1.0,beta2.0,\n";
+    for (std::size_t length = 0; length <= text.size(); ++length) {
+        EXPECT_EQ(ReadBytes(Gzip(text.substr(0, length)) + Gzip(text.substr(length))), (Names{"alpha1.0", "beta2.0"}))
+            << length;
+    }
+}
+
 TEST_F(RunOnceRecord, ThatIsNoGzipDataIsRefused) {
     for (const std::string& text :
          {std::string("lofter.run-once=a,b,\n"), std::string("x"), std::string(3, '\0'), std::string(10'000, '\xff')}) {
