@@ -146,7 +146,8 @@ def IsUnavoidable(process, outcome, locations):
     The locations are those of the program's own functions, the innermost first."""
     if outcome.status == 1 and any(place.startswith(BEFORE_THE_LOG) for place in locations):
         return True  # and nobody to tell
-    if outcome.status != -signal.SIGABRT and not set(outcome.deaths) <= {signal.SIGABRT}:
+    deaths = {*outcome.deaths, *([outcome.run.killedBy] if outcome.run.killedBy else [])}
+    if outcome.status != -signal.SIGABRT and (outcome.status not in (0, 1) or deaths != {signal.SIGABRT}):
         return False
     # Nobody is there yet to take an exception.
     beforeMain = process == 0 and all(place == "_start" or place.startswith("_GLOBAL__") for place in locations[-2:])
