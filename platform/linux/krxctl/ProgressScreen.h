@@ -5,7 +5,7 @@
 // nothing to show it is erased, and nothing is written until it has something again. Where the console is no terminal,
 // each text that is not empty becomes a log line instead; so does the rest once the console fails. A console that takes
 // no output, for instance because it was stopped, misses redraws and holds up nobody. Any thread may call it; nothing
-// throws.
+// throws but for want of memory.
 #pragma once
 
 #include <mutex>
