@@ -19,8 +19,8 @@
 #include "executor/QorcliDispatcher.h"
 #include "executor/QorcliExecutor.h"
 #include "plugins/Exception.h"
-#include "util/ChildProcess.h"
-#include "util/Descriptor.h"
+#include "posix/ChildProcess.h"
+#include "posix/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -71,7 +71,7 @@ class RunningExecutor {
 class BareServer {
   public:
     BareServer() : address(directory.path / "socket") {
-        Descriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        posix::Descriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         if (::bind(listening.Get(), address.Get(), ControlSocketAddress::Length()) != 0 ||
             ::listen(listening.Get(), 16) != 0) {
             throw std::runtime_error("no socket in " + directory.path.string());
@@ -84,13 +84,13 @@ class BareServer {
     ~BareServer() {
         ::kill(process, SIGKILL);
         int status = 0;
-        WaitForChild(process, status);
+        posix::WaitForChild(process, status);
     }
     BareServer(const BareServer&) = delete;
     BareServer& operator=(const BareServer&) = delete;
 
     bool RoundTrip() const {
-        const Descriptor connection(::socket(AF_UNIX, SOCK_STREAM, 0));
+        const posix::Descriptor connection(::socket(AF_UNIX, SOCK_STREAM, 0));
         std::int32_t status = 0;
         return ::connect(connection.Get(), address.Get(), ControlSocketAddress::Length()) == 0 &&
                ::send(connection.Get(), "-", 1, 0) == 1 &&
@@ -98,15 +98,15 @@ class BareServer {
     }
 
   private:
-    [[noreturn]] static void Serve(const Descriptor& listening) {
-        const Descriptor loop(::epoll_create1(EPOLL_CLOEXEC));
+    [[noreturn]] static void Serve(const posix::Descriptor& listening) {
+        const posix::Descriptor loop(::epoll_create1(EPOLL_CLOEXEC));
         epoll_event pending{};
         pending.events = EPOLLIN;
         if (::epoll_ctl(loop.Get(), EPOLL_CTL_ADD, listening.Get(), &pending) != 0) {
             ::_exit(1);
         }
         while (::epoll_wait(loop.Get(), &pending, 1, -1) == 1) {
-            const Descriptor connection(::accept4(listening.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+            const posix::Descriptor connection(::accept4(listening.Get(), nullptr, nullptr, SOCK_CLOEXEC));
             std::array<char, 1024> message;
             const std::int32_t status = 1;
             if (::recv(connection.Get(), message.data(), message.size(), 0) > 0 &&
@@ -153,7 +153,7 @@ void BareSpawn(benchmark::State& state) {
         pid_t child = 0;
         int status = -1;
         if (::posix_spawn(&child, kProgram, nullptr, nullptr, arguments.data(), environ) != 0 ||
-            !WaitForChild(child, status) || status != 0) {
+            !posix::WaitForChild(child, status) || status != 0) {
             state.SkipWithError("it failed");
             break;
         }

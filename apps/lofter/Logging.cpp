@@ -9,17 +9,17 @@
 
 #include "Paths.h"
 #include "plugins/Exception.h"
+#include "posix/AcrossSignals.h"
+#include "posix/Descriptor.h"
 #include "tslibs/dictionary.h"
 #include "tslibs/productState.h"
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 
 namespace {
 
 // A file that was opened while a standard stream was closed has become that stream.
-void KeepStandardStream(Descriptor& opened) {
+void KeepStandardStream(posix::Descriptor& opened) {
     if (opened.Get() <= STDERR_FILENO) {
         static_cast<void>(opened.Release());
     }
@@ -56,7 +56,7 @@ void InitializeLogging(const std::string& identifier) {
 }
 
 void RedirectStandardStreams(const std::string& logPath) {
-    Descriptor null(AcrossSignals([] { return open(paths::kNull, O_RDWR); }));
+    posix::Descriptor null(posix::AcrossSignals([] { return open(paths::kNull, O_RDWR); }));
     if (!null) {
         Warning("Failed opening /dev/null");
     } else if (dup2(null.Get(), STDIN_FILENO) != STDIN_FILENO) {
@@ -65,8 +65,8 @@ void RedirectStandardStreams(const std::string& logPath) {
     KeepStandardStream(null);
 
     constexpr mode_t kLogMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
-    Descriptor log(
-        AcrossSignals([&] { return open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY, kLogMode); }));
+    posix::Descriptor log(posix::AcrossSignals(
+        [&] { return open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY, kLogMode); }));
     if (!log) {
         Warning("Failed opening log file %s", logPath.c_str());
         return;

@@ -8,14 +8,14 @@
 #include <unistd.h>
 
 #include "Logging.h"
-#include "util/ChildProcess.h"
+#include "posix/ChildProcess.h"
 
 namespace lofter {
 
 namespace {
 
 [[noreturn]] void RunInChild(const char* const arguments[], char* const environment[], const char* logPath) {
-    CloseDescriptorsFrom(STDERR_FILENO + 1);
+    posix::CloseDescriptorsFrom(STDERR_FILENO + 1);
     RedirectStandardStreams(logPath);
     execve(arguments[0], const_cast<char* const*>(arguments), environment);
     Log_Level(kError, "execve(%s) failure: %s\n", arguments[0], std::strerror(errno));
@@ -33,7 +33,7 @@ bool LaunchProgram(const char* const arguments[], char* const environment[], con
         RunInChild(arguments, environment, logPath);
     }
     int status = 0;
-    return WaitForChild(child, status) && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return posix::WaitForChild(child, status) && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }  // namespace lofter

@@ -29,8 +29,7 @@
 #include "hostkernel/hostkernel.h"
 #include "krxctl/KernelProgressScreenImpl.h"
 #include "plugins/Exception.h"
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
+#include "posix/File.h"
 #include "util/RunOnceRecord.h"
 
 namespace lofter {
@@ -218,8 +217,7 @@ void RunSequence::Dump() {
     }
     // Not by a file stream: the run leads a session by now, and a terminal must not become its controlling one.
     constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;  // less the umask
-    const Descriptor file(AcrossSignals(
-        [&] { return open(options.dumpPath->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kMode); }));
+    const posix::Descriptor file = posix::OpenFile(*options.dumpPath, O_WRONLY | O_CREAT | O_TRUNC, kMode);
     if (!file) {
         exitStatus = EXIT_FAILURE;
         return;

@@ -13,7 +13,7 @@
 
 #include "Logging.h"
 #include "Paths.h"
-#include "util/AcrossSignals.h"
+#include "posix/AcrossSignals.h"
 
 namespace lofter {
 
@@ -31,7 +31,7 @@ void UpgradeConfiguration() {
 
 void SignalDaemon() {
     std::ifstream file;
-    OpenAcrossSignals(file, paths::kSyslogPidFile, std::ios::in);
+    posix::OpenAcrossSignals(file, paths::kSyslogPidFile, std::ios::in);
     if (!file) {
         // Names the kernel-side daemon on purpose, although the file is the user-level one's.
         Log_Level(kWarning, "unable to open krxsyslogd pid file.\n");

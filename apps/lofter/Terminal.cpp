@@ -11,8 +11,8 @@
 #include <unistd.h>
 
 #include "Logging.h"
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
+#include "posix/AcrossSignals.h"
+#include "posix/Descriptor.h"
 
 namespace lofter {
 
@@ -100,8 +100,8 @@ void TerminalStream::Restore() const {
 void TerminalStream::Reopen() const {
     // Without waiting for a carrier: the line that has just been hung up may not have one at once.
     const int access = statusFlags & O_ACCMODE;
-    const Descriptor again(
-        AcrossSignals([&] { return ::open(device.c_str(), access | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }));
+    const posix::Descriptor again(
+        posix::AcrossSignals([&] { return ::open(device.c_str(), access | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }));
     if (!again || ::fcntl(again.Get(), F_SETFL, statusFlags) == -1 || ::dup2(again.Get(), descriptor) == -1) {
         Log_Level(kError, "unable to open terminal '%s' again: %s\n", device.c_str(), std::strerror(errno));
     }

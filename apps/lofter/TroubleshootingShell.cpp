@@ -10,7 +10,7 @@
 
 #include "Logging.h"
 #include "Terminal.h"
-#include "util/ChildProcess.h"
+#include "posix/ChildProcess.h"
 
 namespace lofter {
 
@@ -35,7 +35,7 @@ void ResetSignals() {
         Log_Level(kError, "unable to create new session: %s\n", ::strerrordesc_np(errno));
         ::_exit(1);
     }
-    CloseDescriptorsFrom(STDERR_FILENO + 1);
+    posix::CloseDescriptorsFrom(STDERR_FILENO + 1);
     ::ioctl(STDIN_FILENO, TIOCSCTTY, 1);  // 1: even from another session
     ResetSignals();
     ::execv(program, arguments);
@@ -59,7 +59,7 @@ void RunTroubleshootingShell(const char* program) {
         BecomeShell(program, arguments.data());
     }
     int ignoredStatus = 0;  // however the shell ended, the boot goes on
-    WaitForChild(child, ignoredStatus);
+    posix::WaitForChild(child, ignoredStatus);
     for (const TerminalStream& stream : streams) {
         stream.Restore();
     }

@@ -1,16 +1,14 @@
 #include "VirtualConsole.h"
 
-#include <fcntl.h>
 #include <linux/vt.h>
 #include <sys/ioctl.h>
 
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
+#include "posix/File.h"
 
 namespace lofter {
 
 void SwitchConsole(int terminal, const char* console) {
-    const Descriptor device(AcrossSignals([&] { return ::open(console, O_RDWR | O_NOCTTY | O_CLOEXEC); }));
+    const posix::Descriptor device = posix::OpenFile(console, O_RDWR);
     if (!device) {
         return;
     }

@@ -4,7 +4,7 @@ import re
 
 from sources import REPOSITORY, Tracked
 
-FOLDERS = ("apps", "platform", "sdk", "host", "tests", "bench")
+FOLDERS = ("apps", "platform", "posix", "sdk", "host", "tests", "bench")
 
 
 def Expand(name):

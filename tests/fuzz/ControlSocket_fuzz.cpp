@@ -19,9 +19,9 @@
 #include "Paths.h"
 #include "autocli/autocli.h"
 #include "executor/QorcliExecutor.h"
+#include "posix/Descriptor.h"
 #include "support/Bytes.h"
 #include "support/Require.h"
-#include "util/Descriptor.h"
 
 namespace lofter::fuzz {
 namespace {
@@ -38,8 +38,8 @@ class Listener {
         Require(::getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &length) == 0, "and tells it");
         Require(::listen(socket.Get(), 16) == 0, "a socket can listen");
     }
-    Descriptor Connect() const {
-        Descriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    posix::Descriptor Connect() const {
+        posix::Descriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         Require(::connect(client.Get(), Address(), length) == 0, "a client can connect");
         return client;
     }
@@ -51,7 +51,7 @@ class Listener {
   private:
     const sockaddr* Address() const { return reinterpret_cast<const sockaddr*>(&address); }
 
-    const Descriptor socket;
+    const posix::Descriptor socket;
     sockaddr_un address{};
     socklen_t length = 0;
 };
@@ -63,14 +63,14 @@ bool AsksForHelp(const std::string& command) {
 
 // What comes next; empty at the end. The executor closes a connection from which it has not read everything, which the
 // system tells the client as a reset.
-std::string Receive(const Descriptor& client, bool mayBeReset) {
+std::string Receive(const posix::Descriptor& client, bool mayBeReset) {
     std::array<char, 64> answer{};
     const ssize_t length = ::recv(client.Get(), answer.data(), answer.size(), 0);
     Require(length >= 0 || (mayBeReset && errno == ECONNRESET), "the connection ends in peace");
     return {answer.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
 }
 
-void IsAnswered(const Descriptor& client, const std::string& message) {
+void IsAnswered(const posix::Descriptor& client, const std::string& message) {
     const bool isTooLong = message.size() > kLongestCommand;
     const std::string command = message.substr(0, kLongestCommand).c_str();
     const std::string answer = Receive(client, isTooLong);
@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool goesAway = bytes.Below(4) == 3;
     const std::string message = bytes.Rest();
 
-    lofter::Descriptor client = listener.Connect();
+    posix::Descriptor client = listener.Connect();
     const ssize_t sent = ::send(client.Get(), message.data(), message.size(), 0);
     Require(sent == static_cast<ssize_t>(message.size()), "a short message goes out at once");
     ::shutdown(client.Get(), SHUT_WR);

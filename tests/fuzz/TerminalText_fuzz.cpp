@@ -5,8 +5,8 @@
 #include <limits>
 #include <sstream>
 
-#include "Printable.h"
 #include "SyslogReload.h"
+#include "posix/Printable.h"
 #include "support/Bytes.h"
 #include "support/Require.h"
 
@@ -14,7 +14,7 @@ namespace lofter::fuzz {
 namespace {
 
 void IsPrintable(const std::string& text) {
-    const std::string printable = platform::Printable(text);
+    const std::string printable = posix::Printable(text);
     Require(printable.size() == text.size(), "every byte has its place");
     for (std::size_t index = 0; index < text.size(); ++index) {
         const auto code = static_cast<unsigned char>(text[index]);
@@ -24,7 +24,7 @@ void IsPrintable(const std::string& text) {
 }
 
 void IsShortened(const std::string& text, std::size_t bytes) {
-    const std::string shortened(platform::Shortened(text, bytes));
+    const std::string shortened(posix::Shortened(text, bytes));
     Require(shortened.size() <= bytes && text.starts_with(shortened), "a beginning of the text");
     Require(text.size() > bytes || shortened == text, "what fits stays whole");
     const bool isInsideALetter =

@@ -234,7 +234,7 @@ TEST(InteractiveMode, NeverAsksWhenARequirementNeverRuns) {
 
 TEST(InteractiveMode, KeepsReadingAtEndOfInput) {
     TerminalProcess boot([] {
-        const Descriptor ended(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const posix::Descriptor ended(::open("/dev/null", O_RDONLY | O_CLOEXEC));
         ::dup2(ended.Get(), STDIN_FILENO);
         return Walk({{}, {"net"}});
     });

@@ -12,11 +12,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "posix/Descriptor.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
 #include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -42,7 +42,7 @@ std::string Targets() {
 }
 
 void CloseStream(int stream) {
-    Descriptor(stream).Reset();
+    posix::Descriptor(stream).Reset();
 }
 
 // Redirects in a child, and says what was logged and where its standard streams lead then.
@@ -101,7 +101,7 @@ TEST_F(StandardStreams, KeepInputAfterAWarningWhenThereIsNoDevNull) {
     EXPECT_EQ(InForkedChild([&] {
                   const test::LogCapture capture;
                   const std::string before = TargetOf(STDIN_FILENO);
-                  const Descriptor processes(open("/proc/self/fd", O_RDONLY | O_DIRECTORY));
+                  const posix::Descriptor processes(open("/proc/self/fd", O_RDONLY | O_DIRECTORY));
                   test::EnterRoot(folder.Path());
                   RedirectStandardStreams("/log");
                   char target[4096] = {};
@@ -186,7 +186,7 @@ TEST(LoggingSetUp, MakesStandardOutputUnbufferedAndCopiesNothingToStandardError)
     const test::TemporaryDirectory folder;
     EXPECT_EQ(InForkedChild([&] {
                   RedirectStandardStreams(folder / "out");
-                  const Descriptor error(open((folder / "err").c_str(), O_WRONLY | O_CREAT, 0600));
+                  const posix::Descriptor error(open((folder / "err").c_str(), O_WRONLY | O_CREAT, 0600));
                   dup2(error.Get(), STDERR_FILENO);
                   std::fputs("before ", stdout);
                   InitializeLogging("lofter");

@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include "Logging.h"
+#include "posix/Descriptor.h"
 #include "support/ChildOutcome.h"
 #include "support/TemporaryDirectory.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -50,7 +50,7 @@ TEST_F(ProgramLauncher, GivesTheProgramNothingToRead) {
 }
 
 TEST_F(ProgramLauncher, PassesNoDescriptorOn) {
-    const Descriptor inherited(open("/dev/null", O_RDONLY));  // not close-on-exec
+    const posix::Descriptor inherited(open("/dev/null", O_RDONLY));  // not close-on-exec
     ASSERT_GT(inherited.Get(), STDERR_FILENO);
     EXPECT_TRUE(Launch("test ! -e /proc/$$/fd/" + std::to_string(inherited.Get())));
 }

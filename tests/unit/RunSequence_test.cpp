@@ -10,12 +10,12 @@
 
 #include "Paths.h"
 #include "executor/ControlSocket.h"
+#include "posix/Descriptor.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
 #include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -94,7 +94,7 @@ class RunWithADeafExecutor : public testing::Test {
             const test::LogCapture log;
             test::EnterRoot(folder.Path());
             const ControlSocketAddress address(paths::kControlSocket);
-            const Descriptor executor(::socket(AF_UNIX, SOCK_STREAM, 0));
+            const posix::Descriptor executor(::socket(AF_UNIX, SOCK_STREAM, 0));
             if (::bind(executor.Get(), address.Get(), ControlSocketAddress::Length()) != 0 ||
                 ::listen(executor.Get(), 8) != 0) {
                 return std::string("no executor");

@@ -31,11 +31,11 @@ std::string Joined(const std::vector<std::string>& lines) {
 }
 
 // The read end of a pipe that is at its end already.
-Descriptor EndOfInput() {
+posix::Descriptor EndOfInput() {
     std::array<int, 2> ends{};
     EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    const Descriptor writer(ends[1]);
-    return Descriptor(ends[0]);
+    const posix::Descriptor writer(ends[1]);
+    return posix::Descriptor(ends[0]);
 }
 
 TEST(KeyInput, ReadsWithoutLinesAndEchoAndPutsBothBack) {
@@ -113,7 +113,7 @@ TEST(KeyInput, TakesNoMoreThanTheKeyItReturns) {
 
 TEST(KeyInput, ReadsOnAtEndOfInputWithoutBurningTheProcessor) {
     TerminalProcess process([] {
-        const Descriptor ended = EndOfInput();
+        const posix::Descriptor ended = EndOfInput();
         ::dup2(ended.Get(), STDIN_FILENO);
         KeyInput input;
         WriteToTerminal("reading\n");
@@ -142,7 +142,7 @@ TEST(WriteToTerminal, WritesEverythingHoweverSlowlyItIsTaken) {
 
 TEST(WriteToTerminal, IgnoresAnOutputThatIsGone) {
     TerminalProcess process([] {
-        ::dup2(Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)).Get(), STDOUT_FILENO);
+        ::dup2(posix::Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)).Get(), STDOUT_FILENO);
         WriteToTerminal("lost");
         return std::string("goes on");
     });
@@ -180,7 +180,7 @@ class HungUpTerminal : public testing::Test {
     PseudoTerminal second;
     const test::TemporaryDirectory folder;
     const std::filesystem::path device = folder / "device";
-    Descriptor stream;
+    posix::Descriptor stream;
 };
 
 TEST_F(HungUpTerminal, IsOpenedAgainOnTheSameNumberWithItsEarlierModes) {
@@ -205,7 +205,7 @@ TEST_F(HungUpTerminal, DoesNotBecomeTheControllingTerminal) {
         const TerminalStream before(stream.Get(), device);
         HangUp();
         before.Restore();
-        const Descriptor controlling(::open("/dev/tty", O_RDWR | O_CLOEXEC));
+        const posix::Descriptor controlling(::open("/dev/tty", O_RDWR | O_CLOEXEC));
         return std::string(::isatty(stream.Get()) == 1 && !controlling ? "none" : "wrong");
     });
     // The process holds a copy of the operator's side: only without this one does closing it hang up the line.
@@ -235,14 +235,14 @@ TEST_F(HungUpTerminal, LeavesALivingTerminalOpenAndOnlyRestoresItsModes) {
 
 TEST(TerminalStream, FindsItsDeviceByItself) {
     const PseudoTerminal terminal;
-    const Descriptor stream(::open(terminal.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const posix::Descriptor stream(::open(terminal.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     const TerminalStream before(stream.Get());
     EXPECT_EQ(before.Device(), terminal.Name());
 }
 
 TEST(TerminalStream, LeavesAStreamThatIsNoTerminalAlone) {
     const test::LogCapture log;
-    const Descriptor ended = EndOfInput();
+    const posix::Descriptor ended = EndOfInput();
     TerminalStream(ended.Get()).Restore();
     EXPECT_TRUE(log.Lines().empty());
     char byte = 0;

@@ -89,7 +89,7 @@ TEST(TroubleshootingShell, GetsTheJobControlKeys) {
 
 TEST(TroubleshootingShell, HasNoDescriptorsButTheStandardStreams) {
     TerminalProcess boot([] {
-        const Descriptor file(::open("/dev/null", O_RDONLY));
+        const posix::Descriptor file(::open("/dev/null", O_RDONLY));
         ::dup2(file.Get(), 5);
         ::dup2(file.Get(), 900);
         return RunShell();
@@ -198,8 +198,8 @@ TEST(TroubleshootingShell, WorksWithoutATerminal) {
         EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
         EXPECT_EQ(::write(ends[1], "echo piped\n", 11), 11);
         ::dup2(ends[0], STDIN_FILENO);
-        Descriptor(ends[0]).Reset();
-        Descriptor(ends[1]).Reset();
+        posix::Descriptor(ends[0]).Reset();
+        posix::Descriptor(ends[1]).Reset();
         return RunShell();
     });
     std::string written;

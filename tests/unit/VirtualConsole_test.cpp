@@ -87,7 +87,7 @@ TEST(VirtualConsole, NeverBecomesTheControllingTerminal) {
     test::TerminalProcess process([] {
         ::setsid();
         SwitchConsole(1, "/proc/self/fd/0");
-        const Descriptor controlling(::open("/dev/tty", O_RDWR | O_CLOEXEC));
+        const posix::Descriptor controlling(::open("/dev/tty", O_RDWR | O_CLOEXEC));
         return std::string(controlling ? "taken" : "none");
     });
     EXPECT_EQ(process.WaitForResult(), "none");

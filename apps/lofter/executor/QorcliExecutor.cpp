@@ -19,8 +19,8 @@
 #include "executor/ControlSocket.h"
 #include "graph/GraphLock.h"
 #include "plugins/Exception.h"
-#include "util/AcrossSignals.h"
-#include "util/ChildProcess.h"
+#include "posix/AcrossSignals.h"
+#include "posix/ChildProcess.h"
 
 namespace lofter {
 
@@ -34,9 +34,9 @@ struct Answer {
     std::int32_t status = 0;
 };
 
-Answer Exchange(const Descriptor connection, const std::string& command) {
+Answer Exchange(const posix::Descriptor connection, const std::string& command) {
     const std::size_t length = std::strlen(command.c_str());
-    if (AcrossSignals([&] { return ::send(connection.Get(), command.c_str(), length, 0); }) == -1) {
+    if (posix::AcrossSignals([&] { return ::send(connection.Get(), command.c_str(), length, 0); }) == -1) {
         return {"Failed sending command to executor: "};
     }
     if (length == 0) {
@@ -45,7 +45,7 @@ Answer Exchange(const Descriptor connection, const std::string& command) {
     }
     Answer answer;
     const ssize_t received =
-        AcrossSignals([&] { return ::recv(connection.Get(), &answer.status, sizeof answer.status, 0); });
+        posix::AcrossSignals([&] { return ::recv(connection.Get(), &answer.status, sizeof answer.status, 0); });
     if (received == 0) {
         errno = ECONNRESET;  // the end of input leaves no reason behind, although the reason is clear
     }
@@ -77,13 +77,13 @@ QorcliExecutor::~QorcliExecutor() = default;
 
 int QorcliExecutor::Connect(bool verbose) const {
     const ControlSocketAddress address(controlSocket);
-    Descriptor connection(::socket(AF_UNIX, SOCK_STREAM, 0));
+    posix::Descriptor connection(::socket(AF_UNIX, SOCK_STREAM, 0));
     if (!connection) {
         Log_Level(kError, "Failed creating lofter client socket %s\n", std::strerror(errno));
         return -1;
     }
-    if (AcrossSignals([&] { return ::connect(connection.Get(), address.Get(), ControlSocketAddress::Length()); }) !=
-        0) {
+    if (posix::AcrossSignals(
+            [&] { return ::connect(connection.Get(), address.Get(), ControlSocketAddress::Length()); }) != 0) {
         if (verbose) {
             Log_Level(kError, "Failed connecting to executor %s\n", std::strerror(errno));
         }
@@ -96,7 +96,7 @@ void QorcliExecutor::Reset() {
     // A connection that gets descriptor 0 counts as none and stays open, here and below: it has become standard input.
     const int probe = Connect(false);
     if (probe > 0) {
-        const Descriptor alive(probe);
+        const posix::Descriptor alive(probe);
         return;
     }
     Log_Level(kInfo, "Setting up Executor - Reset Requested\n");
@@ -108,7 +108,7 @@ void QorcliExecutor::Reset() {
         RunProcess();
     }
     int status = 0;
-    if (!WaitForChild(child, status)) {
+    if (!posix::WaitForChild(child, status)) {
         throw Exception("Failed collecting executor's exit status");
     }
     if (status != 0) {
@@ -121,7 +121,7 @@ void QorcliExecutor::SendCommand(const std::string& command) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const int connection = Connect(true);
         if (connection > 0) {
-            const Answer answer = Exchange(Descriptor(connection), command);
+            const Answer answer = Exchange(posix::Descriptor(connection), command);
             // Thrown here, where nothing is left to clean up: a failing command costs half as much to report.
             if (answer.failure != nullptr) {
                 throw Exception(std::string(answer.failure) + std::strerror(errno));
@@ -150,16 +150,17 @@ void QorcliExecutor::ResetLocked() {
 }
 
 void QorcliExecutor::Stop() const {
-    Descriptor connection(Connect(false));
+    posix::Descriptor connection(Connect(false));
     if (!connection) {
         Log_Level(kInfo, "Executor already gone.\n");
         return;
     }
-    if (AcrossSignals([&] { return ::send(connection.Get(), "stop", 4, 0); }) == -1) {
+    if (posix::AcrossSignals([&] { return ::send(connection.Get(), "stop", 4, 0); }) == -1) {
         throw Exception(std::string("Failed sending STOP to executor") + std::strerror(errno));
     }
     std::array<char, 4> reply{};
-    const ssize_t received = AcrossSignals([&] { return ::recv(connection.Get(), reply.data(), reply.size(), 0); });
+    const ssize_t received =
+        posix::AcrossSignals([&] { return ::recv(connection.Get(), reply.data(), reply.size(), 0); });
     if (received <= 0) {
         Log_Level(kInfo, "Executor has been Successfully Stopped\n");
     }

@@ -21,7 +21,7 @@
 
 #include <pthread.h>
 
-#include "util/Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace lofter {
 
@@ -76,7 +76,7 @@ class QorcliExecutor {
     const std::string outputLog;
 
     // Set in the executor process only.
-    Descriptor listenSocket;
+    posix::Descriptor listenSocket;
     pthread_t eventLoopThread{};
 };
 

@@ -17,8 +17,8 @@
 #include "executor/QorcliExecutor.h"
 #include "plugins/Exception.h"
 #include "poll/poll.h"
-#include "util/AcrossSignals.h"
-#include "util/ChildProcess.h"
+#include "posix/AcrossSignals.h"
+#include "posix/ChildProcess.h"
 
 namespace lofter {
 
@@ -55,7 +55,7 @@ bool IsStop(const char* command) {
 //    client's end from whoever waits for it, here or elsewhere. Logging connects again by itself.
 void QorcliExecutor::RunProcess() {
     try {
-        CloseDescriptorsFrom(STDERR_FILENO + 1);
+        posix::CloseDescriptorsFrom(STDERR_FILENO + 1);
         RedirectStandardStreams(outputLog);
         SetupSocket();
         if (::daemon(0, 1) != 0) {
@@ -80,7 +80,7 @@ void QorcliExecutor::ServeUntilStopped() {
 
 void QorcliExecutor::SetupSocket() {
     const ControlSocketAddress address(controlSocket);
-    Descriptor created(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    posix::Descriptor created(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!created) {
         throw SystemFailure("Error opening control socket for executor: ");
     }
@@ -133,13 +133,14 @@ void* QorcliExecutor::RunEventLoop(void* executor) {
 void QorcliExecutor::HandleConnection(void* listenSocketPointer) {
     const int listening = *static_cast<const int*>(listenSocketPointer);
     // Closed on exec: a process that a command leaves behind must not keep the connection open.
-    const Descriptor connection(AcrossSignals([&] { return ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC); }));
+    const posix::Descriptor connection(
+        posix::AcrossSignals([&] { return ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC); }));
     if (!connection) {
         Log_Level(kWarning, "Error accepting connection on contol socket - %s\n\n", std::strerror(errno));
         return;
     }
     std::array<char, kLongestCommand + 1> command{};
-    if (AcrossSignals([&] { return ::recv(connection.Get(), command.data(), kLongestCommand, 0); }) == -1) {
+    if (posix::AcrossSignals([&] { return ::recv(connection.Get(), command.data(), kLongestCommand, 0); }) == -1) {
         Log_Level(kWarning, "Failed to read message from socket - %s\n\n", std::strerror(errno));
         return;
     }
@@ -151,7 +152,7 @@ void QorcliExecutor::HandleConnection(void* listenSocketPointer) {
         return;
     }
     const std::int32_t status = StatusOf(command.data());
-    if (AcrossSignals([&] { return ::send(connection.Get(), &status, sizeof status, 0); }) == -1) {
+    if (posix::AcrossSignals([&] { return ::send(connection.Get(), &status, sizeof status, 0); }) == -1) {
         Log_Level(kWarning, "Sending command status to lofter failed\n");
     }
 }

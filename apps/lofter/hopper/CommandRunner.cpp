@@ -15,9 +15,9 @@
 #include "Paths.h"
 #include "hostkernel/hostkernel.h"
 #include "plugins/Exception.h"
+#include "posix/AcrossSignals.h"
+#include "posix/Descriptor.h"
 #include "tslibs/warning.h"
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 
@@ -35,20 +35,20 @@ std::vector<std::string> SplitAtWhiteSpace(const std::string& command) {
 
 // The working directory and the standard streams that a child is started with.
 struct ChildDescriptors {
-    Descriptor root;
-    Descriptor null;
-    Descriptor log;
+    posix::Descriptor root;
+    posix::Descriptor null;
+    posix::Descriptor log;
 
     ChildDescriptors() {
-        root.Reset(AcrossSignals([] { return open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+        root.Reset(posix::AcrossSignals([] { return open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
         if (root.Get() <= 0) {
             Panic("VERIFY %s:%d\n", "apps/lofter/hopper/DaemonPlugin", 86);
         }
-        null.Reset(AcrossSignals([] { return open(paths::kNull, O_RDWR | O_CLOEXEC); }));
+        null.Reset(posix::AcrossSignals([] { return open(paths::kNull, O_RDWR | O_CLOEXEC); }));
         if (!null) {
             Log_Level(kWarning, "opening /dev/null failed\n");
         }
-        log.Reset(AcrossSignals([] { return open(paths::kSyslogSocket, O_WRONLY | O_NOCTTY | O_CLOEXEC); }));
+        log.Reset(posix::AcrossSignals([] { return open(paths::kSyslogSocket, O_WRONLY | O_NOCTTY | O_CLOEXEC); }));
     }
 
     // Without /dev/null the child gets the root directory, which it can neither read nor write: kept on purpose.

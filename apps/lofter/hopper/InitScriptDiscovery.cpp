@@ -20,7 +20,7 @@
 #include "Paths.h"
 #include "hopper/LegacyDaemonPlugin.h"
 #include "plugins/Exception.h"
-#include "util/AcrossSignals.h"
+#include "posix/AcrossSignals.h"
 
 namespace lofter {
 
@@ -84,7 +84,7 @@ std::string ReadToTheEnd(int descriptor, const std::string& command) {
     std::string text;
     std::array<char, 4096> buffer;
     for (;;) {
-        const ssize_t length = AcrossSignals([&] { return ::read(descriptor, buffer.data(), buffer.size()); });
+        const ssize_t length = posix::AcrossSignals([&] { return ::read(descriptor, buffer.data(), buffer.size()); });
         if (length < 0) {
             Log_Level(kWarning, "%s: unable to read its output: %s\n", command.c_str(), std::strerror(errno));
         }

@@ -10,7 +10,7 @@
 #include <boost/tokenizer.hpp>
 
 #include "Logging.h"
-#include "util/AcrossSignals.h"
+#include "posix/AcrossSignals.h"
 
 namespace lofter {
 
@@ -70,7 +70,7 @@ std::vector<DebugEntry> ReadDebugConfiguration(const std::string& path) {
         return {};
     }
     std::ifstream file;
-    OpenAcrossSignals(file, path, std::ios::in);
+    posix::OpenAcrossSignals(file, path, std::ios::in);
     return ParseDebugConfiguration(file);
 }
 

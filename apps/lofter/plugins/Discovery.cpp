@@ -10,7 +10,7 @@
 #include "plugins/DebugPlugin.h"
 #include "plugins/JSONPlugin.h"
 #include "plugins/NativePlugin.h"
-#include "util/AcrossSignals.h"
+#include "posix/Directory.h"
 
 namespace lofter {
 
@@ -55,7 +55,7 @@ Discovery::Discovery(DiscoveryInput discoveryInput, std::set<std::string>& runOn
 
 void Discovery::DiscoverAll() {
     const std::vector<DebugEntry> debugEntries = ReadDebugConfiguration(input.debugConfiguration);
-    for (const std::string& fileName : FileNamesAcrossSignals(input.pluginDirectory)) {
+    for (const std::string& fileName : posix::FileNames(input.pluginDirectory)) {
         ProcessFile(fileName);
     }
     AppendDebugPlugins(debugEntries);

@@ -1,17 +1,11 @@
 #include "plugins/JsonFile.h"
 
-#include <array>
-#include <cerrno>
 #include <unordered_set>
 #include <vector>
 
-#include <fcntl.h>
 #include <nlohmann/json.hpp>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
+#include "posix/File.h"
 
 namespace lofter {
 
@@ -45,28 +39,11 @@ class KeyWatch {
 
 std::optional<std::string> ReadFileContent(const std::string& path) {
     // Without O_NONBLOCK, opening a pipe waits for somebody to write to it.
-    const Descriptor file(
-        AcrossSignals([&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY); }));
+    const posix::Descriptor file = posix::OpenFile(path, O_RDONLY | O_NONBLOCK);
     if (!file) {
         return std::nullopt;
     }
-    struct stat status {};
-    if (::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return std::string();
-    }
-    std::string content;
-    content.reserve(static_cast<std::size_t>(status.st_size));
-    std::array<char, std::size_t{64} * 1024> buffer;
-    for (;;) {
-        const ssize_t length = ::read(file.Get(), buffer.data(), buffer.size());
-        if (length > 0) {
-            content.append(buffer.data(), static_cast<std::size_t>(length));
-        } else if (length == 0) {
-            return content;
-        } else if (errno != EINTR) {
-            return std::string();
-        }
-    }
+    return posix::IsRegularFile(file) ? posix::ReadWhole(file).value_or("") : "";
 }
 
 Json ParseJson(const std::string& text) {

@@ -7,7 +7,7 @@
 
 #include "plugins/Exception.h"
 #include "plugins/ObjectFile.h"
-#include "util/AcrossSignals.h"
+#include "posix/AcrossSignals.h"
 
 namespace lofter {
 
@@ -17,7 +17,7 @@ bool IsCutShort(const std::string& path) {
     std::error_code failure;
     std::ifstream file;
     if (std::filesystem::is_regular_file(path, failure)) {
-        OpenAcrossSignals(file, path, std::ios::in | std::ios::binary);
+        posix::OpenAcrossSignals(file, path, std::ios::in | std::ios::binary);
     }
     return file.is_open() && EndsBeforeItsContents(file);
 }

@@ -15,9 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
-#include "util/SyncToDisk.h"
+#include "posix/AcrossSignals.h"
+#include "posix/File.h"
 
 namespace lofter {
 
@@ -33,7 +32,7 @@ constexpr std::size_t kLongestRecord = 64U << 20U;
 
 std::string FileContent(const std::string& path) {
     std::ifstream file;
-    OpenAcrossSignals(file, path, std::ios_base::in | std::ios_base::binary);
+    posix::OpenAcrossSignals(file, path, std::ios_base::in | std::ios_base::binary);
     std::string content;
     if (file) {
         // Through the stream, not its buffer: reading a directory fails quietly then.
@@ -117,20 +116,8 @@ void WriteRunOnceRecord(const std::string& path, const std::set<std::string>& na
     const std::string compressed = Compress(text);
 
     constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;  // less the umask
-    const Descriptor file(
-        AcrossSignals([&] { return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kMode); }));
-    if (file.Get() < 0) {
-        FailWriting(path);
-    }
-    for (std::string_view rest = compressed; !rest.empty();) {
-        const ssize_t count = write(file.Get(), rest.data(), rest.size());
-        if (count > 0) {
-            rest.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno != EINTR) {
-            FailWriting(path);
-        }
-    }
-    if (!SyncToDisk(file.Get())) {
+    const posix::Descriptor file = posix::OpenFile(path, O_WRONLY | O_CREAT | O_TRUNC, kMode);
+    if (!file || !posix::WriteWhole(file, compressed) || !posix::SyncToDisk(file)) {
         FailWriting(path);
     }
 }

@@ -11,9 +11,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "util/AcrossSignals.h"
-#include "util/Descriptor.h"
-#include "util/SyncToDisk.h"
+#include "posix/AcrossSignals.h"
+#include "posix/Descriptor.h"
+#include "posix/File.h"
 
 namespace lofter {
 
@@ -27,8 +27,8 @@ std::string ErrorText(int error) {
 
 // The rename must not become durable before the data that it publishes. A file that has gone is the rename's to report.
 void SyncFile(const std::string& path) {
-    const Descriptor descriptor(AcrossSignals([&] { return open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY); }));
-    const bool isDone = descriptor ? SyncToDisk(descriptor.Get()) : errno == ENOENT;
+    const posix::Descriptor file = posix::OpenFile(path, O_WRONLY);
+    const bool isDone = file ? posix::SyncToDisk(file) : errno == ENOENT;
     if (!isDone) {
         throw std::runtime_error("unable to sync '" + path + "': " + ErrorText(errno));
     }
@@ -66,7 +66,7 @@ void afstream::CreateTemporaryFile(const char* path) {
     }
     tempName.reserve(size);  // once there is a file, nothing may keep its name from being noted
     destination = path;
-    const Descriptor descriptor(mkstemp(pattern.get()));
+    const posix::Descriptor descriptor(mkstemp(pattern.get()));
     if (descriptor.Get() < 0) {
         throw std::runtime_error("unable to create temporary file to write '" + std::string(path) +
                                  "': " + ErrorText(errno));
@@ -77,7 +77,7 @@ void afstream::CreateTemporaryFile(const char* path) {
 void afstream::open(const char* path, std::ios_base::openmode mode) {
     Discard();
     CreateTemporaryFile(path);
-    OpenAcrossSignals(file, tempName, mode | std::ios_base::out);
+    posix::OpenAcrossSignals(file, tempName, mode | std::ios_base::out);
     if (file.is_open()) {
         clear();
     } else {
@@ -92,7 +92,7 @@ void afstream::reopen(const char* path, std::ios_base::openmode mode) {
     open(path, mode);
     {
         std::ifstream current;
-        OpenAcrossSignals(current, path, std::ios_base::in | std::ios_base::binary);
+        posix::OpenAcrossSignals(current, path, std::ios_base::in | std::ios_base::binary);
         // An empty destination is no failure of the system's.
         errno = current.is_open() ? 0 : errno;
         // Sets the fail state when nothing could be copied: there must be something to extend.

@@ -16,8 +16,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
 #include "autocli/Streams.h"
+#include "posix/Descriptor.h"
 
 namespace platform {
 
@@ -105,8 +105,8 @@ class ErrorPipe {
     }
 
   private:
-    Descriptor readEnd;
-    Descriptor writeEnd;
+    posix::Descriptor readEnd;
+    posix::Descriptor writeEnd;
 };
 
 class SpawnOptions {
@@ -182,7 +182,7 @@ int WaitForEnd(pid_t child) {
 }
 
 // Reads the errors until the process has ended. Whether somebody may still write then.
-bool Follow(const Descriptor& process, const ErrorPipe& errors, ErrorText& text) {
+bool Follow(const posix::Descriptor& process, const ErrorPipe& errors, ErrorText& text) {
     std::array<pollfd, 2> watched{{{process.Get(), POLLIN, 0}, {errors.ReadEnd(), POLLIN, 0}}};
     do {
         for (pollfd& one : watched) {
@@ -257,7 +257,7 @@ std::vector<std::string> RunCommand(const std::string& program, const std::vecto
     }
     errors.CloseWriteEnd();
 
-    const Descriptor process(WatchProcess(child));
+    const posix::Descriptor process(WatchProcess(child));
     if (!process) {
         // Nobody reads from here on, so the command ends instead of waiting for a reader.
         const int failure = errno;

@@ -5,9 +5,9 @@
 
 #include <unistd.h>
 
-#include "AcrossSignals.h"
 #include "autocli/CommandRun.h"
 #include "autocli/autocli.h"
+#include "posix/Directory.h"
 
 namespace AutoCli {
 
@@ -54,7 +54,7 @@ Dispatcher::~Dispatcher() {
 
 void Dispatcher::AddExternalDirectory(const std::string& directory) {
     std::map<std::vector<std::string>, std::string> found;
-    for (const std::string& name : platform::FileNamesAcrossSignals(directory)) {
+    for (const std::string& name : posix::FileNames(directory)) {
         const std::filesystem::path file = std::filesystem::path(directory) / name;
         if (IsCommand(file)) {
             found.emplace(SplitAtDots(name), file);

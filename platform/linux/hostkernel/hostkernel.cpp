@@ -7,8 +7,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
 #include "Spawn.h"
+#include "posix/Descriptor.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ class StreamSources {
 
   private:
     std::array<int, 3> numbers{};
-    std::array<platform::Descriptor, 3> copies;
+    std::array<posix::Descriptor, 3> copies;
     int status = 0;
 };
 

@@ -4,12 +4,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "AcrossSignals.h"
-#include "Descriptor.h"
-#include "Printable.h"
+#include "posix/File.h"
+#include "posix/Printable.h"
 
 namespace platform {
 
@@ -23,7 +19,7 @@ constexpr std::size_t kLongestRecord = 960;
 // The kernel keeps a record back, in case it is continued, until it ends with a line end, which is not part of it.
 std::string RecordOf(const std::string& text) {
     const std::string whole = kPrefix + text;
-    std::string record(Shortened(whole, kLongestRecord - 1));
+    std::string record(posix::Shortened(whole, kLongestRecord - 1));
     if (!record.ends_with('\n')) {
         record.push_back('\n');
     }
@@ -37,16 +33,13 @@ std::string RecordOf(const std::string& text) {
 }  // namespace
 
 void WriteKernelLog(const char* path, const std::vector<std::string>& texts) {
-    const Descriptor log(AcrossSignals([&] { return ::open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY); }));
+    const posix::Descriptor log = posix::OpenFile(path, O_WRONLY | O_APPEND);
     if (!log) {
         Fail(path);
     }
     for (const std::string& text : texts) {
-        const std::string record = RecordOf(text);
-        while (::write(log.Get(), record.data(), record.size()) < 0) {
-            if (errno != EINTR) {
-                Fail(path);
-            }
+        if (!posix::WriteWhole(log, RecordOf(text))) {
+            Fail(path);
         }
     }
 }

@@ -7,9 +7,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "AcrossSignals.h"
-#include "Printable.h"
 #include "krxctl/KernelProgressScreenImpl.h"
+#include "posix/AcrossSignals.h"
+#include "posix/Printable.h"
 #include "tslibs/LogOutput.h"
 #include "tslibs/log.h"
 
@@ -35,7 +35,7 @@ void AppendWord(std::string& line, const std::string& word) {
 
 // One line of it.
 std::string ForScreen(const std::string& text) {
-    std::string shown = Printable(text);
+    std::string shown = posix::Printable(text);
     std::replace(shown.begin(), shown.end(), '\n', ' ');
     return shown;
 }
@@ -49,7 +49,7 @@ ProgressScreen& Screen() {
 }  // namespace
 
 ProgressScreen::ProgressScreen(const char* consolePath)
-    : console(AcrossSignals([&] { return ::open(consolePath, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); })) {
+    : console(posix::AcrossSignals([&] { return ::open(consolePath, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); })) {
     if (console && ::isatty(console.Get()) == 0) {
         console.Reset();
     }
@@ -86,7 +86,7 @@ bool ProgressScreen::Redraw() {
     if (whole.empty() && !isShowing) {
         return true;
     }
-    const std::string drawn = "\r\x1b[2K" + std::string(Shortened(whole, UsableColumns(console.Get()))) + "\r";
+    const std::string drawn = "\r\x1b[2K" + std::string(posix::Shortened(whole, UsableColumns(console.Get()))) + "\r";
     if (::write(console.Get(), drawn.data(), drawn.size()) >= 0) {
         isShowing = !whole.empty();
     } else if (errno != EAGAIN && errno != EINTR) {

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace platform {
 
@@ -31,7 +31,7 @@ class ProgressScreen {
     std::string Line() const;
 
     std::mutex lock;
-    Descriptor console;  // owns nothing when there is no terminal
+    posix::Descriptor console;  // owns nothing when there is no terminal
     std::string progressText;
     std::string statusText;
     unsigned long steps = 0;

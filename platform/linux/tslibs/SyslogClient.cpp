@@ -13,9 +13,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "AcrossSignals.h"
-#include "Descriptor.h"
-#include "Printable.h"
+#include "posix/AcrossSignals.h"
+#include "posix/Descriptor.h"
+#include "posix/Printable.h"
 #include "tslibs/Gather.h"
 
 namespace platform {
@@ -26,11 +26,11 @@ constexpr timeval kPatience{0, 200'000};
 constexpr timeval kNoPatience{0, 1};  // zero would mean to wait for ever
 
 // Where standard streams were closed, a new socket gets their number, and what is printed would land in it.
-Descriptor AboveStandardStreams(Descriptor created) {
+posix::Descriptor AboveStandardStreams(posix::Descriptor created) {
     if (created.Get() > STDERR_FILENO || !created) {
         return created;
     }
-    return Descriptor(::fcntl(created.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    return posix::Descriptor(::fcntl(created.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 }  // namespace
@@ -75,7 +75,7 @@ bool SyslogClient::IsOwnSocket() const {
 
 void SyslogClient::Disconnect() {
     if (IsConnected()) {
-        const Descriptor closing(std::exchange(socket, -1));
+        const posix::Descriptor closing(std::exchange(socket, -1));
     }
 }
 
@@ -92,14 +92,14 @@ bool SyslogClient::ConnectAs(int type) {
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
-    Descriptor created = AboveStandardStreams(Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)));
+    posix::Descriptor created = AboveStandardStreams(posix::Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)));
     const timeval& patience = hung ? kNoPatience : kPatience;
     struct stat status {};
     if (!created || ::setsockopt(created.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0 ||
         ::fstat(created.Get(), &status) != 0) {
         return false;
     }
-    if (AcrossSignals([&] {
+    if (posix::AcrossSignals([&] {
             return ::connect(created.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
         }) != 0) {
         // The wrong type says nothing about the daemon; the right one is tried next.
@@ -116,7 +116,7 @@ bool SyslogClient::ConnectAs(int type) {
 SyslogClient::Outcome SyslogClient::SendCut(std::string_view head, std::string_view text) const {
     Outcome outcome = SendOnce(head, text);
     while (outcome == Outcome::kTooLong && !text.empty()) {
-        text = Shortened(text, text.size() / 2);
+        text = posix::Shortened(text, text.size() / 2);
         outcome = SendOnce(head, text);
     }
     return outcome;

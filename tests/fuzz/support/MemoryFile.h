@@ -8,7 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "util/Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace lofter::fuzz {
 
@@ -30,7 +30,7 @@ class MemoryFile {
     }
 
   private:
-    const Descriptor file;
+    const posix::Descriptor file;
 };
 
 }  // namespace lofter::fuzz

@@ -150,9 +150,9 @@ class CommandExecutor : public testing::Test {
         return FailureOf([&] { executor.SendCommand(command); });
     }
     // A socket that listens at the executor's address.
-    Descriptor Listen() const {
+    posix::Descriptor Listen() const {
         const ControlSocketAddress address(socketPath);
-        Descriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        posix::Descriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         EXPECT_EQ(::bind(listening.Get(), address.Get(), ControlSocketAddress::Length()), 0);
         EXPECT_EQ(::listen(listening.Get(), 16), 0);
         return listening;
@@ -179,7 +179,7 @@ TEST_F(CommandExecutor, PrintsOnItsLogFile) {
 
 TEST_F(CommandExecutor, IsListeningWhenTheResetReturns) {
     executor.Reset();
-    const Descriptor connection(executor.Connect(true));
+    const posix::Descriptor connection(executor.Connect(true));
     EXPECT_GT(connection.Get(), 0);
 }
 
@@ -196,7 +196,7 @@ TEST_F(CommandExecutor, IsNotStartedByAThreadThatFoundNoneBeforeItsTurn) {
     std::optional<GraphLock> turn(std::in_place);
     std::thread late([this] { EXPECT_EQ(Send("--help"), ""); });
     EXPECT_TRUE(test::WaitUntil([&log] { return !log.Lines(kError).empty(); }));
-    Descriptor listening = Listen();
+    posix::Descriptor listening = Listen();
     turn.reset();
     int number = listening.Get();
     QorcliExecutor::HandleConnection(&number);  // the look whether somebody answers
@@ -234,7 +234,7 @@ TEST_F(CommandExecutor, IsGivenUpAfterTenAttempts) {
 }
 
 TEST_F(CommandExecutor, DoesNotStartOnAStaleSocketFile) {
-    { const Descriptor stale = Listen(); }
+    { const posix::Descriptor stale = Listen(); }
     EXPECT_EQ(FailureOf([&] { executor.Reset(); }), "Lofter executor failed to start");
     EXPECT_EQ(FailureOf([&] { executor.SetupSocket(); }),
               "Failed to bind to executor control socket: Address already in use");
@@ -248,9 +248,9 @@ TEST_F(CommandExecutor, SaysThatTheFirstForkedProcessCouldNotBeCollected) {
 }
 
 TEST_F(CommandExecutor, FailsACommandWhoseExecutorGoesAway) {
-    Descriptor listening = Listen();
+    posix::Descriptor listening = Listen();
     std::thread dying([&listening] {
-        const Descriptor connection(::accept(listening.Get(), nullptr, nullptr));
+        const posix::Descriptor connection(::accept(listening.Get(), nullptr, nullptr));
         std::array<char, 16> command{};
         EXPECT_EQ(::recv(connection.Get(), command.data(), command.size(), 0), 3);
     });
@@ -260,8 +260,8 @@ TEST_F(CommandExecutor, FailsACommandWhoseExecutorGoesAway) {
 }
 
 TEST_F(CommandExecutor, FailsACommandThatItsExecutorRefusesToRead) {
-    Descriptor listening = Listen();
-    std::thread deaf([&listening] { const Descriptor unread(::accept(listening.Get(), nullptr, nullptr)); });
+    posix::Descriptor listening = Listen();
+    std::thread deaf([&listening] { const posix::Descriptor unread(::accept(listening.Get(), nullptr, nullptr)); });
     // More than fits into the socket. Whether some of it went out before the end is up to the scheduler.
     const std::string failure = Send(std::string(8U << 20U, 'x'));
     EXPECT_TRUE(failure == "Failed sending command to executor: Broken pipe" ||
@@ -288,9 +288,9 @@ TEST_F(CommandExecutor, StopsWithoutAReply) {
 }
 
 TEST_F(CommandExecutor, IsLeftWithoutAWordWhenItAnswersStop) {
-    Descriptor listening = Listen();
+    posix::Descriptor listening = Listen();
     std::thread talking([&listening] {
-        const Descriptor connection(::accept(listening.Get(), nullptr, nullptr));
+        const posix::Descriptor connection(::accept(listening.Get(), nullptr, nullptr));
         std::array<char, 16> word{};
         EXPECT_EQ(::recv(connection.Get(), word.data(), word.size(), 0), 4);
         EXPECT_STREQ(word.data(), "stop");
@@ -315,13 +315,13 @@ TEST_F(CommandExecutor, StopsForAnyTextThatBeginsWithTheWord) {
 
 TEST_F(CommandExecutor, KeepsServingWhenAClientSaysNothingAndGoes) {
     executor.Reset();
-    { const Descriptor silent(executor.Connect(true)); }
+    { const posix::Descriptor silent(executor.Connect(true)); }
     EXPECT_EQ(Send("--help"), "");
 }
 
 TEST_F(CommandExecutor, ServesTheNextClientAfterTheOneBeforeIt) {
     executor.Reset();
-    Descriptor silent(executor.Connect(true));
+    posix::Descriptor silent(executor.Connect(true));
     std::atomic<bool> answered = false;
     std::thread next([&] {
         EXPECT_EQ(Send("--help"), "");
@@ -350,8 +350,8 @@ TEST_F(CommandExecutor, RunsInASessionOfItsOwnInTheRootDirectory) {
 TEST_F(CommandExecutor, InheritsNoConnectionOfItsParent) {
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe(ends.data()), 0);
-    Descriptor readEnd(ends[0]);
-    Descriptor writeEnd(ends[1]);
+    posix::Descriptor readEnd(ends[0]);
+    posix::Descriptor writeEnd(ends[1]);
     executor.Reset();
     writeEnd.Reset();
     char nothing = 0;
@@ -477,7 +477,7 @@ class ExecutorConnection : public CommandExecutor {
     }
     // Nothing when the connection ends without a status.
     std::optional<std::int32_t> StatusOf(const std::string& message) {
-        Descriptor client(executor.Connect(true));
+        posix::Descriptor client(executor.Connect(true));
         EXPECT_EQ(::send(client.Get(), message.data(), message.size(), 0), static_cast<ssize_t>(message.size()));
         ::shutdown(client.Get(), SHUT_WR);
         int number = listening.Get();
@@ -497,7 +497,7 @@ class ExecutorConnection : public CommandExecutor {
         return line.substr(head.size(), line.find("' failed : ") - head.size());
     }
 
-    Descriptor listening;
+    posix::Descriptor listening;
 };
 
 TEST_F(ExecutorConnection, IsAnsweredWithZeroWhenThereIsNothingToRun) {
@@ -544,7 +544,7 @@ TEST_F(ExecutorConnection, NeverTakesTheCommandForAFormat) {
 
 TEST_F(ExecutorConnection, ThatEndedBeforeItsStatusWasSentIsLogged) {
     {
-        const Descriptor client(executor.Connect(true));
+        const posix::Descriptor client(executor.Connect(true));
         ASSERT_EQ(::send(client.Get(), "--help", 6, 0), 6);
     }
     const LogCapture log;
@@ -555,7 +555,7 @@ TEST_F(ExecutorConnection, ThatEndedBeforeItsStatusWasSentIsLogged) {
 
 TEST_F(ExecutorConnection, ThatCannotBeAcceptedIsLogged) {
     const LogCapture log;
-    const Descriptor deaf(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const posix::Descriptor deaf(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     int number = deaf.Get();
     QorcliExecutor::HandleConnection(&number);
     EXPECT_EQ(log.Lines(kWarning), Lines({"Error accepting connection on contol socket - Invalid argument"}));
@@ -563,8 +563,8 @@ TEST_F(ExecutorConnection, ThatCannotBeAcceptedIsLogged) {
 
 TEST_F(ExecutorConnection, ThatCannotBeReadIsLogged) {
     // Only a network connection can be broken between connecting and reading.
-    const Descriptor server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const Descriptor client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const posix::Descriptor server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const posix::Descriptor client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -574,7 +574,7 @@ TEST_F(ExecutorConnection, ThatCannotBeReadIsLogged) {
     ASSERT_EQ(::listen(server.Get(), 1), 0);
     ASSERT_EQ(::getsockname(server.Get(), generic, &length), 0);
     {
-        const Descriptor aborted(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const posix::Descriptor aborted(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         ASSERT_EQ(::connect(aborted.Get(), generic, length), 0);
         const linger abortive{1, 0};
         ASSERT_EQ(::setsockopt(aborted.Get(), SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive), 0);

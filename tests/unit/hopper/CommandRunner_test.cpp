@@ -17,10 +17,10 @@
 #include <unistd.h>
 
 #include "plugins/Exception.h"
+#include "posix/Descriptor.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 #include "tslibs/log.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -75,14 +75,14 @@ class RunningScript {
     }
 
   private:
-    static Descriptor MakeFifo(const std::string& path) {
+    static posix::Descriptor MakeFifo(const std::string& path) {
         mkfifo(path.c_str(), 0600);
-        return Descriptor(open(path.c_str(), O_RDWR | O_CLOEXEC));
+        return posix::Descriptor(open(path.c_str(), O_RDWR | O_CLOEXEC));
     }
 
     std::string path;
-    Descriptor said;
-    Descriptor told;
+    posix::Descriptor said;
+    posix::Descriptor told;
     pid_t id = 0;
 };
 
@@ -196,7 +196,7 @@ TEST(CommandRunner, RunsTheCommandInTheRootDirectoryAwayFromTheCallersStreams) {
         "seen=$(for what in cwd fd/0 fd/1 fd/2; do readlink /proc/$$/$what; done); echo \"$seen\" > ${0%/*}/seen");
     EXPECT_EQ(FailureOf(script), "no failure");
     // Only where the log is something that can be opened, such as a pipe, do error messages go there.
-    const Descriptor log(open("/dev/log", O_WRONLY | O_CLOEXEC));
+    const posix::Descriptor log(open("/dev/log", O_WRONLY | O_CLOEXEC));
     const std::string error = log ? std::filesystem::canonical("/dev/log").string() : "/dev/null";
     EXPECT_EQ(folder.Read("seen"), "/\n/dev/null\n/dev/null\n" + error + "\n");
 }

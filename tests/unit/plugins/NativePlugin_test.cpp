@@ -28,10 +28,10 @@
 #include "graph/Barriers.h"
 #include "graph/NodeStore.h"
 #include "plugins/Exception.h"
+#include "posix/Descriptor.h"
 #include "support/SpawnControl.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -342,13 +342,13 @@ class NativeOperationTest : public NativePluginTest {
     }
 
     // A named pipe that never blocks the test: it has both ends open.
-    Descriptor MakePipe(const std::string& name) {
+    posix::Descriptor MakePipe(const std::string& name) {
         EXPECT_EQ(mkfifo((folder / name).c_str(), 0600), 0);
-        return Descriptor(open((folder / name).c_str(), O_RDWR | O_CLOEXEC));
+        return posix::Descriptor(open((folder / name).c_str(), O_RDWR | O_CLOEXEC));
     }
 
     // Waits until that many operations have said that they are there.
-    static void ExpectArrivals(const Descriptor& arrived, int count) {
+    static void ExpectArrivals(const posix::Descriptor& arrived, int count) {
         for (int i = 0; i < count; i++) {
             pollfd readable{arrived.Get(), POLLIN, 0};
             ASSERT_EQ(poll(&readable, 1, 30'000), 1);
@@ -358,7 +358,7 @@ class NativeOperationTest : public NativePluginTest {
     }
 
     // Lets all operations go that wait or will wait.
-    Descriptor LetGo() const { return Descriptor(open((folder / "go").c_str(), O_RDWR | O_CLOEXEC)); }
+    posix::Descriptor LetGo() const { return posix::Descriptor(open((folder / "go").c_str(), O_RDWR | O_CLOEXEC)); }
 
     const std::string object = folder / "acts.so";
     SpawnControl control;
@@ -444,13 +444,13 @@ TEST_F(NativeOperationTest, MayCloseItsStreamsWithoutTouchingOurs) {
 }
 
 TEST_F(NativeOperationTest, IsOverThoughAChildOfItGoesOn) {
-    const Descriptor arrived = MakePipe("arrived");
+    const posix::Descriptor arrived = MakePipe("arrived");
     ASSERT_EQ(mkfifo((folder / "go").c_str(), 0600), 0);
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);  // the orphan comes to this process, which sees it end
     Actor("leave a child").StartPlugin();
     ExpectArrivals(arrived, 1);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0);
-    const Descriptor go = LetGo();
+    const posix::Descriptor go = LetGo();
     int status = -1;
     EXPECT_GT(waitpid(-1, &status, 0), 0);
     EXPECT_EQ(status, 0);
@@ -512,7 +512,7 @@ TEST_F(NativeOperationTest, LeavesNoDescriptorBehind) {
 
 TEST_F(NativeOperationTest, RunsBesideOthers) {
     constexpr int kOperations = 8;
-    const Descriptor arrived = MakePipe("arrived");
+    const posix::Descriptor arrived = MakePipe("arrived");
     ASSERT_EQ(mkfifo((folder / "go").c_str(), 0600), 0);
     NativePlugin& plugin = Actor("meet");
     std::vector<std::string> results(kOperations);
@@ -522,7 +522,7 @@ TEST_F(NativeOperationTest, RunsBesideOthers) {
             [&plugin, &result] { result = FailureOf<MethodFailedException>([&plugin] { plugin.StartPlugin(); }); });
     }
     ExpectArrivals(arrived, kOperations);
-    const Descriptor go = LetGo();
+    const posix::Descriptor go = LetGo();
     for (std::thread& thread : threads) {
         thread.join();
     }
@@ -544,7 +544,7 @@ bool IsPending(pid_t thread, int number) {
 
 // A signal that is handled while an operation runs neither ends the wait nor fails the operation.
 TEST_F(NativeOperationTest, IsWaitedForAcrossSignals) {
-    const Descriptor arrived = MakePipe("arrived");
+    const posix::Descriptor arrived = MakePipe("arrived");
     ASSERT_EQ(mkfifo((folder / "go").c_str(), 0600), 0);
     struct sigaction previous {};
     struct sigaction interrupt {};
@@ -565,7 +565,7 @@ TEST_F(NativeOperationTest, IsWaitedForAcrossSignals) {
         pthread_kill(waiting.native_handle(), SIGUSR1);
         EXPECT_TRUE(test::WaitUntil([&] { return !IsPending(thread, SIGUSR1); }));
     }
-    const Descriptor go = LetGo();
+    const posix::Descriptor go = LetGo();
     waiting.join();
     EXPECT_EQ(result, "did not fail");
     ASSERT_EQ(sigaction(SIGUSR1, &previous, nullptr), 0);

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace lofter::test {
 
@@ -59,8 +59,8 @@ class Channel {
     }
 
   private:
-    platform::Descriptor reader;
-    platform::Descriptor writer;
+    posix::Descriptor reader;
+    posix::Descriptor writer;
 };
 
 }  // namespace lofter::test

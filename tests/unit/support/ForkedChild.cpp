@@ -7,12 +7,12 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-#include "Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace lofter::test {
 
 int WaitForChild(pid_t child, std::chrono::milliseconds bound) {
-    const platform::Descriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    const posix::Descriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
     pollfd ended{handle.Get(), POLLIN, 0};
     if (::poll(&ended, 1, static_cast<int>(bound.count())) != 1) {
         ADD_FAILURE() << "child " << child << " is still running";

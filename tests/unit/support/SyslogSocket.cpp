@@ -63,7 +63,7 @@ bool SyslogSocket::IsQuiet() {
 }
 
 int SyslogSocket::Fill(const std::string& path) {
-    const platform::Descriptor other(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const posix::Descriptor other(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = AddressOf(path);
     EXPECT_EQ(::connect(other.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     int count = 0;

@@ -5,7 +5,7 @@
 
 #include <sys/socket.h>
 
-#include "Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace lofter::test {
 
@@ -24,8 +24,8 @@ class SyslogSocket {
     int Fill(const std::string& path);
 
   private:
-    platform::Descriptor socket;
-    platform::Descriptor client;  // of a stream
+    posix::Descriptor socket;
+    posix::Descriptor client;  // of a stream
     int type;
 };
 

@@ -75,7 +75,7 @@ TerminalProcess::TerminalProcess(std::function<std::string()> body) {
         throw std::runtime_error("no pipe");
     }
     result.Reset(ends[0]);
-    Descriptor hand(ends[1]);
+    posix::Descriptor hand(ends[1]);
     process = ::fork();
     if (process == 0) {
         result = std::move(hand);

@@ -11,7 +11,7 @@
 #include <sys/types.h>
 #include <termios.h>
 
-#include "util/Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace lofter::test {
 
@@ -28,8 +28,8 @@ class PseudoTerminal {
     void CloseDevice() { slave.Reset(); }
 
   private:
-    Descriptor master;
-    Descriptor slave;
+    posix::Descriptor master;
+    posix::Descriptor slave;
 };
 
 class TerminalProcess {
@@ -67,7 +67,7 @@ class TerminalProcess {
     bool ReadSome(int milliseconds);
     void Run(const std::function<std::string()>& body);
 
-    Descriptor result;
+    posix::Descriptor result;
     pid_t process = -1;
     bool reaped = false;
     std::string unseen;

@@ -14,9 +14,9 @@
 
 #include "autocli/CommandRun.h"
 #include "autocli/autocli.h"
+#include "posix/Descriptor.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -28,7 +28,7 @@ using test::TemporaryDirectory;
 class StandardErrorFile {
   public:
     explicit StandardErrorFile(const std::string& path) : saved(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
-        const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+        const posix::Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
         ::dup2(file.Get(), STDERR_FILENO);
     }
     ~StandardErrorFile() { ::dup2(saved.Get(), STDERR_FILENO); }
@@ -36,7 +36,7 @@ class StandardErrorFile {
     StandardErrorFile& operator=(const StandardErrorFile&) = delete;
 
   private:
-    Descriptor saved;
+    posix::Descriptor saved;
 };
 
 std::size_t OpenDescriptors() {
@@ -94,7 +94,7 @@ TEST_F(Dispatcher, TellsTheCommandOnWhoseBehalfItRuns) {
 
 TEST_F(Dispatcher, GivesCommandsAnEmptyInputAndNoOtherDescriptors) {
     directory.WriteScript("show", "wc -c >" + Out() + "; ls /proc/self/fd | wc -w >>" + Out());
-    const Descriptor inheritable(::open("/dev/null", O_RDONLY));
+    const posix::Descriptor inheritable(::open("/dev/null", O_RDONLY));
     EXPECT_EQ(ErrorsOf("show"), Words());
     // Standard streams, and the one with which ls reads the directory.
     EXPECT_EQ(directory.Read("out"), "0\n4\n");
@@ -218,7 +218,7 @@ TEST_F(Dispatcher, DoesNotWaitForABackgroundChildAndSavesWhatItWritesLater) {
         EXPECT_EQ(ErrorsOf("daemon"), Words({"early"}));
     }
     EXPECT_EQ(directory.Read("out"), "");
-    const Descriptor go(::open((directory / "go").c_str(), O_WRONLY | O_CLOEXEC));
+    const posix::Descriptor go(::open((directory / "go").c_str(), O_WRONLY | O_CLOEXEC));
     ASSERT_EQ(::write(go.Get(), "\n", 1), 1);
     EXPECT_TRUE(test::WaitUntil([&] { return directory.Read("out") == "end\n"; }));
     EXPECT_TRUE(test::WaitUntil([&] { return directory.Read("errors") == "late\n"; }));

@@ -9,7 +9,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
+#include "posix/Descriptor.h"
 #include "support/Channel.h"
 #include "support/ForkedChild.h"
 #include "support/OpenDescriptors.h"
@@ -23,7 +23,7 @@ using lofter::test::ForkedChild;
 using lofter::test::OpenDescriptors;
 using lofter::test::TemporaryDirectory;
 using lofter::test::WaitForChild;
-using platform::Descriptor;
+using posix::Descriptor;
 
 // One call with everything at a usual value, to be varied.
 struct Call {
@@ -43,8 +43,8 @@ struct Call {
     }
 
     std::vector<std::string> words;
-    Descriptor null{::open("/dev/null", O_RDWR | O_CLOEXEC)};
-    Descriptor root{::open("/", O_RDONLY | O_CLOEXEC)};
+    posix::Descriptor null{::open("/dev/null", O_RDWR | O_CLOEXEC)};
+    posix::Descriptor root{::open("/", O_RDONLY | O_CLOEXEC)};
     std::array<int, 3> streams{null.Get(), null.Get(), null.Get()};
     int workingDirectory = root.Get();
     std::uint32_t userId = ::getuid();
@@ -128,7 +128,7 @@ TEST(ForkExec, InheritsStreamsAtTheirOwnNumbersThatAreMarkedCloseOnExec) {
 }
 
 TEST(ForkExec, InheritsNoOtherDescriptor) {
-    const Descriptor inheritable(::fcntl(STDIN_FILENO, F_DUPFD, 20));
+    const posix::Descriptor inheritable(::fcntl(STDIN_FILENO, F_DUPFD, 20));
     ASSERT_TRUE(inheritable);
     // The third is the directory as ls reads it.
     EXPECT_EQ(OutputOf(Call({"/bin/ls", "/proc/self/fd"})), "0\n1\n2\n3\n");
@@ -138,7 +138,7 @@ TEST(ForkExec, StartsInTheWorkingDirectory) {
     EXPECT_EQ(OutputOf(Call({"/bin/pwd"})), "/\n");
     const TemporaryDirectory directory;
     Call call({"/bin/pwd", "-P"});
-    const Descriptor opened(::open(directory.Path().c_str(), O_RDONLY | O_CLOEXEC));
+    const posix::Descriptor opened(::open(directory.Path().c_str(), O_RDONLY | O_CLOEXEC));
     call.workingDirectory = opened.Get();
     EXPECT_EQ(OutputOf(std::move(call)), directory.Path().string() + "\n");
 }

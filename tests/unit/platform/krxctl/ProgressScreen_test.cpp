@@ -51,8 +51,8 @@ class Terminal {
     }
 
     std::string path;
-    Descriptor master;
-    Descriptor slave;
+    posix::Descriptor master;
+    posix::Descriptor slave;
 };
 
 std::string Drawn(const std::string& line) {

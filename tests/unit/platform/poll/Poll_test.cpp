@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "util/Descriptor.h"
+#include "posix/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -17,8 +17,8 @@ namespace {
 constexpr int kReadable = kPollPeriodic | kPollRead | kPollSocket;
 
 struct Pipe {
-    Descriptor readEnd;
-    Descriptor writeEnd;
+    posix::Descriptor readEnd;
+    posix::Descriptor writeEnd;
 
     Pipe() {
         std::array<int, 2> ends{};

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
+#include "posix/Descriptor.h"
 #include "support/ForkedChild.h"
 #include "support/SyslogSocket.h"
 #include "support/TemporaryDirectory.h"
@@ -72,7 +72,8 @@ class Noise {
 
 TEST(LogFork, LetsEachChildLogAtOnceWhileThreadsOfTheParentLog) {
     const lofter::test::TemporaryDirectory directory;
-    const Descriptor file(::open((directory / "lines").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    const posix::Descriptor file(
+        ::open((directory / "lines").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     Noise noise(directory / "log", file.Get());
     for (int number = 0; number < kChildren; ++number) {
         lofter::test::ForkedChild child([number] {

@@ -38,8 +38,8 @@ struct FullPipe {
         }
         return last;
     }
-    Descriptor reader;
-    Descriptor writer;
+    posix::Descriptor reader;
+    posix::Descriptor writer;
 };
 
 TEST(StreamOutput, WritesTimeLevelAndIdentifierBeforeTheText) {
@@ -142,7 +142,7 @@ TEST(StreamOutput, LeavesTheCallersPendingSignalPending) {
 
 TEST(StreamOutput, IgnoresFailures) {
     StreamOutput(-1, "lofter", kPlain).Write(125, "nowhere");
-    const Descriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const posix::Descriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     StreamOutput(full.Get(), "lofter", kPlain).Write(125, "no space");
 }
 

@@ -3,7 +3,7 @@
 
 #include <sys/types.h>
 
-namespace lofter {
+namespace posix {
 
 // Closes every descriptor from the given one up. Async-signal-safe where the system can close a range in one call.
 void CloseDescriptorsFrom(int first);
@@ -11,4 +11,4 @@ void CloseDescriptorsFrom(int first);
 // Waits for the child's end, across signals. Returns false, with errno set, when it cannot be waited for.
 bool WaitForChild(pid_t child, int& status);
 
-}  // namespace lofter
+}  // namespace posix

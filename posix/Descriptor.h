@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-namespace lofter {
+namespace posix {
 
 class Descriptor {
   public:
@@ -47,4 +47,4 @@ class Descriptor {
     int descriptor = -1;
 };
 
-}  // namespace lofter
+}  // namespace posix

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace platform {
+namespace posix {
 
 // The text with a question mark in place of every control character but line ends: nothing in a plugin's name moves the
 // cursor or programs the terminal.
@@ -29,4 +29,4 @@ inline std::string_view Shortened(std::string_view text, std::size_t bytes) {
     return text.substr(0, bytes);
 }
 
-}  // namespace platform
+}  // namespace posix

@@ -1,13 +1,13 @@
-#include "util/ChildProcess.h"
+#include "posix/ChildProcess.h"
 
 #include <cerrno>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "util/Descriptor.h"
+#include "posix/Descriptor.h"
 
-namespace lofter {
+namespace posix {
 
 void CloseDescriptorsFrom(int first) {
     if (close_range(static_cast<unsigned>(first), ~0U, 0) == 0) {
@@ -28,4 +28,4 @@ bool WaitForChild(pid_t child, int& status) {
     return waited == child;
 }
 
-}  // namespace lofter
+}  // namespace posix

@@ -1,4 +1,4 @@
-#include "util/ChildProcess.h"
+#include "posix/ChildProcess.h"
 
 #include <cerrno>
 #include <csignal>
@@ -10,9 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "posix/Descriptor.h"
 #include "support/ChildOutcome.h"
 #include "support/SyscallFilter.h"
-#include "util/Descriptor.h"
 
 namespace lofter {
 namespace {
@@ -26,7 +26,7 @@ TEST(CloseDescriptorsFrom, ClosesThatOneAndAllAboveAndNoneBelow) {
         for (const int number : {5, 6, 7, 100, 900}) {
             dup2(STDIN_FILENO, number);
         }
-        CloseDescriptorsFrom(6);
+        posix::CloseDescriptorsFrom(6);
         std::string open;
         for (const int number : {0, 1, 2, 5, 6, 7, 100, 900}) {
             open += IsOpen(number) ? std::to_string(number) + " " : "";
@@ -41,7 +41,7 @@ TEST(CloseDescriptorsFrom, ReachesDescriptorsAboveTheLimitOfToday) {
         dup2(STDIN_FILENO, 200);
         const rlimit limit{100, 100};
         setrlimit(RLIMIT_NOFILE, &limit);
-        CloseDescriptorsFrom(STDERR_FILENO + 1);
+        posix::CloseDescriptorsFrom(STDERR_FILENO + 1);
         return IsOpen(200) ? "open" : "closed";
     });
     EXPECT_EQ(outcome, "closed");
@@ -53,7 +53,7 @@ TEST(CloseDescriptorsFrom, ClosesOneByOneWhereTheSystemHasNoCallForARange) {
             dup2(STDIN_FILENO, number);
         }
         test::FilterSyscalls({{.number = SYS_close_range, .error = ENOSYS}});
-        CloseDescriptorsFrom(6);
+        posix::CloseDescriptorsFrom(6);
         std::string open;
         for (const int number : {0, 1, 2, 5, 6, 7, 100}) {
             open += IsOpen(number) ? std::to_string(number) + " " : "";
@@ -69,14 +69,14 @@ TEST(WaitForChild, GivesTheStatusOfTheChild) {
         _exit(7);
     }
     int status = 0;
-    ASSERT_TRUE(WaitForChild(child, status));
+    ASSERT_TRUE(posix::WaitForChild(child, status));
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 7);
 }
 
 TEST(WaitForChild, SaysThatThereIsNoSuchChild) {
     int status = 0;
-    EXPECT_FALSE(WaitForChild(getpid(), status));
+    EXPECT_FALSE(posix::WaitForChild(getpid(), status));
     EXPECT_EQ(errno, ECHILD);
 }
 
@@ -96,7 +96,7 @@ TEST(WaitForChild, GoesOnWaitingAcrossSignals) {
             _exit(3);
         }
         int status = 0;
-        const bool waited = WaitForChild(child, status);
+        const bool waited = posix::WaitForChild(child, status);
         return std::string(waited ? "waited " : "gave up ") + std::to_string(WEXITSTATUS(status));
     });
     EXPECT_EQ(outcome, "waited 3");

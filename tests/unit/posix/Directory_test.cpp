@@ -1,4 +1,4 @@
-#include "util/AcrossSignals.h"
+#include "posix/Directory.h"
 
 #include <cerrno>
 #include <cstring>
@@ -20,7 +20,7 @@ TEST(FileNames, AreThoseOfEveryKindOfEntryButTheDots) {
     folder.Write(".hidden", "");
     folder.Write("folder/inside", "");
     std::filesystem::create_symlink("nowhere", folder / "link");
-    const std::vector<std::string> names = FileNamesAcrossSignals(folder.Path());
+    const std::vector<std::string> names = posix::FileNames(folder.Path());
     EXPECT_EQ(std::multiset<std::string>(names.begin(), names.end()),
               (std::multiset<std::string>{".hidden", "file", "folder", "link"}));
 }
@@ -32,7 +32,7 @@ TEST(FileNames, AreNoneInADirectoryThatWasRemoved) {
                       const test::TemporaryDirectory folder;
                       std::filesystem::current_path(folder.Path());
                   }
-                  return std::to_string(FileNamesAcrossSignals(".").size());
+                  return std::to_string(posix::FileNames(".").size());
               }),
               "0");
 }
@@ -42,7 +42,7 @@ TEST(FileNames, OfWhatIsNoDirectoryAreRefusedWithTheReason) {
     for (const auto& [path, error] :
          {std::pair(folder.Write("file", ""), ENOTDIR), std::pair(folder / "missing", ENOENT)}) {
         try {
-            FileNamesAcrossSignals(path);
+            posix::FileNames(path);
             ADD_FAILURE() << path;
         } catch (const std::filesystem::filesystem_error& e) {
             EXPECT_EQ(e.what(), "filesystem error: directory iterator cannot open directory: " +

@@ -1,4 +1,4 @@
-#include "util/Descriptor.h"
+#include "posix/Descriptor.h"
 
 #include <cerrno>
 
@@ -12,12 +12,12 @@ bool IsOpen(int number) {
     return ::fcntl(number, F_GETFD) != -1;
 }
 
-Descriptor OpenNull() {
-    return Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+posix::Descriptor OpenNull() {
+    return posix::Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 TEST(Descriptor, OwnsNothingAtFirst) {
-    const Descriptor nothing;
+    const posix::Descriptor nothing;
     EXPECT_FALSE(nothing);
     EXPECT_EQ(nothing.Get(), -1);
 }
@@ -25,7 +25,7 @@ TEST(Descriptor, OwnsNothingAtFirst) {
 TEST(Descriptor, ClosesWhatItOwnsWhenItGoes) {
     int number = -1;
     {
-        const Descriptor owner = OpenNull();
+        const posix::Descriptor owner = OpenNull();
         number = owner.Get();
         ASSERT_TRUE(IsOpen(number));
     }
@@ -33,8 +33,8 @@ TEST(Descriptor, ClosesWhatItOwnsWhenItGoes) {
 }
 
 TEST(Descriptor, MovesItsOwnershipAndClosesWhatTheTargetOwned) {
-    Descriptor source = OpenNull();
-    Descriptor target = OpenNull();
+    posix::Descriptor source = OpenNull();
+    posix::Descriptor target = OpenNull();
     const int kept = source.Get();
     const int dropped = target.Get();
     target = std::move(source);
@@ -46,16 +46,16 @@ TEST(Descriptor, MovesItsOwnershipAndClosesWhatTheTargetOwned) {
 TEST(Descriptor, LeavesReleasedDescriptorsOpen) {
     int number = -1;
     {
-        Descriptor owner = OpenNull();
+        posix::Descriptor owner = OpenNull();
         number = owner.Release();
         EXPECT_FALSE(owner);
     }
     EXPECT_TRUE(IsOpen(number));
-    const Descriptor cleanUp(number);
+    const posix::Descriptor cleanUp(number);
 }
 
 TEST(Descriptor, KeepsTheReasonOfAFailureWhileItCloses) {
-    Descriptor owner = OpenNull();
+    posix::Descriptor owner = OpenNull();
     errno = ECONNREFUSED;
     owner.Reset();
     EXPECT_EQ(errno, ECONNREFUSED);

@@ -1,40 +1,16 @@
-// Repeats a system call for as long as signals interrupt it. Opening is such a call, too: of a pipe, a device, or a
-// file that another machine or program serves.
-#pragma once
+#include "posix/Directory.h"
 
 #include <cerrno>
 #include <filesystem>
-#include <ios>
 #include <memory>
-#include <string>
 #include <string_view>
 #include <system_error>
-#include <vector>
 
 #include <dirent.h>
 
-namespace lofter {
+namespace posix {
 
-template <typename Call>
-auto AcrossSignals(Call call) {
-    auto result = call();
-    while (result == -1 && errno == EINTR) {
-        result = call();
-    }
-    return result;
-}
-
-// The same for a file stream or its buffer. Why it is not open then is in errno.
-template <typename File, typename Path>
-void OpenAcrossSignals(File& file, const Path& path, std::ios_base::openmode mode) {
-    do {
-        errno = 0;
-        file.open(path, mode);
-    } while (!file.is_open() && errno == EINTR);
-}
-
-// The names in a directory but "." and "..", in the directory's order. Throws filesystem_error when it cannot be read.
-inline std::vector<std::string> FileNamesAcrossSignals(const std::string& path) {
+std::vector<std::string> FileNames(const std::string& path) {
     struct Close {
         void operator()(DIR* directory) const { ::closedir(directory); }
     };
@@ -62,4 +38,4 @@ inline std::vector<std::string> FileNamesAcrossSignals(const std::string& path) 
     return names;
 }
 
-}  // namespace lofter
+}  // namespace posix

@@ -1,0 +1,13 @@
+// What is in a directory.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace posix {
+
+// The names in it but "." and "..", in the directory's order. Throws std::filesystem::filesystem_error when it cannot
+// be read. The standard library's walk aborts the process when memory runs out.
+std::vector<std::string> FileNames(const std::string& path);
+
+}  // namespace posix

@@ -1,0 +1,39 @@
+// Files: opened without surprises, read and written whole, made durable.
+//
+// Whatever fails says why in errno. Interrupted calls are repeated.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+#include <sys/types.h>
+
+#include "posix/Descriptor.h"
+
+namespace posix {
+
+// Closed on exec, and never the controlling terminal. Owns nothing when the file cannot be opened.
+Descriptor OpenFile(const std::string& path, int flags, mode_t mode = 0);
+
+// The same for what has to be a regular file. Never waits for a pipe's other end: what is no regular file, but can be
+// opened, fails with ENXIO.
+Descriptor OpenRegularFile(const std::string& path, int flags, mode_t mode = 0);
+
+bool IsRegularFile(const Descriptor& file);
+
+// What is left of a file up to its end; nothing when reading fails on the way.
+std::optional<std::string> ReadWhole(const Descriptor& file);
+
+// False when not all of the text could be written.
+bool WriteWhole(const Descriptor& file, std::string_view text);
+
+// False when the data did not reach the disk. A file that cannot be synced, such as a pipe, counts as synced.
+bool SyncToDisk(const Descriptor& file);
+
+// Puts a file of that content and mode in the path's place in one step. False when it cannot be done; what was there
+// before is untouched then.
+bool ReplaceFile(const std::string& path, std::string_view content, mode_t mode);
+
+}  // namespace posix
