@@ -1,5 +1,6 @@
 #include "posix/File.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -12,37 +13,62 @@
 
 namespace posix {
 
+namespace {
+
+// 0 when there is nothing to tell it from.
+mode_t KindOf(const Descriptor& file) {
+    struct stat status {};
+    return ::fstat(file.Get(), &status) == 0 ? status.st_mode : 0;
+}
+
+Descriptor OpenKind(const std::string& path, int flags, mode_t mode, bool (*isWanted)(mode_t)) {
+    Descriptor file = OpenFile(path, flags | O_NONBLOCK, mode);
+    if (!file) {
+        return file;
+    }
+    const mode_t kind = KindOf(file);
+    if (!isWanted(kind)) {
+        file.Reset();
+        errno = S_ISDIR(kind) ? EISDIR : ENXIO;
+    } else {
+        ::fcntl(file.Get(), F_SETFL, flags & ~O_NONBLOCK);
+    }
+    return file;
+}
+
+}  // namespace
+
 Descriptor OpenFile(const std::string& path, int flags, mode_t mode) {
     return Descriptor(AcrossSignals([&] { return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, mode); }));
 }
 
 Descriptor OpenRegularFile(const std::string& path, int flags, mode_t mode) {
-    Descriptor file = OpenFile(path, flags | O_NONBLOCK, mode);
-    if (file && !IsRegularFile(file)) {
-        file.Reset();
-        errno = ENXIO;
-    }
-    return file;
+    return OpenKind(path, flags, mode, [](mode_t kind) { return S_ISREG(kind); });
+}
+
+Descriptor OpenFileOrDevice(const std::string& path, int flags, mode_t mode) {
+    return OpenKind(path, flags, mode, [](mode_t kind) { return S_ISREG(kind) || S_ISCHR(kind); });
 }
 
 bool IsRegularFile(const Descriptor& file) {
-    struct stat status {};
-    return ::fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
+    return S_ISREG(KindOf(file));
 }
 
-std::optional<std::string> ReadWhole(const Descriptor& file) {
+std::optional<std::string> ReadWhole(const Descriptor& file, std::size_t longest) {
     std::string content;
     std::array<char, std::size_t{64} * 1024> buffer;
-    for (;;) {
-        const ssize_t length = AcrossSignals([&] { return ::read(file.Get(), buffer.data(), buffer.size()); });
+    while (content.size() < longest) {
+        const std::size_t wanted = std::min(buffer.size(), longest - content.size());
+        const ssize_t length = AcrossSignals([&] { return ::read(file.Get(), buffer.data(), wanted); });
         if (length < 0) {
             return std::nullopt;
         }
         if (length == 0) {
-            return content;
+            break;
         }
         content.append(buffer.data(), static_cast<std::size_t>(length));
     }
+    return content;
 }
 
 bool WriteWhole(const Descriptor& file, std::string_view text) {

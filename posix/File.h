@@ -3,6 +3,7 @@
 // Whatever fails says why in errno. Interrupted calls are repeated.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,13 +19,16 @@ namespace posix {
 Descriptor OpenFile(const std::string& path, int flags, mode_t mode = 0);
 
 // The same for what has to be a regular file. Never waits for a pipe's other end: what is no regular file, but can be
-// opened, fails with ENXIO.
+// opened, fails with ENXIO, or with EISDIR if it is a directory. Reading and writing wait as usual.
 Descriptor OpenRegularFile(const std::string& path, int flags, mode_t mode = 0);
+
+// The same for what may be a character device, too.
+Descriptor OpenFileOrDevice(const std::string& path, int flags, mode_t mode = 0);
 
 bool IsRegularFile(const Descriptor& file);
 
-// What is left of a file up to its end; nothing when reading fails on the way.
-std::optional<std::string> ReadWhole(const Descriptor& file);
+// What is left of a file up to its end, or to that many bytes; nothing when reading fails on the way.
+std::optional<std::string> ReadWhole(const Descriptor& file, std::size_t longest = std::string::npos);
 
 // False when not all of the text could be written.
 bool WriteWhole(const Descriptor& file, std::string_view text);

@@ -5,14 +5,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "posix/AcrossSignals.h"
-#include "posix/Descriptor.h"
 #include "posix/File.h"
 
 namespace lofter {
@@ -23,15 +23,6 @@ constexpr char kPatternSuffix[] = ".XXXXXX";
 
 std::string ErrorText(int error) {
     return std::strerror(error);
-}
-
-// The rename must not become durable before the data that it publishes. A file that has gone is the rename's to report.
-void SyncFile(const std::string& path) {
-    const posix::Descriptor file = posix::OpenFile(path, O_WRONLY);
-    const bool isDone = file ? posix::SyncToDisk(file) : errno == ENOENT;
-    if (!isDone) {
-        throw std::runtime_error("unable to sync '" + path + "': " + ErrorText(errno));
-    }
 }
 
 }  // namespace
@@ -49,6 +40,7 @@ void afstream::Discard() {
         return;
     }
     file.close();
+    temporary.Reset();
     unlink(tempName.c_str());
     tempName.clear();
     destination.clear();
@@ -66,8 +58,8 @@ void afstream::CreateTemporaryFile(const char* path) {
     }
     tempName.reserve(size);  // once there is a file, nothing may keep its name from being noted
     destination = path;
-    const posix::Descriptor descriptor(mkstemp(pattern.get()));
-    if (descriptor.Get() < 0) {
+    temporary.Reset(mkostemp(pattern.get(), O_CLOEXEC));
+    if (!temporary) {
         throw std::runtime_error("unable to create temporary file to write '" + std::string(path) +
                                  "': " + ErrorText(errno));
     }
@@ -77,7 +69,10 @@ void afstream::CreateTemporaryFile(const char* path) {
 void afstream::open(const char* path, std::ios_base::openmode mode) {
     Discard();
     CreateTemporaryFile(path);
-    posix::OpenAcrossSignals(file, tempName, mode | std::ios_base::out);
+    posix::Descriptor written(fcntl(temporary.Get(), F_DUPFD_CLOEXEC, 0));
+    if (written) {
+        file = posix::BufferOn(std::move(written), mode | std::ios_base::out);
+    }
     if (file.is_open()) {
         clear();
     } else {
@@ -90,18 +85,15 @@ void afstream::open(const char* path, std::ios_base::openmode mode) {
 
 void afstream::reopen(const char* path, std::ios_base::openmode mode) {
     open(path, mode);
-    {
-        std::ifstream current;
-        posix::OpenAcrossSignals(current, path, std::ios_base::in | std::ios_base::binary);
-        // An empty destination is no failure of the system's.
-        errno = current.is_open() ? 0 : errno;
-        // Sets the fail state when nothing could be copied: there must be something to extend.
-        *this << current.rdbuf();
+    const posix::Descriptor current = posix::OpenRegularFile(path, O_RDONLY);
+    const std::optional<std::string> content = current ? posix::ReadWhole(current) : std::nullopt;
+    if (content && !content->empty()) {
+        write(content->data(), static_cast<std::streamsize>(content->size()));
         flush();
-        // A copy that broke off in the middle does not.
-        if (good() && current.peek() != std::ifstream::traits_type::eof()) {
-            setstate(std::ios_base::badbit);
-        }
+    } else {
+        // There must be something to extend. An empty destination is no failure of the system's.
+        errno = content ? 0 : errno;
+        setstate(std::ios_base::failbit);
     }
     if (!good()) {
         throw std::runtime_error("failed to write to temp file: " + ErrorText(errno));
@@ -116,7 +108,10 @@ void afstream::commit() {
     if (file.close() == nullptr) {
         setstate(std::ios_base::failbit);
     }
-    SyncFile(tempName);
+    // The rename must not become durable before the data that it publishes.
+    if (!posix::SyncToDisk(temporary)) {
+        throw std::runtime_error("unable to sync '" + tempName + "': " + ErrorText(errno));
+    }
 
     errno = 0;
     struct stat old {};
@@ -126,9 +121,12 @@ void afstream::commit() {
         throw std::runtime_error("unable to rename '" + tempName + "' to '" + destination + "': " + ErrorText(errno));
     }
     tempName.clear();
+    const posix::Descriptor committed = std::move(temporary);
 
+    // The right to run as the owner or the group of the old file is not for the new one: its owner may be another.
+    constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
     int permissionError = statError == ENOENT ? 0 : statError;
-    if (hasOld && chmod(destination.c_str(), old.st_mode & 07777) != 0) {
+    if (hasOld && fchmod(committed.Get(), old.st_mode & kPermissions) != 0) {
         permissionError = errno;
     }
     if (permissionError != 0) {

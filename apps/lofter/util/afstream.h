@@ -1,16 +1,18 @@
 // An output file stream that never writes its destination in place.
 //
 // Opening creates a uniquely named temporary file beside the destination; commit() syncs it and moves it over the
-// destination in one step, with the permissions that the old destination had. A stream that is destroyed without a
-// commit removes its temporary file and leaves the destination as it was. One stream is used by one thread; several may
-// write the same destination, and the last commit wins.
+// destination in one step, with the permissions that the old destination had, but without its set-id and sticky bits. A
+// stream that is destroyed without a commit removes its temporary file and leaves the destination as it was. One stream
+// is used by one thread; several may write the same destination, and the last commit wins.
 //
 // Failures are std::runtime_error. The destination is not touched before the rename.
 #pragma once
 
-#include <fstream>
 #include <ostream>
 #include <string>
+
+#include "posix/Descriptor.h"
+#include "posix/FileBuffer.h"
 
 namespace lofter {
 
@@ -27,7 +29,7 @@ class afstream : public std::ostream {
     // with errno as the failed call left it.
     void open(const char* path, std::ios_base::openmode mode);
 
-    // The same, and copies the destination's current content, which must exist and not be empty, into the stream.
+    // The same, and copies the destination's current content into the stream. It must be a regular file and not empty.
     // Throws "failed to write to temp file: <reason>" as well.
     void reopen(const char* path, std::ios_base::openmode mode);
 
@@ -42,9 +44,10 @@ class afstream : public std::ostream {
     void CreateTemporaryFile(const char* path);
     void Discard();
 
-    std::filebuf file;
-    std::string tempName;     // empty until an open succeeded in creating it
-    std::string destination;  // empty likewise
+    posix::FileBuffer file;
+    posix::Descriptor temporary;  // to the end: by its name it may be another file by now
+    std::string tempName;         // empty until an open succeeded in creating it
+    std::string destination;      // empty likewise
 };
 
 }  // namespace lofter

@@ -35,10 +35,43 @@ TEST(OpenRegularFile, DoesNotWaitForTheOtherEndOfAPipe) {
 
 TEST(OpenRegularFile, RefusesADirectoryAndSaysWhatIsMissing) {
     const test::TemporaryDirectory folder;
-    EXPECT_FALSE(posix::OpenRegularFile(folder.Path(), O_RDONLY));
-    EXPECT_EQ(errno, ENXIO);
+    for (const int access : {O_RDONLY, O_WRONLY, O_RDWR}) {
+        EXPECT_FALSE(posix::OpenRegularFile(folder.Path(), access));
+        EXPECT_EQ(errno, EISDIR) << access;
+    }
     EXPECT_FALSE(posix::OpenRegularFile(folder / "missing", O_RDONLY));
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(OpenRegularFile, RefusesADevice) {
+    EXPECT_FALSE(posix::OpenRegularFile("/dev/null", O_RDWR));
+    EXPECT_EQ(errno, ENXIO);
+}
+
+TEST(OpenRegularFile, LeavesNoOtherFlagsThanWanted) {
+    const test::TemporaryDirectory folder;
+    const Descriptor file = posix::OpenRegularFile(folder / "file", O_WRONLY | O_CREAT | O_APPEND, 0600);
+    EXPECT_EQ(fcntl(file.Get(), F_GETFL) & (O_ACCMODE | O_APPEND | O_NONBLOCK), O_WRONLY | O_APPEND);
+    EXPECT_EQ(fcntl(file.Get(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST(OpenFileOrDevice, TakesBothAndNothingElse) {
+    const test::TemporaryDirectory folder;
+    EXPECT_TRUE(posix::OpenFileOrDevice("/dev/null", O_RDWR));
+    EXPECT_TRUE(posix::OpenFileOrDevice(folder.Write("file", ""), O_RDONLY));
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    EXPECT_FALSE(posix::OpenFileOrDevice(folder / "pipe", O_RDWR));
+    EXPECT_EQ(errno, ENXIO);
+}
+
+TEST(File, IsReadUpToALength) {
+    const test::TemporaryDirectory folder;
+    folder.Write("file", std::string(200'000, 'x'));
+    for (const std::size_t length : {std::size_t{0}, std::size_t{64}, std::size_t{150'000}, std::size_t{200'000}}) {
+        EXPECT_EQ(posix::ReadWhole(posix::OpenRegularFile(folder / "file", O_RDONLY), length),
+                  std::string(length, 'x'));
+    }
+    EXPECT_EQ(posix::ReadWhole(posix::OpenRegularFile(folder / "file", O_RDONLY), 300'000), std::string(200'000, 'x'));
 }
 
 TEST(File, IsReadAsItWasWritten) {

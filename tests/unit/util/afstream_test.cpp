@@ -21,13 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Systems that came later lack the older call.
-#ifdef SYS_chmod
-constexpr int kChmod = SYS_chmod;
-#else
-constexpr int kChmod = SYS_fchmodat;
-#endif
-
 std::string FailureOf(const std::function<void()>& action) {
     try {
         action();
@@ -73,7 +66,7 @@ TEST_F(AtomicFileStream, CreatesAMissingDestinationForItsOwnerOnly) {
 }
 
 TEST_F(AtomicFileStream, GivesTheResultThePermissionsOfTheOldFile) {
-    for (const mode_t mode : {0644U, 0400U, 04711U}) {
+    for (const mode_t mode : {0644U, 0400U, 0711U}) {
         folder.Write("log", "old");
         ASSERT_EQ(::chmod(path.c_str(), mode), 0);
         afstream stream;
@@ -84,6 +77,37 @@ TEST_F(AtomicFileStream, GivesTheResultThePermissionsOfTheOldFile) {
         EXPECT_EQ(ModeOf(path), mode);
         fs::remove(path);
     }
+}
+
+TEST_F(AtomicFileStream, NeverKeepsTheRightToBeSomebodyElse) {
+    for (const mode_t mode : {04755U, 02711U, 07777U}) {
+        folder.Write("log", "old");
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+        afstream stream;
+        stream.open(path.c_str(), std::ios_base::out);
+        stream.commit();
+        EXPECT_EQ(ModeOf(path), mode & 0777U);
+    }
+}
+
+// Whoever may write into the folder can put a link in the temporary file's place at any moment.
+TEST_F(AtomicFileStream, NeverTouchesWhatALinkInTheTemporaryFilesPlaceLeadsTo) {
+    folder.Write("log", "old");
+    folder.Write("victim", "untouched");
+    ASSERT_EQ(::chmod(path.c_str(), 0777), 0);
+    ASSERT_EQ(::chmod((folder / "victim").c_str(), 0600), 0);
+    afstream stream;
+    stream.open(path.c_str(), std::ios_base::out);
+    stream << "new";
+    for (const std::string& name : Others()) {
+        if (name != "victim") {
+            fs::remove(folder / name);
+            fs::create_symlink("victim", folder / name);
+        }
+    }
+    stream.commit();
+    EXPECT_EQ(folder.Read("victim"), "untouched");
+    EXPECT_EQ(ModeOf(folder / "victim"), 0600U);
 }
 
 TEST_F(AtomicFileStream, WritesIntoAFileOfSixRandomCharactersBesideTheDestination) {
@@ -197,6 +221,16 @@ TEST_F(AtomicFileStream, ReopenOfADirectoryFails) {
     EXPECT_TRUE(Others().empty());
 }
 
+TEST_F(AtomicFileStream, ReopenOfAPipeFailsAtOnce) {
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    {
+        afstream stream;
+        EXPECT_EQ(FailureOf([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
+                  "failed to write to temp file: No such device or address");
+    }
+    EXPECT_TRUE(Others().empty());
+}
+
 TEST_F(AtomicFileStream, ReopenReportsACopyThatBreaksOff) {
     folder.Write("log", std::string(100'000, 'x'));
     for (const unsigned long limit : {0UL, 20'000UL, 99'999UL}) {
@@ -267,7 +301,7 @@ TEST_F(AtomicFileStream, ReportsPermissionsThatCouldNotBeSet) {
         afstream stream;
         stream.open(path.c_str(), std::ios_base::out);
         stream << "new";
-        test::FilterSyscalls({{.number = kChmod, .error = EPERM}});
+        test::FilterSyscalls({{.number = SYS_fchmod, .error = EPERM}});
         return FailureOf([&] { stream.commit(); });
     });
     EXPECT_EQ(outcome,
@@ -295,8 +329,8 @@ TEST_F(AtomicFileStream, LeavesTheOldFileWhenTheNewOneDoesNotReachTheDisk) {
 TEST_F(AtomicFileStream, SaysWhyTheTemporaryFileCannotBeOpened) {
     folder.Write("log", "old");
     const std::string outcome = test::InForkedChild([&] {
-        // As a stream opens it; it is created by another call.
-        test::FilterSyscalls({{.number = SYS_openat, .third = O_WRONLY | O_CREAT | O_TRUNC, .error = EMFILE}});
+        // The stream gets a descriptor of its own; the file is created by another call.
+        test::FilterSyscalls({{.number = SYS_fcntl, .second = F_DUPFD_CLOEXEC, .error = EMFILE}});
         afstream stream;
         return FailureOf([&] { stream.open(path.c_str(), std::ios_base::out); });
     });
