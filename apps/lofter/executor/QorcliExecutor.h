@@ -53,7 +53,8 @@ class QorcliExecutor {
 
     // The executor process's own steps.
 
-    // Creates the control socket and listens on it. Throws when that fails.
+    // Creates the control socket (mode 600 from its first moment, whatever the umask) and listens on it. Throws when
+    // that fails. Called before the process has other threads.
     void SetupSocket();
 
     // Starts the thread that serves the socket. Throws "Failed creating Executor Event Loop thread".

@@ -9,6 +9,7 @@
 
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Logging.h"
@@ -41,6 +42,24 @@ Exception SystemFailure(const char* what) {
 // Any text that merely begins with the word counts; kept on purpose.
 bool IsStop(const char* command) {
     return ::strncasecmp(command, kStopWord, std::strlen(kStopWord)) == 0;
+}
+
+// While it lives, what is made is made for its owner alone. The umask is the whole process's.
+class OwnersUmask {
+  public:
+    OwnersUmask() : before(::umask(S_IXUSR | S_IRWXG | S_IRWXO)) {}
+    ~OwnersUmask() { ::umask(before); }
+    OwnersUmask(const OwnersUmask&) = delete;
+    OwnersUmask& operator=(const OwnersUmask&) = delete;
+
+  private:
+    const mode_t before;
+};
+
+// Whoever may write to the socket may run host commands: at no moment is it anybody else's.
+int BindForOwner(const posix::Descriptor& unbound, const ControlSocketAddress& address) {
+    const OwnersUmask umask;
+    return ::bind(unbound.Get(), address.Get(), ControlSocketAddress::Length());
 }
 
 }  // namespace
@@ -84,7 +103,7 @@ void QorcliExecutor::SetupSocket() {
     if (!created) {
         throw SystemFailure("Error opening control socket for executor: ");
     }
-    if (::bind(created.Get(), address.Get(), ControlSocketAddress::Length()) != 0) {
+    if (BindForOwner(created, address) != 0) {
         throw SystemFailure("Failed to bind to executor control socket: ");
     }
     if (::listen(created.Get(), kBacklog) != 0) {

@@ -19,6 +19,7 @@
 #include <netinet/in.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -175,6 +176,35 @@ TEST_F(CommandExecutor, PrintsOnItsLogFile) {
     EXPECT_NE(directory.Read("log").find("usage: "), std::string::npos);
     EXPECT_EQ(std::filesystem::status(directory / "log").permissions() & std::filesystem::perms::all,
               std::filesystem::perms(0644));
+}
+
+// As it is at its first moment: what comes behind its creation fails.
+TEST_F(CommandExecutor, HasASocketThatIsItsOwnersAloneFromTheBeginning) {
+    for (const mode_t mask : {0U, 0022U, 0777U}) {
+        std::filesystem::remove(socketPath);
+        EXPECT_EQ(test::InForkedChild([&] {
+                      ::umask(mask);
+                      test::FilterSyscalls({{.number = SYS_listen, .error = EPERM}});
+                      return FailureOf([&] { executor.SetupSocket(); });
+                  }),
+                  "Failed to listen on executor control socket: Operation not permitted");
+        EXPECT_EQ(std::filesystem::status(socketPath).permissions(), std::filesystem::perms(0600)) << mask;
+    }
+    std::filesystem::remove(socketPath);
+}
+
+TEST_F(CommandExecutor, LeavesTheUmaskAsItWas) {
+    EXPECT_EQ(test::InForkedChild([&] {
+                  ::umask(0027);
+                  executor.SetupSocket();
+                  const bool isUnchanged = ::umask(0) == 0027;
+                  QorcliExecutor late(socketPath, directory / "log");
+                  ::umask(0027);
+                  EXPECT_NE(FailureOf([&] { late.SetupSocket(); }), "");
+                  return isUnchanged && ::umask(0) == 0027 ? "unchanged" : "changed";
+              }),
+              "unchanged");
+    std::filesystem::remove(socketPath);
 }
 
 TEST_F(CommandExecutor, IsListeningWhenTheResetReturns) {
