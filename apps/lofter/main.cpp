@@ -17,6 +17,8 @@
 #include "ProfilingLog.h"
 #include "RunSequence.h"
 #include "Settings.h"
+#include "posix/AcrossSignals.h"
+#include "posix/Descriptor.h"
 
 // Host tools recognise the programs that speak the command protocol by this object. The program itself never reads it.
 static const std::uint32_t qorclicMagic = 0x5CA1AB1E;
@@ -28,11 +30,20 @@ const std::uint32_t* const __qorclic_magic = &qorclicMagic;
 
 namespace {
 
-// Files that are opened later must not become a standard stream that the invoking process left closed.
+bool Opens(const char* path, int flags) {
+    return posix::AcrossSignals([&] { return open(path, flags); }) >= 0;
+}
+
+// Files that are opened later must not become a standard stream that the invoking process left closed. What is opened
+// gets the lowest free number, which is the stream's.
 void OpenMissingStandardStreams() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-        if (fcntl(stream, F_GETFD) < 0) {
-            static_cast<void>(open(lofter::paths::kNull, O_RDWR));  // the lowest free number, which is the stream's
+        if (fcntl(stream, F_GETFD) >= 0 || Opens(lofter::paths::kNull, O_RDWR) || Opens("/", O_RDONLY)) {
+            continue;
+        }
+        int ends[2];
+        if (pipe(ends) == 0) {
+            const posix::Descriptor other(ends[1]);  // goes: what is read from the stream ends at once
         }
     }
 }
