@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -119,8 +120,9 @@ bool RunSequence::StartExecutorProcess() const {
 void RunSequence::EnterRoot() {
     std::error_code error;
     const std::filesystem::path absolute = std::filesystem::absolute(options.pluginDirectory, error);
-    // Without a current directory to go by, the directory stays as it was given; reading it will tell.
     settings.pluginDirectory = error ? options.pluginDirectory : absolute.string();
+    // An empty path stays empty wherever the run is called.
+    directoryFailure = options.pluginDirectory.empty() ? std::error_code() : error;
 
     if (chdir("/") != 0) {
         Log_Level(kInfo, "unable to change filesystem root: %s.\n", std::strerror(errno));
@@ -148,6 +150,10 @@ bool RunSequence::BuildNodeList() {
 void RunSequence::DiscoverPlugins() {
     if (settings.invoke) {
         ReadRunOnceRecord(paths::kRunOnceArchive, runOnce);
+    }
+    if (directoryFailure) {
+        throw std::filesystem::filesystem_error("no current directory to go by", options.pluginDirectory,
+                                                directoryFailure);
     }
     Discovery discovery(
         {settings.pluginDirectory, paths::kDebugConfiguration, settings.disabledPlugins, options.pluginFlags}, runOnce,
@@ -211,12 +217,14 @@ void RunSequence::WriteRunOnce() const {
 }
 
 void RunSequence::Dump() {
+    // A reader that has gone costs the dump, not the run. Daemon runs have no executor's client that sees to it.
+    std::signal(SIGPIPE, SIG_IGN);
     if (!options.dumpPath) {
         DumpGraph(Nodes(), std::cout);
         return;
     }
     // Not by a file stream: the run leads a session by now, and a terminal must not become its controlling one.
-    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;  // less the umask
+    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;  // less the umask
     const posix::Descriptor file = posix::OpenFile(*options.dumpPath, O_WRONLY | O_CREAT | O_TRUNC, kMode);
     if (!file) {
         exitStatus = EXIT_FAILURE;

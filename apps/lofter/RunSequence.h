@@ -15,6 +15,7 @@
 
 #include <set>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "CommandLine.h"
@@ -60,6 +61,7 @@ class RunSequence {
     Settings& settings;
     std::set<std::string> runOnce;
     PluginList plugins;
+    std::error_code directoryFailure;  // why the plugin directory could not be made absolute
     int exitStatus = 0;
 };
 
