@@ -243,7 +243,8 @@ class Comparison:
         self.Check(self.seen.logFiles <= {"sysboot.log", "lofter-qorcli-stdout.log"}, "files in the log directory", self.seen.logFiles)
         self.Check(self.seen.bankFiles <= {"loftsave.gz"}, "files on the boot bank", self.seen.bankFiles)
         if self.expected.alerts and not self.run.dump:
-            self.Check((self.seen.alert or "").rstrip("\n") in self.expected.alerts, "the alert at the login prompt", self.seen.alert)
+            lines, wanted = (self.seen.alert or "").splitlines(), self.expected.alerts
+            self.Check(lines == wanted if self.expected.exact else sorted(lines) == sorted(wanted), "the alert at the login prompt", lines, wanted)
         else:
             self.Check(self.seen.alert is None, "an alert at the login prompt", self.seen.alert)
 

@@ -4,6 +4,9 @@
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
+
+#include <sys/stat.h>
 
 #include "krxctl/SystemInfoImpl.h"
 #include "posix/File.h"
@@ -14,10 +17,11 @@ namespace platform {
 
 namespace {
 
+constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kAlertMode = 0644;
 
-[[noreturn]] void Fail(const std::filesystem::path& path, int reason) {
-    throw std::runtime_error(path.string() + ": " + std::strerror(reason));
+[[noreturn]] void Fail(const std::filesystem::path& path) {
+    throw std::runtime_error(path.string() + ": " + std::strerror(errno));
 }
 
 // The login prompt reads a backslash as the start of an escape.
@@ -34,20 +38,18 @@ std::string ForLoginPrompt(std::string_view text) {
 
 }  // namespace
 
-void RecordAlert(const std::filesystem::path& path, const std::string& text) {
-    std::error_code failure;
-    std::filesystem::create_directories(path.parent_path(), failure);
-    if (failure) {
-        Fail(path, failure.value());
-    }
-    if (!posix::ReplaceFile(path, ForLoginPrompt(text), kAlertMode)) {
-        Fail(path, errno);
-    }
-}
+SystemAlert::SystemAlert(std::filesystem::path issueFile) : path(std::move(issueFile)) {}
 
-void RaiseAlert(const std::filesystem::path& path, const std::string& text) {
+void SystemAlert::Raise(const std::string& text) {
+    const std::lock_guard held(lock);
     LogAlert(text);
-    RecordAlert(path, text);
+    raised += ForLoginPrompt(text);
+    if (::mkdir(path.parent_path().c_str(), kFolderMode) != 0 && errno != EEXIST) {
+        Fail(path);
+    }
+    if (!posix::ReplaceFile(path, raised, kAlertMode)) {
+        Fail(path);
+    }
 }
 
 }  // namespace platform
@@ -55,7 +57,9 @@ void RaiseAlert(const std::filesystem::path& path, const std::string& text) {
 namespace KrxCtl::System {
 
 void SystemInfoImpl::SetSystemAlert(const std::string& text) {
-    platform::RaiseAlert(platform::kAlertFile, text);
+    // The process's one alert; never destroyed, since threads may raise it until the process is gone.
+    static auto& alert = *new platform::SystemAlert(platform::kAlertFile);
+    alert.Raise(text);
 }
 
 }  // namespace KrxCtl::System
