@@ -5,15 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string>
-
-#include <boost/algorithm/string/trim.hpp>
-#include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include "Logging.h"
 #include "Paths.h"
-#include "posix/AcrossSignals.h"
+#include "posix/File.h"
 
 namespace lofter {
 
@@ -30,14 +27,18 @@ void UpgradeConfiguration() {
 }
 
 void SignalDaemon() {
-    std::ifstream file;
-    posix::OpenAcrossSignals(file, paths::kSyslogPidFile, std::ios::in);
+    // A pipe in its place is not waited for, and not read: reading would wait, too.
+    const posix::Descriptor file = posix::OpenFile(paths::kSyslogPidFile, O_RDONLY | O_NONBLOCK);
     if (!file) {
         // Names the kernel-side daemon on purpose, although the file is the user-level one's.
         Log_Level(kWarning, "unable to open krxsyslogd pid file.\n");
         return;
     }
-    const std::optional<pid_t> daemon = ReadProcessId(file);
+    constexpr std::size_t kLongest = 4096;  // the rest of an oversized file is of no interest
+    const std::optional<std::string> text =
+        posix::IsRegularFile(file) ? posix::ReadWhole(file, kLongest) : std::nullopt;
+    std::istringstream input(text.value_or(""));
+    const std::optional<pid_t> daemon = ReadProcessId(input);
     if (!daemon) {
         Log_Level(kError, "unable to read tssyslogd pid.\n");
         return;
@@ -50,18 +51,8 @@ void SignalDaemon() {
 }  // namespace
 
 std::optional<pid_t> ReadProcessId(std::istream& input) {
-    // More than any process id with the white space around it; the rest of an oversized file is of no interest.
-    constexpr std::size_t kLongest = 64;
-    std::string text(kLongest + 1, '\0');
-    input.read(text.data(), static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<std::size_t>(input.gcount()));
-    boost::algorithm::trim(text);
-
     pid_t processId = 0;
-    if (text.size() > kLongest || !boost::conversion::try_lexical_convert(text, processId) || processId < 1) {
-        return std::nullopt;
-    }
-    return processId;
+    return input >> processId && processId >= 1 ? std::optional(processId) : std::nullopt;
 }
 
 void ReloadSyslogDaemon() {

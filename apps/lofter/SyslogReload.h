@@ -9,7 +9,7 @@
 
 namespace lofter {
 
-// A process id: one decimal integer above 0, with nothing but white space around it. Anything else is none.
+// A process id: the first thing in the text, a decimal integer above 0. What follows it is of no interest.
 std::optional<pid_t> ReadProcessId(std::istream& input);
 
 void ReloadSyslogDaemon();

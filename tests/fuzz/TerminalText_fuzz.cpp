@@ -1,8 +1,11 @@
 // The first byte is a length, the rest a text on its way to a terminal; and the same text as the content of a pid file.
 //
 // Nothing that a terminal acts on gets through, a shortened text is a beginning that ends between letters, and a
-// process id is a number above 0 with nothing but white space around it.
+// process id is the first number in the file, if that is above 0.
+#include <algorithm>
+#include <cstdint>
 #include <limits>
+#include <optional>
 #include <sstream>
 
 #include "SyslogReload.h"
@@ -33,17 +36,12 @@ void IsShortened(const std::string& text, std::size_t bytes) {
 }
 
 std::optional<std::int64_t> ProcessIdIn(const std::string& content) {
-    const std::string white = " \t\n\v\f\r";
-    const std::size_t first = content.find_first_not_of(white);
-    if (content.size() > 64 || first == std::string::npos) {
-        return std::nullopt;
-    }
-    std::string digits = content.substr(first, content.find_last_not_of(white) + 1 - first);
-    digits = digits.starts_with('+') ? digits.substr(1) : digits;
+    std::size_t place = std::min(content.find_first_not_of(" \t\n\v\f\r"), content.size());
+    place += content.substr(place, 1) == "+" ? 1 : 0;
     std::int64_t value = 0;
-    for (const char digit : digits) {
-        value = value * 10 + (digit - '0');
-        if (digit < '0' || digit > '9' || value > std::numeric_limits<std::int32_t>::max()) {
+    for (; place < content.size() && content[place] >= '0' && content[place] <= '9'; ++place) {
+        value = value * 10 + (content[place] - '0');
+        if (value > std::numeric_limits<std::int32_t>::max()) {
             return std::nullopt;
         }
     }
@@ -52,11 +50,7 @@ std::optional<std::int64_t> ProcessIdIn(const std::string& content) {
 
 void IsTheProcessId(const std::string& content) {
     std::istringstream file(content);
-    const std::optional<pid_t> read = ReadProcessId(file);
-    Require(!read || *read > 0, "a process id is above 0");
-    if (content.size() <= 64) {
-        Require(read == ProcessIdIn(content), "the number in the file");
-    }
+    Require(ReadProcessId(file) == ProcessIdIn(content), "the first number in the file");
 }
 
 }  // namespace

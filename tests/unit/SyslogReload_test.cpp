@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include <boost/algorithm/string/replace.hpp>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -25,11 +26,20 @@ std::optional<pid_t> Read(const std::string& text) {
     return ReadProcessId(input);
 }
 
-TEST(ReadProcessId, TakesOneDecimalInteger) {
+TEST(ReadProcessId, TakesTheFirstDecimalInteger) {
     EXPECT_EQ(Read("1"), 1);
     EXPECT_EQ(Read("1234\n"), 1234);
     EXPECT_EQ(Read(" \t4711\r\n\n"), 4711);
+    EXPECT_EQ(Read("+4711"), 4711);
+    EXPECT_EQ(Read("0004711"), 4711);
     EXPECT_EQ(Read("2147483647"), 2147483647);
+}
+
+TEST(ReadProcessId, DoesNotMindWhatFollows) {
+    for (const std::string rest : {" abc", "abc", " 12", "\n\nsecond line", ".5", "e3", "-1"}) {
+        EXPECT_EQ(Read("4711" + rest), 4711) << rest;
+    }
+    EXPECT_EQ(Read(std::string("4711\0", 5)), 4711);
 }
 
 TEST(ReadProcessId, NeverTakesAProcessGroupOrEveryProcess) {
@@ -45,10 +55,9 @@ TEST(ReadProcessId, RefusesANumberOutOfRange) {
 }
 
 TEST(ReadProcessId, RefusesTextThatIsNoNumber) {
-    for (const std::string text : {"", "\n", "abc", "12abc", "0x10", "1.5", "1e3", "pid 7", "7 8", "- 7"}) {
+    for (const std::string text : {"", "\n", "abc", "0x10", ".5", "pid 7", "- 7", "+", "+-7"}) {
         EXPECT_EQ(Read(text), std::nullopt) << text;
     }
-    EXPECT_EQ(Read(std::string("7\0", 2)), std::nullopt);
     EXPECT_EQ(Read(std::string(10UL << 20U, '1')), std::nullopt);
 }
 
@@ -70,7 +79,7 @@ class SyslogReload : public testing::Test {
             test::EnterRoot(folder.Path());
             std::signal(SIGUSR1, [](int) { ++signalsReceived; });
             if (!processId.empty()) {
-                WritePidFile(processId == "self" ? std::to_string(getpid()) : processId);
+                WritePidFile(boost::algorithm::replace_all_copy(processId, "self", std::to_string(getpid())));
             }
             const test::FailingCall noShell(test::Call::System, upgradeFails ? 0 : INT_MAX);
             ReloadSyslogDaemon();
@@ -93,6 +102,22 @@ class SyslogReload : public testing::Test {
 
 TEST_F(SyslogReload, SendsTheDaemonUserSignalOne) {
     EXPECT_EQ(Reload("self"), "1 signals");
+}
+
+TEST_F(SyslogReload, TakesTheFirstNumberOfThePidFile) {
+    for (const std::string text : {"self abc", "self\n\nsecond line", "  self"}) {
+        EXPECT_EQ(Reload(text), "1 signals") << text;
+    }
+    EXPECT_EQ(Reload("self" + std::string(10UL << 20U, ' ')), "1 signals");
+}
+
+TEST_F(SyslogReload, LooksForTheNumberAtTheBeginningOnly) {
+    EXPECT_EQ(Reload(std::string(10UL << 20U, ' ') + "self"), "0 signals; 110 unable to read tssyslogd pid.");
+}
+
+TEST_F(SyslogReload, WithADirectoryAsPidFileSignalsNobody) {
+    folder.Write("var/run/tessel/tssyslogd.pid/file", "");
+    EXPECT_EQ(Reload(""), "0 signals; 110 unable to read tssyslogd pid.");
 }
 
 TEST_F(SyslogReload, WithoutAPidFileLogsOnceAndSignalsNobody) {
