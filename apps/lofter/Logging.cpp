@@ -11,6 +11,7 @@
 #include "plugins/Exception.h"
 #include "posix/AcrossSignals.h"
 #include "posix/Descriptor.h"
+#include "posix/File.h"
 #include "tslibs/dictionary.h"
 #include "tslibs/productState.h"
 
@@ -20,7 +21,8 @@ namespace {
 
 // A file that was opened while a standard stream was closed has become that stream.
 void KeepStandardStream(posix::Descriptor& opened) {
-    if (opened.Get() <= STDERR_FILENO) {
+    if (opened && opened.Get() <= STDERR_FILENO) {
+        fcntl(opened.Get(), F_SETFD, 0);
         static_cast<void>(opened.Release());
     }
 }
@@ -65,8 +67,7 @@ void RedirectStandardStreams(const std::string& logPath) {
     KeepStandardStream(null);
 
     constexpr mode_t kLogMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
-    posix::Descriptor log(posix::AcrossSignals(
-        [&] { return open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY, kLogMode); }));
+    posix::Descriptor log = posix::OpenFileOrDevice(logPath, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, kLogMode);
     if (!log) {
         Warning("Failed opening log file %s", logPath.c_str());
         return;

@@ -18,7 +18,8 @@ enum LogLevel : int { kError = 110, kWarning = 115, kInfo = 125 };
 void InitializeLogging(const std::string& identifier);
 
 // Points standard input at /dev/null, and standard output and error at the log file, which is created (mode 644) or
-// appended to. For freshly forked children. Failures are warnings; the streams concerned stay as they are.
+// appended to. A link or a pipe in the log file's place cannot be opened; a device can. For freshly forked children.
+// Failures are warnings; the streams concerned stay as they are.
 void RedirectStandardStreams(const std::string& logPath);
 
 }  // namespace lofter

@@ -97,6 +97,35 @@ TEST_F(StandardStreams, KeepOutputAndErrorAfterOneWarningWhenTheLogFileCannotBeO
                                        " " + TargetOf(STDERR_FILENO));
 }
 
+TEST_F(StandardStreams, NeverFollowALinkToTheLogFile) {
+    fs::create_symlink(folder.Write("victim", ""), log);
+    EXPECT_TRUE(Redirected(log).starts_with("Failed opening log file " + log + "; /dev/null "));
+}
+
+TEST_F(StandardStreams, NeverWaitForTheReaderOfAPipe) {
+    ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
+    EXPECT_TRUE(Redirected(log).starts_with("Failed opening log file " + log + "; /dev/null "));
+    const posix::Descriptor reader(open(log.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_TRUE(Redirected(log).starts_with("Failed opening log file " + log + "; /dev/null "));
+}
+
+// What a program is given waits when it has to, and outlives the program's start.
+TEST_F(StandardStreams, AreInheritedAndBlock) {
+    EXPECT_EQ(InForkedChild([&] {
+                  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+                      CloseStream(stream);
+                  }
+                  RedirectStandardStreams(log);
+                  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+                      if (fcntl(stream, F_GETFD) != 0 || (fcntl(stream, F_GETFL) & O_NONBLOCK) != 0) {
+                          return std::to_string(stream) + " is not";
+                      }
+                  }
+                  return std::string("all");
+              }),
+              "all");
+}
+
 TEST_F(StandardStreams, KeepInputAfterAWarningWhenThereIsNoDevNull) {
     EXPECT_EQ(InForkedChild([&] {
                   const test::LogCapture capture;

@@ -17,6 +17,7 @@
 #include "plugins/Exception.h"
 #include "posix/AcrossSignals.h"
 #include "posix/Descriptor.h"
+#include "posix/File.h"
 #include "tslibs/warning.h"
 
 namespace lofter {
@@ -48,7 +49,7 @@ struct ChildDescriptors {
         if (!null) {
             Log_Level(kWarning, "opening /dev/null failed\n");
         }
-        log.Reset(posix::AcrossSignals([] { return open(paths::kSyslogSocket, O_WRONLY | O_NOCTTY | O_CLOEXEC); }));
+        log = posix::OpenFileOrDevice(paths::kSyslogSocket, O_WRONLY);
     }
 
     // Without /dev/null the child gets the root directory, which it can neither read nor write: kept on purpose.

@@ -1,16 +1,15 @@
 #include "plugins/DebugConfiguration.h"
 
-#include <filesystem>
-#include <fstream>
-#include <system_error>
 #include <utility>
 
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/token_functions.hpp>
 #include <boost/tokenizer.hpp>
+#include <fcntl.h>
 
 #include "Logging.h"
-#include "posix/AcrossSignals.h"
+#include "posix/File.h"
+#include "posix/FileBuffer.h"
 
 namespace lofter {
 
@@ -65,13 +64,13 @@ std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
 
 std::vector<DebugEntry> ReadDebugConfiguration(const std::string& path) {
     // A pipe would be waited for, and a device read without end.
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error)) {
+    posix::Descriptor file = posix::OpenRegularFile(path, O_RDONLY);
+    if (!file) {
         return {};
     }
-    std::ifstream file;
-    posix::OpenAcrossSignals(file, path, std::ios::in);
-    return ParseDebugConfiguration(file);
+    posix::FileBuffer buffer = posix::BufferOn(std::move(file), std::ios::in);
+    std::istream input(&buffer);
+    return ParseDebugConfiguration(input);
 }
 
 }  // namespace lofter

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
@@ -15,7 +14,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "posix/AcrossSignals.h"
 #include "posix/File.h"
 
 namespace lofter {
@@ -31,17 +29,8 @@ constexpr std::streamsize kBufferSize = 4096;
 constexpr std::size_t kLongestRecord = 64U << 20U;
 
 std::string FileContent(const std::string& path) {
-    std::ifstream file;
-    posix::OpenAcrossSignals(file, path, std::ios_base::in | std::ios_base::binary);
-    std::string content;
-    if (file) {
-        // Through the stream, not its buffer: reading a directory fails quietly then.
-        char buffer[kBufferSize];
-        while (file.read(buffer, sizeof buffer) || file.gcount() > 0) {
-            content.append(buffer, static_cast<std::size_t>(file.gcount()));
-        }
-    }
-    return content;
+    const posix::Descriptor file = posix::OpenRegularFile(path, O_RDONLY);
+    return file ? posix::ReadWhole(file).value_or("") : "";
 }
 
 // The filters are used by themselves. A stream around them reads from, or writes to, a device that it does not have yet
@@ -115,8 +104,8 @@ void WriteRunOnceRecord(const std::string& path, const std::set<std::string>& na
     text += '\n';
     const std::string compressed = Compress(text);
 
-    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;  // less the umask
-    const posix::Descriptor file = posix::OpenFile(path, O_WRONLY | O_CREAT | O_TRUNC, kMode);
+    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;  // less the umask
+    const posix::Descriptor file = posix::OpenRegularFile(path, O_WRONLY | O_CREAT | O_TRUNC, kMode);
     if (!file || !posix::WriteWhole(file, compressed) || !posix::SyncToDisk(file)) {
         FailWriting(path);
     }

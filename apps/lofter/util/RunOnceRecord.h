@@ -9,8 +9,9 @@
 
 namespace lofter {
 
-// Adds the names of the record to the set, without the white space around them. A file that cannot be opened, is empty
-// or begins with another text adds nothing. Throws a standard exception when the file is no whole gzip stream.
+// Adds the names of the record to the set, without the white space around them. A file that cannot be read, is empty
+// or begins with another text adds nothing, and neither does what is no regular file. Throws a standard exception when
+// the file is no whole gzip stream.
 void ReadRunOnceRecord(const std::string& path, std::set<std::string>& names);
 
 // Writes the record in place. Throws std::runtime_error "unable to write '<path>': <reason>".

@@ -33,7 +33,7 @@ std::string RecordOf(const std::string& text) {
 }  // namespace
 
 void WriteKernelLog(const char* path, const std::vector<std::string>& texts) {
-    const posix::Descriptor log = posix::OpenFile(path, O_WRONLY | O_APPEND);
+    const posix::Descriptor log = posix::OpenFileOrDevice(path, O_WRONLY | O_APPEND);
     if (!log) {
         Fail(path);
     }

@@ -1,26 +1,23 @@
 #include "tslibs/productState.h"
 
-#include <cerrno>
-#include <fstream>
+#include <sstream>
 #include <string>
 
+#include <fcntl.h>
+
+#include "posix/Descriptor.h"
+#include "posix/File.h"
 #include "tslibs/OsRelease.h"
 
 namespace {
 
-bool IsOpened(std::ifstream& file, const char* path) {
-    do {
-        errno = 0;
-        file.open(path);
-    } while (!file.is_open() && errno == EINTR);
-    return file.is_open();
-}
-
 // A field of /etc/os-release, or of /usr/lib/os-release where that is missing; empty when there is none.
 std::string OsRelease(const std::string& field) {
-    std::ifstream file;
-    if (IsOpened(file, "/etc/os-release") || IsOpened(file, "/usr/lib/os-release")) {
-        return platform::OsReleaseField(file, field);
+    for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
+        if (const posix::Descriptor file = posix::OpenRegularFile(path, O_RDONLY)) {
+            std::istringstream text(posix::ReadWhole(file).value_or(""));
+            return platform::OsReleaseField(text, field);
+        }
     }
     return {};
 }

@@ -196,7 +196,7 @@ std::string WriteFailure(const std::string& path, const Names& names) {
 }
 
 TEST_F(RunOnceRecord, ThatCannotBeWrittenSaysWhy) {
-    EXPECT_EQ(WriteFailure("/dev/full", {"a"}), "unable to write '/dev/full': No space left on device");
+    EXPECT_EQ(WriteFailure("/dev/full", {"a"}), "unable to write '/dev/full': No such device or address");
     EXPECT_EQ(WriteFailure(folder / "missing/record", {"a"}),
               "unable to write '" + (folder / "missing/record") + "': No such file or directory");
     EXPECT_EQ(WriteFailure(folder.Path(), {"a"}), "unable to write '" + folder.Path().string() + "': Is a directory");

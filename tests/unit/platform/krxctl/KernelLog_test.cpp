@@ -2,9 +2,12 @@
 
 #include <stdexcept>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "krxctl/Sysinfo.h"
+#include "posix/Descriptor.h"
 #include "support/OpenDescriptors.h"
 #include "support/TemporaryDirectory.h"
 
@@ -51,6 +54,15 @@ TEST(KernelLog, IsNeverCreated) {
     const std::string log = directory / "kmsg";
     EXPECT_EQ(FailureOf([&] { WriteKernelLog(log.c_str(), {"text"}); }), log + ": No such file or directory");
     EXPECT_FALSE(std::filesystem::exists(log));
+}
+
+TEST(KernelLog, IsNoPipe) {
+    const TemporaryDirectory directory;
+    const std::string log = directory / "kmsg";
+    ASSERT_EQ(::mkfifo(log.c_str(), 0600), 0);
+    EXPECT_EQ(FailureOf([&] { WriteKernelLog(log.c_str(), {"text"}); }), log + ": No such device or address");
+    const posix::Descriptor reader(::open(log.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(FailureOf([&] { WriteKernelLog(log.c_str(), {"text"}); }), log + ": No such device or address");
 }
 
 TEST(KernelLog, ReportsARecordThatIsNotTaken) {
