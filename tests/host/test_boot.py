@@ -267,7 +267,7 @@ def test_a_missing_pid_file_is_reported_once_and_nothing_is_signalled(host):
     assert Reload(host) == [(WARNING, NO_PID_FILE)]
 
 
-@pytest.mark.parametrize("content", ["", "\n", "garbage\n", "0\n", "-1\n", "-5\n", "12x\n", "1 2\n", "0x10\n", "1.5\n",
+@pytest.mark.parametrize("content", ["", "\n", "garbage\n", "0\n", "-1\n", "-5\n", "x12\n", "0x10\n", ".5\n",
                                      "99999999999999999999\n", "4294967297\n", "1" * 100_000, "\0\0"],
                          ids=lambda content: repr(content[:24]))
 def test_a_pid_file_without_a_process_id_is_reported_and_nothing_is_signalled(host, content):
@@ -280,8 +280,10 @@ def test_a_pid_file_that_is_a_directory_is_reported(host):
     assert Reload(host) == [(ERROR, NO_PID)]
 
 
-def test_a_process_that_is_gone_is_reported(host):
-    host.Write(PID_FILE, f"{2**31 - 1}\n")
+@pytest.mark.parametrize("form", ["{}\n", "  {}", "{} abc", "{}abc", "{}\n\nsecond line", "{} 2\n", "{}.5", "{}\0", "{}\n" + " " * 100_000],
+                         ids=lambda form: repr(form[:24]))
+def test_a_process_that_is_gone_is_reported_by_the_first_number_of_the_pid_file(host, form):
+    host.Write(PID_FILE, form.format(2**31 - 1))
     assert Reload(host) == [(WARNING, "failed to reload tssyslogd: No such process.")]
 
 
