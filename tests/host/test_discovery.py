@@ -23,7 +23,7 @@ class Boot:
         records = re.split(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (?=\w+ lofter: )", self.outcome.output)
         self.log = [record.replace(" lofter: ", " ", 1).rstrip("\n") for record in records[1:]]
         self.warnings = [record[8:] for record in self.log if record.startswith("warning ")]
-        self.ignored = [record for record in self.log if " ignoring " in record]
+        self.ignored = [record for record in self.log if re.match(r"\w+ (ignoring|skipping) ", record)]
         records = [re.fullmatch(r"<6>lofter: Lofter plugin (.*) activated\.", line, re.DOTALL) for line in host.KernelLines()]
         self.activated = [match.group(1) for match in records if match]
 
@@ -262,7 +262,8 @@ def test_lines_that_do_not_fit_are_reported_and_the_others_used(host):
     assert boot.activated == ["a", "b"]
     malformed = "ignoring malformed debug entry at line"
     assert boot.ignored[:2] == [f"info {malformed} 4: three:fields:only", f"info {malformed} 5: five:::echo:more"]
-    assert [line.rpartition(" (")[0] for line in boot.ignored[2:]] == [f"warning {malformed} 6: \\c:::x", f"warning {malformed} 8: end:::\\"]
+    assert boot.ignored[2:] == ["warning skipping debug entry at line 6: \\c:::x (unknown escape sequence)",
+                                "warning skipping debug entry at line 8: end:::\\ (cannot end with escape)"]
 
 
 def test_complaints_about_lines_are_repeated_for_every_file(host):

@@ -198,6 +198,9 @@ class Generator:
         return DebugLine(padding + ":".join(fields) + padding, name, requires, provides, work)
 
     def MalformedLine(self):
+        if self.Chance(0.3):
+            text, reason = self.random.choice([(" bad:::\\x", "unknown escape sequence"), ("end:::\\", "cannot end with escape")])
+            return DebugLine(text, unsplit=reason)
         return DebugLine(self.random.choice(["", "  \t", "one:two:three", "  a:b:c:d:e ", "no colon at all", "# remark", "::::"]))
 
     def DrawFiles(self, size, kinds):

@@ -65,8 +65,11 @@ class Model:
         self.files = {file.file: file for file in plan.files}
         self.malformed = []
         for number, line in enumerate(plan.debug, 1):
-            if line.name is None and line.text.strip():
-                self.malformed.append(f"ignoring malformed debug entry at line {number}: {line.text.strip()}")
+            text = f"at line {number}: {line.text.strip()}"
+            if line.unsplit:
+                self.malformed.append((WARNING, f"skipping debug entry {text} ({line.unsplit})"))
+            elif line.name is None and line.text.strip():
+                self.malformed.append((INFO, f"ignoring malformed debug entry {text}"))
 
     # Logging.
 
@@ -107,8 +110,8 @@ class Model:
     # Discovery.
 
     def ParseDebugLines(self):
-        for text in self.malformed:
-            self.Log(INFO, text)
+        for severity, text in self.malformed:
+            self.Log(severity, text)
 
     def Discover(self):
         if not self.run.plugins:

@@ -57,12 +57,13 @@ class OtherFile:
 
 @dataclasses.dataclass
 class DebugLine:
-    """A line of the debug configuration: an entry, or (with no name) a malformed or blank one."""
+    """A line of the debug configuration: an entry, or (with no name) a malformed or blank one, or one that cannot be split."""
     text: str
     name: str = None
     requires: list = None
     provides: list = None
     work: Work = None
+    unsplit: str = None  # the reason
 
 
 @dataclasses.dataclass

@@ -53,7 +53,7 @@ std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
             entries.push_back(
                 {std::move(fields[0]), BarrierNames(fields[1]), BarrierNames(fields[2]), std::move(fields[3])});
         } catch (const boost::escaped_list_error& e) {
-            Log_Level(kWarning, "ignoring malformed debug entry at line %d: %s (%s)\n", number, line.c_str(), e.what());
+            Log_Level(kWarning, "skipping debug entry at line %d: %s (%s)\n", number, line.c_str(), e.what());
         }
     }
     if (input.bad()) {

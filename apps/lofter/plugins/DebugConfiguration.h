@@ -20,7 +20,7 @@ struct DebugEntry {
 
 // The valid entries, in file order. A line that has another number of fields is logged as
 // "ignoring malformed debug entry at line <n>: <line>\n", one that misuses the backslash as
-// "ignoring malformed debug entry at line <n>: <line> (<reason>)\n"; each costs only itself. When reading fails,
+// "skipping debug entry at line <n>: <line> (<reason>)\n"; each costs only itself. When reading fails,
 // what was read counts, and the log has "unable to read all debug entries\n".
 std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input);
 

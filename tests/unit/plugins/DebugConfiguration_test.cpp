@@ -123,9 +123,9 @@ TEST_F(DebugConfiguration, LogsAMisusedBackslashWithItsReasonAndSkipsThatLineOnl
                   .size(),
               1U);
     EXPECT_EQ(log.Entries(),
-              (Entries{{115, "ignoring malformed debug entry at line 1: a:::echo \\x (unknown escape sequence)"},
-                       {115, "ignoring malformed debug entry at line 2: b:::echo \\ (cannot end with escape)"},
-                       {115, "ignoring malformed debug entry at line 3: c:\\\\x::echo (unknown escape sequence)"}}));
+              (Entries{{115, "skipping debug entry at line 1: a:::echo \\x (unknown escape sequence)"},
+                       {115, "skipping debug entry at line 2: b:::echo \\ (cannot end with escape)"},
+                       {115, "skipping debug entry at line 3: c:\\\\x::echo (unknown escape sequence)"}}));
 }
 
 TEST_F(DebugConfiguration, KeepsEveryEntryOfTheSameName) {
