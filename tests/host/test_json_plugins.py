@@ -49,6 +49,13 @@ def test_commands_run_in_file_order_through_the_executor(recorder):
     assert syslog.Texts(ERROR) == []
 
 
+def test_a_file_with_very_many_members_does_not_hold_up_the_boot(recorder):
+    many = ",".join(f'"{number}": {{}}' for number in range(100_000))
+    recorder.Plugin("net.json", f'{{{many}, {Document(["note --text=ran"])[1:]}')
+    Boot(recorder, timeout=30)
+    assert Notes(recorder) == ["ran"]
+
+
 def test_a_failing_command_is_reported_and_the_others_run(recorder):
     recorder.Plugin("net.json", Document(["note --text=a", "fail", "note --text=c"]))
     syslog = recorder.Syslog()

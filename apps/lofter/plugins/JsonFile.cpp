@@ -1,6 +1,6 @@
 #include "plugins/JsonFile.h"
 
-#include <unordered_set>
+#include <set>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -15,24 +15,31 @@ using Json = nlohmann::json;
 
 constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
 
-// Watches a parse for objects that have the same key twice.
-class KeyWatch {
+// Takes a text for as long as it is valid and no object in it has the same key twice.
+class KeyWatch : public Json::json_sax_t {
   public:
-    bool FoundDuplicate() const { return duplicate; }
-
-    void operator()(Json::parse_event_t event, const Json& parsed) {
-        if (event == Json::parse_event_t::object_start) {
-            open.emplace_back();
-        } else if (event == Json::parse_event_t::object_end) {
-            open.pop_back();
-        } else if (event == Json::parse_event_t::key) {
-            duplicate = !open.back().insert(parsed.get_ref<const std::string&>()).second || duplicate;
-        }
+    bool null() override { return true; }
+    bool boolean(bool) override { return true; }
+    bool number_integer(Json::number_integer_t) override { return true; }
+    bool number_unsigned(Json::number_unsigned_t) override { return true; }
+    bool number_float(Json::number_float_t, const std::string&) override { return true; }
+    bool string(std::string&) override { return true; }
+    bool binary(Json::binary_t&) override { return true; }
+    bool start_array(std::size_t) override { return true; }
+    bool end_array() override { return true; }
+    bool start_object(std::size_t) override {
+        open.emplace_back();
+        return true;
     }
+    bool key(std::string& name) override { return open.back().insert(std::move(name)).second; }
+    bool end_object() override {
+        open.pop_back();
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&, const Json::exception&) override { return false; }
 
   private:
-    std::vector<std::unordered_set<std::string>> open;  // the keys so far of every object around
-    bool duplicate = false;
+    std::vector<std::set<std::string>> open;  // the keys so far of every object around
 };
 
 }  // namespace
@@ -51,15 +58,16 @@ Json ParseJson(const std::string& text) {
     if (text.starts_with(kByteOrderMark) || text.find('\0') != std::string::npos) {
         return Json(Json::value_t::discarded);
     }
-    KeyWatch keys;
-    const auto watch = [&keys](int, Json::parse_event_t event, Json& parsed) {
-        keys(event, parsed);
-        return true;
-    };
+    // Twice over the text: a callback that watched the parse would make the reader look at all earlier members of an
+    // object again whenever one of them ends.
+    constexpr bool whole = true;
     constexpr bool throwing = false;
     constexpr bool comments = true;
-    Json document = Json::parse(text, watch, throwing, comments);
-    return keys.FoundDuplicate() ? Json(Json::value_t::discarded) : std::move(document);
+    KeyWatch keys;
+    if (!Json::sax_parse(text, &keys, Json::input_format_t::json, whole, comments)) {
+        return Json(Json::value_t::discarded);
+    }
+    return Json::parse(text, nullptr, throwing, comments);
 }
 
 }  // namespace lofter
