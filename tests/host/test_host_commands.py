@@ -226,6 +226,25 @@ def test_the_executor_keeps_its_directory_and_commands_have_no_descriptors_but_t
     assert Notes(commands) == ["/", "4", "0", "0"]
 
 
+def test_a_boot_ends_however_few_descriptors_there_are(commands):
+    """Somewhere in this range, the executor's descriptors are used up by what it needs before its first connection."""
+    for number in range(5):
+        commands.Plugin(f"note{number}.json", Document(["note --text=ran"] * 2))
+    refused = 0
+    for limit in range(12, 40):
+        commands.Restart()
+        commands.Write(LOG, "")
+        outcome = commands.Run("sh", "-c", f"ulimit -n {limit}; exec /usr/sbin/lofter", timeout=60, grace=10)
+        assert (outcome.status, outcome.leftovers) == (0, []), limit
+        log = commands.Read(LOG)
+        assert len(log) < 50_000, log[:5000]
+        if "Error accepting connection on contol socket - Too many open files" in log:
+            refused += 1
+            assert outcome.output.count("Executor failed executing qorcli command: note --text=ran") == 10
+            assert "Executor has been Successfully Stopped" in outcome.output
+    assert refused > 0
+
+
 # Commands that misbehave.
 
 def AwaitTheExecutorsEnd(host, barrier):

@@ -63,10 +63,13 @@ class QorcliExecutor {
     // Starts it, waits until it has ended, and closes the socket.
     void ServeUntilStopped();
 
-    // Serves one connection that is pending on the socket whose descriptor the pointer points to. A poll callback.
+    // Serves one connection that is pending on the socket whose descriptor the pointer points to. A poll callback. One
+    // that cannot be accepted is logged and stays pending, and the call returns after a pause: 10 milliseconds, twice
+    // as long after each further failure, a second at most.
     static void HandleConnection(void* listenSocketPointer);
 
   private:
+    static void Serve(posix::Descriptor connection, void* listenSocketPointer);
     static bool SetUpPollLoop(int& listening);
     static std::int32_t StatusOf(const char* command);
     static void* RunEventLoop(void* executor);

@@ -1,5 +1,6 @@
 // The executor process's side: its set-up after the fork, and the serving of commands.
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -7,6 +8,8 @@
 #include <exception>
 #include <string>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -28,12 +31,40 @@ namespace {
 constexpr int kBacklog = 16;
 constexpr std::size_t kLongestCommand = 1023;
 constexpr char kStopWord[] = "stop";
+constexpr int kFirstPause = 10;  // milliseconds
+constexpr int kLongestPause = 1000;
 
 // The listening socket's callback stays registered and fires whenever a connection is pending.
 constexpr int kPendingConnection = kPollPeriodic | kPollRead | kPollSocket;
 
 // Ends the event loop. Touched by the event-loop thread only.
 bool exitFlag = false;
+
+// What helps over connections that cannot be accepted. Their clients wait, and the socket stays readable: the loop
+// would spin. So it pauses after a failure, twice as long after the next one, until one is accepted. And a process
+// whose descriptors are used up would never accept one: so there is a descriptor in reserve, which is let go of then.
+// Whoever gets its place is served, as far as that goes without further descriptors, and can stop the executor. Touched
+// by the event-loop thread only.
+class AcceptRelief {
+  public:
+    void SetAside() {
+        if (!reserve) {
+            reserve.Reset(posix::AcrossSignals([] { return ::open("/", O_PATH | O_CLOEXEC); }));
+        }
+        pause = kFirstPause;
+    }
+    void AfterFailure() {
+        reserve.Reset();
+        ::poll(nullptr, 0, pause);
+        pause = std::min(2 * pause, kLongestPause);
+    }
+
+  private:
+    posix::Descriptor reserve;
+    int pause = kFirstPause;
+};
+
+AcceptRelief relief;
 
 Exception SystemFailure(const char* what) {
     return Exception(std::string(what) + std::strerror(errno));
@@ -74,6 +105,7 @@ int BindForOwner(const posix::Descriptor& unbound, const ControlSocketAddress& a
 //    client's end from whoever waits for it, here or elsewhere. Logging connects again by itself.
 void QorcliExecutor::RunProcess() {
     try {
+        relief = AcceptRelief();  // a parent that served connections by itself may have a reserve
         posix::CloseDescriptorsFrom(STDERR_FILENO + 1);
         RedirectStandardStreams(outputLog);
         SetupSocket();
@@ -141,6 +173,7 @@ bool QorcliExecutor::SetUpPollLoop(int& listening) {
 
 void* QorcliExecutor::RunEventLoop(void* executor) {
     int listening = static_cast<const QorcliExecutor*>(executor)->listenSocket.Get();
+    relief.SetAside();  // before the loop, which may take the last descriptors
     if (!SetUpPollLoop(listening)) {
         Log_Level(kError, "Failed setting up Poll Loop for executor\n");
         return nullptr;
@@ -152,12 +185,18 @@ void* QorcliExecutor::RunEventLoop(void* executor) {
 void QorcliExecutor::HandleConnection(void* listenSocketPointer) {
     const int listening = *static_cast<const int*>(listenSocketPointer);
     // Closed on exec: a process that a command leaves behind must not keep the connection open.
-    const posix::Descriptor connection(
+    posix::Descriptor connection(
         posix::AcrossSignals([&] { return ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC); }));
     if (!connection) {
         Log_Level(kWarning, "Error accepting connection on contol socket - %s\n\n", std::strerror(errno));
+        relief.AfterFailure();
         return;
     }
+    Serve(std::move(connection), listenSocketPointer);
+    relief.SetAside();
+}
+
+void QorcliExecutor::Serve(const posix::Descriptor connection, void* listenSocketPointer) {
     std::array<char, kLongestCommand + 1> command{};
     if (posix::AcrossSignals([&] { return ::recv(connection.Get(), command.data(), kLongestCommand, 0); }) == -1) {
         Log_Level(kWarning, "Failed to read message from socket - %s\n\n", std::strerror(errno));

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -589,6 +591,48 @@ TEST_F(ExecutorConnection, ThatCannotBeAcceptedIsLogged) {
     int number = deaf.Get();
     QorcliExecutor::HandleConnection(&number);
     EXPECT_EQ(log.Lines(kWarning), Lines({"Error accepting connection on contol socket - Invalid argument"}));
+}
+
+TEST_F(ExecutorConnection, ThatCannotBeAcceptedIsWaitedForLongerAndLongerUntilOneIs) {
+    using std::chrono::steady_clock;
+    const posix::Descriptor deaf(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto fail = [&deaf](int times) {
+        const auto start = steady_clock::now();
+        for (int count = 0; count < times; ++count) {
+            int number = deaf.Get();
+            QorcliExecutor::HandleConnection(&number);
+        }
+        return steady_clock::now() - start;
+    };
+    const LogCapture log;
+    EXPECT_GE(fail(8), std::chrono::milliseconds(10 + 20 + 40 + 80 + 160 + 320 + 640 + 1000));
+    EXPECT_EQ(log.Lines(kWarning).size(), 8U);
+    EXPECT_EQ(StatusOf("--help"), 0);
+    EXPECT_LT(fail(5), std::chrono::seconds(4));  // five of the longest pauses would take more
+}
+
+TEST_F(ExecutorConnection, ThatFindsEveryDescriptorUsedIsServedThroughTheOneInReserve) {
+    const std::string story = test::InForkedChild([&] {
+        std::string told = std::to_string(StatusOf("--help").value_or(-1));  // from here on there is a reserve
+        const LogCapture log;
+        const posix::Descriptor client(executor.Connect(true));
+        ::send(client.Get(), "--help", 6, 0);
+        const auto usable = static_cast<rlim_t>(posix::Descriptor(::dup(client.Get())).Get());
+        const rlimit none{usable, usable};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            int number = listening.Get();
+            QorcliExecutor::HandleConnection(&number);
+        }
+        std::int32_t status = -1;
+        const bool answered = ::recv(client.Get(), &status, sizeof status, MSG_DONTWAIT) == sizeof status;
+        told += answered ? " " + std::to_string(status) : " nothing";
+        for (const std::string& line : log.Lines()) {
+            told += "; " + line;
+        }
+        return told;
+    });
+    EXPECT_EQ(story, "0 0; Error accepting connection on contol socket - Too many open files");
 }
 
 TEST_F(ExecutorConnection, ThatCannotBeReadIsLogged) {
