@@ -48,19 +48,24 @@ ProgressScreen& Screen() {
 
 }  // namespace
 
-ProgressScreen::ProgressScreen(const char* consolePath)
-    : console(posix::AcrossSignals([&] { return ::open(consolePath, O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); })) {
+ProgressScreen::ProgressScreen(const char* consolePath) : path(consolePath) {
+    Open();
+}
+
+void ProgressScreen::Open() {
+    console.Reset(
+        posix::AcrossSignals([this] { return ::open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); }));
     if (console && ::isatty(console.Get()) == 0) {
         console.Reset();
     }
 }
 
 void ProgressScreen::ProgressText(const std::string& text) {
-    Show(progressText, text);
+    Show(progress, text);
 }
 
 void ProgressScreen::StatusText(const std::string& text) {
-    Show(statusText, text);
+    Show(status, text);
 }
 
 void ProgressScreen::Step() {
@@ -69,11 +74,13 @@ void ProgressScreen::Step() {
     Redraw();
 }
 
-void ProgressScreen::Show(std::string& shown, const std::string& text) {
+void ProgressScreen::Show(Text& text, const std::string& next) {
     const std::lock_guard held(lock);
-    shown = ForScreen(text);
-    if (!Redraw() && !text.empty()) {
-        Log_Level(kInfoLevel, "%s\n", text.c_str());
+    const bool isBack = text.shown.empty() && next == text.logged;
+    text.shown = ForScreen(next);
+    if (!Redraw() && !next.empty() && !isBack) {
+        Log_Level(kInfoLevel, "%s\n", next.c_str());
+        text.logged = next;
     }
 }
 
@@ -86,19 +93,29 @@ bool ProgressScreen::Redraw() {
     if (whole.empty() && !isShowing) {
         return true;
     }
-    const std::string drawn = "\r\x1b[2K" + std::string(posix::Shortened(whole, UsableColumns(console.Get()))) + "\r";
-    if (::write(console.Get(), drawn.data(), drawn.size()) >= 0) {
-        isShowing = !whole.empty();
-    } else if (errno != EAGAIN && errno != EINTR) {
-        console.Reset();
+    if (!Draw(whole)) {
+        Open();
+        if (console && !Draw(whole)) {
+            console.Reset();
+        }
     }
     return static_cast<bool>(console);
 }
 
+// Returns false when the console fails; one that takes no output now does not.
+bool ProgressScreen::Draw(const std::string& line) {
+    const std::string drawn = "\r\x1b[2K" + std::string(posix::Shortened(line, UsableColumns(console.Get()))) + "\r";
+    if (::write(console.Get(), drawn.data(), drawn.size()) >= 0) {
+        isShowing = !line.empty();
+        return true;
+    }
+    return errno == EAGAIN || errno == EINTR;
+}
+
 std::string ProgressScreen::Line() const {
-    std::string line = progressText;
+    std::string line = progress.shown;
     AppendWord(line, steps > 0 ? "[" + std::to_string(steps) + "]" : "");
-    AppendWord(line, statusText);
+    AppendWord(line, status.shown);
     return line;
 }
 

@@ -3,9 +3,10 @@
 // The line shows the progress text, the number of steps when there were any, and the status text, cut to the console's
 // width. The cursor is left at its start, so that whatever else is printed there takes its place; once it has
 // nothing to show it is erased, and nothing is written until it has something again. Where the console is no terminal,
-// each text that is not empty becomes a log line instead; so does the rest once the console fails. A console that takes
-// no output, for instance because it was stopped, misses redraws and holds up nobody. Any thread may call it; nothing
-// throws but for want of memory.
+// each text that is not empty becomes a log line instead, but for one that was only taken away and put back; so does
+// the rest once the console fails. One that was hung up is opened again. A console that takes no output, for instance
+// because it was stopped, misses redraws and holds up nobody. Any thread may call it; nothing throws but for want of
+// memory.
 #pragma once
 
 #include <mutex>
@@ -26,14 +27,21 @@ class ProgressScreen {
     void Step();
 
   private:
-    void Show(std::string& shown, const std::string& text);
+    struct Text {
+        std::string shown;
+        std::string logged;  // the last that was
+    };
+    void Open();
+    void Show(Text& text, const std::string& next);
     bool Redraw();
+    bool Draw(const std::string& line);
     std::string Line() const;
 
+    const std::string path;
     std::mutex lock;
     posix::Descriptor console;  // owns nothing when there is no terminal
-    std::string progressText;
-    std::string statusText;
+    Text progress;
+    Text status;
     unsigned long steps = 0;
     bool isShowing = false;
 };

@@ -136,6 +136,40 @@ TEST(ProgressScreen, LogsTextsOnceTheTerminalIsGone) {
     EXPECT_EQ(capture.Lines(125), (Texts{"logged", "logged too"}));
 }
 
+TEST(ProgressScreen, LogsATextThatWasTakenAwayAndPutBackOnce) {
+    const LogCapture capture;
+    ProgressScreen screen("/dev/null");
+    for (int question = 0; question < 3; ++question) {
+        screen.ProgressText("Activating");
+        screen.ProgressText("");
+    }
+    EXPECT_EQ(capture.Lines(125), Texts{"Activating"});
+    screen.ProgressText("one");
+    screen.ProgressText("one");
+    screen.ProgressText("");
+    screen.ProgressText("Activating");
+    EXPECT_EQ(capture.Lines(125), (Texts{"Activating", "one", "one", "Activating"}));
+}
+
+TEST(ProgressScreen, OpensATerminalAgainThatWasHungUp) {
+    const LogCapture capture;
+    const lofter::test::TemporaryDirectory directory;
+    const std::filesystem::path console = directory / "console";
+    Terminal first;
+    const Terminal second;
+    std::filesystem::create_symlink(first.path, console);
+    ProgressScreen screen(console.c_str());
+    screen.ProgressText("before");
+    EXPECT_EQ(first.Shown(), Drawn("before"));
+    first.master.Reset();
+    std::filesystem::remove(console);
+    std::filesystem::create_symlink(second.path, console);
+    screen.ProgressText("");
+    screen.ProgressText("after");
+    EXPECT_EQ(second.Shown(), Drawn("") + Drawn("after"));
+    EXPECT_EQ(capture.Lines(), Texts{});
+}
+
 TEST(ProgressScreen, IsNotHeldUpByATerminalThatWasStopped) {
     const LogCapture capture;
     const Terminal terminal;
