@@ -43,6 +43,12 @@ bool HostProfilePresent() {
     return isPresent;
 }
 
+// One for the process: it remembers the terminal as it was in front of the first plugin.
+InteractiveMode& OperatorAtConsole() {
+    static InteractiveMode mode(Settings::Instance());
+    return mode;
+}
+
 void CallStart(Plugin& plugin) {
     Log_Level(kInfo, "executing start plugin: %s\n", plugin.Name().c_str());
     plugin.StartPlugin();
@@ -114,7 +120,7 @@ void Plugin::Activate() {
     const char* const pluginName = Name().c_str();
 
     SetStartTime(Now());
-    if (!InteractiveMode(settings).MayExecute(Name())) {
+    if (settings.interactive && !OperatorAtConsole().MayExecute(Name())) {
         return;
     }
     if (settings.trace) {

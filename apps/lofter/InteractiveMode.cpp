@@ -2,21 +2,19 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include "Logging.h"
+#include "Progress.h"
 #include "Terminal.h"
 #include "TroubleshootingShell.h"
 #include "VirtualConsole.h"
-#include "krxctl/KernelProgressScreenImpl.h"
 
 namespace lofter {
 
 namespace {
 
 enum Colour { kRed = 1, kGreen = 2, kYellow = 3, kMagenta = 5, kCyan = 6, kWhite = 7, kReset = 8 };
-
-constexpr char kHideCursor[] = "\033[?25l";
-constexpr char kShowCursor[] = "\033[?25h";
 
 struct Entry {
     char key;
@@ -54,29 +52,25 @@ std::string MenuLine(ColourOf colourOf) {
     return line;
 }
 
-char ReadAnswer() {
+// None when the terminal has been hung up.
+std::optional<char> ReadAnswer() {
     KeyInput keys;
-    char key = 0;
-    do {
-        key = LowerCase(keys.Read());
-    } while (!IsAnswer(key));
-    return key;
+    for (;;) {
+        const std::optional<char> key = keys.Read();
+        if (!key || IsAnswer(LowerCase(*key))) {
+            return key ? std::optional(LowerCase(*key)) : std::nullopt;
+        }
+    }
 }
 
-// Where the operator's terminal is the console, the progress line would be in the question's place.
-void ClearProgressLine() {
-    KrxCtl::System::KernelProgressScreenImpl progressScreen;
-    progressScreen.ProgressText("");
-    progressScreen.StatusText("");
-}
-
-char Prompt(const std::string& plugin, const char* console) {
+std::optional<char> Prompt(const std::string& plugin, const char* console) {
     SwitchConsole(kPromptTerminal, console);
     // The colour is not reset after the name; kept on purpose.
     WriteToTerminal("current plugin: " + Sequence(kCyan) + plugin + "\n");
     WriteToTerminal(MenuLine([](const Entry& entry) { return entry.colour; }));
+    const UsableTerminalAtEnd whileKeysAreRead;
     WriteToTerminal(kHideCursor);
-    const char answer = ReadAnswer();
+    const std::optional<char> answer = ReadAnswer();
     WriteToTerminal(kShowCursor);
     return answer;
 }
@@ -108,9 +102,19 @@ void InteractiveMode::StrikeOffRequirement(const std::string& plugin) {
     }
 }
 
+// A question whose terminal was hung up is asked again once the terminal is back.
+char InteractiveMode::AnswerTo(const std::string& plugin) const {
+    for (;;) {
+        streams.AwaitTerminal();
+        if (const std::optional<char> answer = Prompt(plugin, console)) {
+            return *answer;
+        }
+    }
+}
+
 bool InteractiveMode::Ask(const std::string& plugin) {
-    ClearProgressLine();
-    const char answer = Prompt(plugin, console);
+    ClearProgress();  // where the operator's terminal is the console, it is in the question's place
+    const char answer = AnswerTo(plugin);
     if (answer == 's') {
         Log_Level(kInfo, "skipping plugin %s (interactive mode request)\n", plugin.c_str());
     }
@@ -121,6 +125,7 @@ bool InteractiveMode::Ask(const std::string& plugin) {
     } else if (answer == 't') {
         RunTroubleshootingShell();
     }
+    ShowProgress();
     return answer != 's';
 }
 

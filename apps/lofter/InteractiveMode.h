@@ -10,12 +10,14 @@
 
 #include "Paths.h"
 #include "Settings.h"
+#include "Terminal.h"
 
 namespace lofter {
 
 class InteractiveMode {
   public:
-    // Changes the settings as the operator answers: the flag goes off, requirements are struck off the list.
+    // Changes the settings as the operator answers: the flag goes off, requirements are struck off the list. A terminal
+    // on the standard streams that is hung up later is opened again.
     explicit InteractiveMode(Settings& record, const char* consolePath = paths::kConsole)
         : settings(record), console(consolePath) {}
 
@@ -26,7 +28,9 @@ class InteractiveMode {
   private:
     void StrikeOffRequirement(const std::string& plugin);
     bool Ask(const std::string& plugin);
+    char AnswerTo(const std::string& plugin) const;
 
+    const StandardStreams streams;
     Settings& settings;
     const char* console;
 };

@@ -20,6 +20,7 @@
 #include "Logging.h"
 #include "Paths.h"
 #include "ProgramLauncher.h"
+#include "Progress.h"
 #include "SyslogReload.h"
 #include "executor/QorcliExecutor.h"
 #include "graph/Dump.h"
@@ -28,7 +29,6 @@
 #include "graph/NodeStore.h"
 #include "hopper/InitScriptDiscovery.h"
 #include "hostkernel/hostkernel.h"
-#include "krxctl/KernelProgressScreenImpl.h"
 #include "plugins/Exception.h"
 #include "posix/File.h"
 #include "util/RunOnceRecord.h"
@@ -200,9 +200,7 @@ void RunSequence::ExecuteOn(Executor& executor) {
         StartRun(Nodes(), executor);
         return;
     }
-    KrxCtl::System::KernelProgressScreenImpl progressScreen;
-    progressScreen.ProgressText("Activating Lofter Plugins");
-    progressScreen.StatusText("");
+    ShowProgress();
     StartRun(Nodes(), executor);
     WriteRunOnce();
 }

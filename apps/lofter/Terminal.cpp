@@ -1,6 +1,5 @@
 #include "Terminal.h"
 
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -18,7 +17,9 @@ namespace lofter {
 
 namespace {
 
-constexpr int kEndOfInputPause = 200;  // milliseconds
+constexpr int kPause = 200;         // milliseconds, between two looks at what gives nothing now
+constexpr int kCursorBound = 1000;  // milliseconds for a stopped terminal to take a few bytes
+constexpr tcflag_t kLinesAndEcho = ICANON | ECHO;
 
 std::string DeviceOf(int descriptor) {
     std::array<char, PATH_MAX> name{};
@@ -28,6 +29,25 @@ std::string DeviceOf(int descriptor) {
 bool IsHungUp(int descriptor) {
     termios ignored{};
     return ::tcgetattr(descriptor, &ignored) != 0 && errno == EIO;
+}
+
+void Pause() {
+    ::poll(nullptr, 0, kPause);
+}
+
+// Where a signal that ends the process comes by first. Calls only what a signal's handler may.
+void LeaveUsableTerminal(int number) {
+    termios modes{};
+    if (::tcgetattr(STDIN_FILENO, &modes) == 0) {
+        modes.c_lflag |= kLinesAndEcho;
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &modes);
+    }
+    // A terminal that is stopped must not keep the signal from ending the process.
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    if (::poll(&output, 1, kCursorBound) == 1 && (output.revents & POLLOUT) != 0) {
+        static_cast<void>(::write(STDOUT_FILENO, kShowCursor, sizeof kShowCursor - 1) == 0);
+    }
+    ::raise(number);  // waits until this returns, and meets the default then
 }
 
 }  // namespace
@@ -43,18 +63,39 @@ void WriteToTerminal(std::string_view text) {
     }
 }
 
+UsableTerminalAtEnd::UsableTerminalAtEnd() {
+    struct sigaction action {};
+    action.sa_handler = LeaveUsableTerminal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int number : kSignals) {
+        ::sigaddset(&action.sa_mask, number);
+    }
+    for (std::size_t index = 0; index < kSignals.size(); ++index) {
+        ::sigaction(kSignals[index], nullptr, &before[index]);
+        if (before[index].sa_handler == SIG_DFL) {
+            ::sigaction(kSignals[index], &action, nullptr);
+        }
+    }
+}
+
+UsableTerminalAtEnd::~UsableTerminalAtEnd() {
+    for (std::size_t index = 0; index < kSignals.size(); ++index) {
+        ::sigaction(kSignals[index], &before[index], nullptr);
+    }
+}
+
 KeyInput::KeyInput() : known(::tcgetattr(STDIN_FILENO, &modes) == 0) {
     if (!known) {
         Log_Level(kError, "unable to get terminal io state.\n");
     }
-    modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    modes.c_lflag &= ~kLinesAndEcho;
     if (!Apply()) {
         Log_Level(kError, "unable to set terminal io state.\n");
     }
 }
 
 KeyInput::~KeyInput() {
-    modes.c_lflag |= ICANON | ECHO;
+    modes.c_lflag |= kLinesAndEcho;
     if (!Apply()) {
         Log_Level(kError, "unable to restore terminal io state.\n");
     }
@@ -65,17 +106,20 @@ bool KeyInput::Apply() const {
     return known && ::tcsetattr(STDIN_FILENO, TCSANOW, &modes) == 0;
 }
 
-char KeyInput::Read() {
+std::optional<char> KeyInput::Read() {
     char key = 0;
     for (;;) {
         const ssize_t got = ::read(STDIN_FILENO, &key, 1);
         if (got == 1) {
             return key;
         }
-        // At end of input every read returns at once. The pause keeps the processor for those who can use it.
-        if (got == 0 || errno != EINTR) {
-            ::poll(nullptr, 0, kEndOfInputPause);
+        if (got == -1 && errno == EINTR) {
+            continue;
         }
+        if (IsHungUp(STDIN_FILENO)) {
+            return std::nullopt;
+        }
+        Pause();  // at end of input every read returns at once, and others can use the processor
     }
 }
 
@@ -91,19 +135,44 @@ void TerminalStream::Restore() const {
     if (!isTerminal) {
         return;
     }
-    if (IsHungUp(descriptor)) {
-        Reopen();
+    if (!Revive()) {
+        Log_Level(kError, "unable to open terminal '%s' again: %s\n", device.c_str(), std::strerror(errno));
     }
     ::tcsetattr(descriptor, TCSANOW, &modes);
 }
 
-void TerminalStream::Reopen() const {
+bool TerminalStream::Revive() const {
+    if (!isTerminal || !IsHungUp(descriptor)) {
+        return true;
+    }
+    return Reopen() && ::tcsetattr(descriptor, TCSANOW, &modes) == 0;
+}
+
+bool TerminalStream::Reopen() const {
     // Without waiting for a carrier: the line that has just been hung up may not have one at once.
     const int access = statusFlags & O_ACCMODE;
     const posix::Descriptor again(
         posix::AcrossSignals([&] { return ::open(device.c_str(), access | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }));
-    if (!again || ::fcntl(again.Get(), F_SETFL, statusFlags) == -1 || ::dup2(again.Get(), descriptor) == -1) {
-        Log_Level(kError, "unable to open terminal '%s' again: %s\n", device.c_str(), std::strerror(errno));
+    return again && ::fcntl(again.Get(), F_SETFL, statusFlags) != -1 && ::dup2(again.Get(), descriptor) != -1;
+}
+
+void StandardStreams::Restore() const {
+    for (const TerminalStream& stream : streams) {
+        stream.Restore();
+    }
+}
+
+void StandardStreams::AwaitTerminal() const {
+    if (!IsHungUp(STDIN_FILENO)) {
+        return;
+    }
+    Pause();  // a line that is hung up as soon as it is opened is not asked on again and again at once
+    Restore();
+    while (IsHungUp(STDIN_FILENO)) {
+        Pause();
+        for (const TerminalStream& stream : streams) {
+            static_cast<void>(stream.Revive());
+        }
     }
 }
 

@@ -5,15 +5,36 @@
 // written.
 #pragma once
 
+#include <array>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include <signal.h>
 #include <termios.h>
+#include <unistd.h>
 
 namespace lofter {
 
+inline constexpr char kHideCursor[] = "\033[?25l";
+inline constexpr char kShowCursor[] = "\033[?25h";
+
 // Writes all of the text to standard output. A terminal that does not take it is nobody's failure.
 void WriteToTerminal(std::string_view text);
+
+// While one exists, a signal that ends the process (SIGHUP, SIGINT or SIGTERM) leaves a terminal behind that shows its
+// cursor and what is typed, in lines. One that is ignored stays ignored. Not more than one at a time.
+class UsableTerminalAtEnd {
+  public:
+    UsableTerminalAtEnd();
+    ~UsableTerminalAtEnd();
+    UsableTerminalAtEnd(const UsableTerminalAtEnd&) = delete;
+    UsableTerminalAtEnd& operator=(const UsableTerminalAtEnd&) = delete;
+
+  private:
+    static constexpr std::array kSignals{SIGHUP, SIGINT, SIGTERM};
+    std::array<struct sigaction, kSignals.size()> before{};
+};
 
 // Single keys without an echo from standard input, for as long as it exists; afterwards lines and echo are on, whatever
 // they were before. A terminal that refuses is logged and used as it is.
@@ -24,8 +45,9 @@ class KeyInput {
     KeyInput(const KeyInput&) = delete;
     KeyInput& operator=(const KeyInput&) = delete;
 
-    // The next byte. Never returns at end of input: the boot waits for an operator, not for a stream.
-    char Read();
+    // The next byte; none when the terminal has been hung up. Never returns at end of input of anything else: the boot
+    // waits for an operator, not for a stream.
+    std::optional<char> Read();
 
   private:
     bool Apply() const;
@@ -48,17 +70,36 @@ class TerminalStream {
     // earlier modes. A device that cannot be opened is logged, and the stream stays dead.
     void Restore() const;
 
+    // Does the same for a stream that has been hung up, and nothing for any other. False, with the reason in errno,
+    // when the device cannot be opened.
+    bool Revive() const;
+
     // The name under which the device is opened again; empty for a stream that is no terminal.
     const std::string& Device() const { return device; }
 
   private:
-    void Reopen() const;
+    bool Reopen() const;
 
     int descriptor;
     std::string device;
     int statusFlags;
     termios modes{};
     bool isTerminal;
+};
+
+// All three standard streams as they are now.
+class StandardStreams {
+  public:
+    // As TerminalStream::Restore, for each.
+    void Restore() const;
+
+    // Returns at once unless the terminal on standard input has been hung up. Else the streams that were hung up are
+    // opened again, which may take until somebody has the line again: it is logged once, and waited for.
+    void AwaitTerminal() const;
+
+  private:
+    const std::array<TerminalStream, 3> streams{TerminalStream(STDIN_FILENO), TerminalStream(STDOUT_FILENO),
+                                                TerminalStream(STDERR_FILENO)};
 };
 
 }  // namespace lofter

@@ -46,8 +46,7 @@ void ResetSignals() {
 }  // namespace
 
 void RunTroubleshootingShell(const char* program) {
-    const std::array streams{TerminalStream(STDIN_FILENO), TerminalStream(STDOUT_FILENO),
-                             TerminalStream(STDERR_FILENO)};
+    const StandardStreams streams;
     const std::array<char*, 2> arguments{const_cast<char*>(program), nullptr};
 
     const pid_t child = ::fork();
@@ -60,9 +59,7 @@ void RunTroubleshootingShell(const char* program) {
     }
     int ignoredStatus = 0;  // however the shell ended, the boot goes on
     posix::WaitForChild(child, ignoredStatus);
-    for (const TerminalStream& stream : streams) {
-        stream.Restore();
-    }
+    streams.Restore();
     WriteToTerminal(kEraseLine);
 }
 

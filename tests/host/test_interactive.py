@@ -1,10 +1,14 @@
 """The operator at the console: prompts, answers, the troubleshooting shell, and what the terminal is afterwards."""
+import contextlib
 import os
 import re
+import signal
+import subprocess
 import termios
 
 import pytest
 
+from support.processes import ProcessesBelow
 from support.waiting import Eventually
 
 ITEMS = {"c": b"\x1b[35m(c)ontinue\x1b[0m", "e": b"\x1b[32m(e)xecute\x1b[0m",
@@ -62,13 +66,37 @@ def test_every_plugin_is_asked_about_and_executed(host):
     assert boot.terminal.Modes() == boot.before
 
 
-def test_the_progress_line_is_erased_before_the_first_question(host):
+def test_the_progress_line_makes_way_for_each_question_and_is_back_after_the_answer(host):
     boot = Boot(host, "--interactive")
     assert boot.Expect(Question("a")).endswith(PROGRESS + NO_PROGRESS + Question("a"))
     boot.terminal.Type("s")
-    assert NO_PROGRESS not in boot.Expect(Question("b"))
+    assert boot.Expect(Question("b")).endswith(Redrawn("s") + PROGRESS + PROGRESS + NO_PROGRESS + Question("b"))
+    boot.terminal.Type("e")
+    assert Redrawn("e") + PROGRESS + PROGRESS in boot.Expect(Question("c"))
     boot.terminal.Type("c")
     assert boot.Finish() == ["b", "c"]
+    assert Redrawn("c") + PROGRESS + PROGRESS in boot.rest
+
+
+def test_the_progress_line_is_back_after_a_shell(host):
+    boot = Boot(host, "--interactive")
+    boot.Answer("a", "t")
+    boot.terminal.Type("exit\n")
+    assert ERASE + PROGRESS + PROGRESS in boot.Expect(Question("b"))
+    boot.terminal.Type("c")
+    assert boot.Finish() == ["a", "b", "c"]
+    assert b"info lofter: Activating" not in boot.terminal.output
+
+
+def test_the_progress_text_is_logged_once_where_the_console_is_no_terminal(host):
+    host.DebugConfiguration("a::a:true", "b:a::true")
+    terminal = host.Terminal()
+    running = host.StartLofter("--interactive", terminal=terminal, bind=[(os.devnull, "/dev/console")])
+    for plugin in "ab":
+        terminal.Expect(Question(plugin), 20)
+        terminal.Type("e")
+    assert running.Finish().status == 0
+    assert terminal.Everything().count(b" info lofter: Activating Lofter Plugins\r\n") == 1
 
 
 def test_the_progress_line_is_erased_where_it_is_shown(host):
@@ -79,7 +107,7 @@ def test_the_progress_line_is_erased_where_it_is_shown(host):
     assert NO_PROGRESS not in terminal.output
     terminal.Type("c")
     assert running.Finish().status == 0
-    assert console.Everything() == PROGRESS + PROGRESS + NO_PROGRESS
+    assert console.Everything() == PROGRESS + PROGRESS + NO_PROGRESS + PROGRESS + PROGRESS
 
 
 def test_upper_case_works_and_other_keys_are_ignored_without_an_echo(host):
@@ -205,6 +233,144 @@ def test_at_end_of_input_the_prompt_keeps_reading(host):
     with pytest.raises(AssertionError, match="still running"):
         running.Finish(timeout=2)
     assert not host.Exists("/tmp/ran")
+
+
+# Hang-ups. The terminal controls no session, as a serial console controls none of a boot's programs.
+
+class Line:
+    """A boot of two plugins on a line that can lose its terminal and get another. The first plugin waits for the test."""
+
+    def __init__(self, host):
+        host.DebugConfiguration("a::a:echo a >>/tmp/ran; read line </tmp/go", "b:a::echo b >>/tmp/ran")
+        host.Run("mkfifo", "/tmp/go")
+        self.host = host
+        self.Connect()
+        self.before = self.terminal.Modes()
+        slave = self.terminal.slave
+        self.running = host.StartLofter("--interactive", stdin=slave, stdout=slave, stderr=slave, bind=[("/dev/pts", "/pts")])
+
+    def Connect(self):
+        self.terminal = self.host.Terminal()
+        self.device = self.host.Path("/dev/console")
+        self.device.unlink(missing_ok=True)
+        self.device.symlink_to(f"/pts/{os.path.basename(self.terminal.path)}")
+
+    def HangUp(self):
+        self.device.unlink()
+        self.host.terminals.remove(self.terminal)
+        self.terminal.Close()
+
+    def AwaitKeys(self, plugin):
+        self.terminal.Expect(Question(plugin), 30)
+        Eventually(lambda: self.terminal.Modes()[LOCAL] & termios.ICANON == 0, "keys are read", 30)
+
+    def EndFirstPlugin(self):
+        def Write():
+            with contextlib.suppress(OSError):  # while nobody reads
+                go = os.open(self.host.Path("/tmp/go"), os.O_WRONLY | os.O_NONBLOCK)
+                os.write(go, b"\n")
+                os.close(go)
+                return True
+        Eventually(Write, "the first plugin waits", 30)
+
+    def Finish(self):
+        outcome = self.running.Finish()
+        assert (outcome.status, outcome.leftovers) == (0, [])
+        assert self.host.Read("/tmp/ran") == "a\nb\n"
+        assert self.terminal.Modes() == self.before
+
+
+def test_the_question_is_asked_again_after_a_hang_up(host):
+    line = Line(host)
+    for _ in range(3):
+        line.AwaitKeys("a")
+        line.HangUp()
+        line.Connect()
+    line.AwaitKeys("a")
+    line.terminal.Type("e")
+    line.EndFirstPlugin()
+    line.AwaitKeys("b")
+    line.terminal.Type("c")
+    line.Finish()
+    assert line.terminal.Everything().count(PROGRESS) == 4  # after both answers
+
+
+def test_a_hang_up_between_two_questions_costs_none_of_them(host):
+    line = Line(host)
+    line.AwaitKeys("a")
+    line.terminal.Type("e")
+    Eventually(lambda: host.Exists("/tmp/ran"), "the first plugin runs", 30)
+    line.HangUp()
+    line.Connect()
+    line.EndFirstPlugin()
+    line.AwaitKeys("b")
+    line.terminal.Type("c")
+    line.Finish()
+    assert b"unable to" not in line.terminal.output
+
+
+def test_a_line_that_has_no_terminal_yet_is_waited_for_without_a_flood(host):
+    syslog = host.Syslog()
+    line = Line(host)
+    line.AwaitKeys("a")
+    line.HangUp()
+    complaint = "unable to open terminal '/dev/console' again: No such file or directory"
+    syslog.WaitFor(complaint, 30)
+    with pytest.raises(subprocess.TimeoutExpired):  # time for many attempts
+        line.running.process.wait(1)
+    line.Connect()
+    line.AwaitKeys("a")
+    line.terminal.Type("c")
+    line.EndFirstPlugin()
+    line.Finish()
+    assert syslog.Texts().count(complaint) == 3  # one a stream
+
+
+# Signals at the prompt.
+
+def Process(running, terminal):
+    """The program's process id: of all that run in the root, the one that reads the terminal."""
+    for process, words in ProcessesBelow(running.process.pid):
+        with contextlib.suppress(OSError):
+            if words[0] == "/usr/sbin/lofter" and os.readlink(f"/proc/{process}/fd/0") == terminal.path:
+                return process
+    raise AssertionError("not running")
+
+
+@pytest.fixture(params=[signal.SIGTERM, signal.SIGINT, signal.SIGHUP], ids=lambda number: number.name)
+def ending(request):
+    """A signal that ends a program; so it does here, too, even if whoever started the tests ignores it."""
+    before = signal.signal(request.param, signal.SIG_DFL)
+    yield request.param
+    signal.signal(request.param, before)
+
+
+@pytest.mark.parametrize("prompt", ["first", "after a shell"])
+def test_a_signal_that_ends_a_prompt_leaves_a_usable_terminal(host, ending, prompt):
+    boot = Boot(host, "--interactive")
+    boot.Expect(Question("a"))
+    boot.WaitForKeys()
+    if prompt == "after a shell":
+        boot.terminal.Type("t")
+        boot.Expect(Redrawn("t"))
+        boot.terminal.Type("exit\n")
+        boot.Expect(Question("b"))
+        boot.WaitForKeys()
+    os.kill(Process(boot.running, boot.terminal), ending)
+    assert boot.running.Finish().status == 128 + ending
+    assert boot.terminal.Modes() == boot.before
+    assert boot.terminal.Everything()[boot.position:] == SHOW
+
+
+def test_a_signal_that_is_ignored_stays_so_at_a_prompt(host, ending):
+    host.DebugConfiguration("a::a:true")
+    terminal = host.Terminal()
+    running = host.Start("sh", "-c", f"trap '' {int(ending)}; exec /usr/sbin/lofter --interactive", terminal=terminal, grace=10)
+    terminal.Expect(Question("a"), 20)
+    Eventually(lambda: terminal.Modes()[LOCAL] & termios.ICANON == 0, "keys are read", 20)
+    os.kill(Process(running, terminal), ending)
+    terminal.Type("c")
+    assert running.Finish().status == 0
 
 
 @pytest.mark.parametrize("console", [None, os.devnull], ids=["missing", "no terminal"])

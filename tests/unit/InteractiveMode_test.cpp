@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Progress.h"
 #include "support/LogCapture.h"
 #include "support/SyscallFilter.h"
 #include "support/TerminalProcess.h"
@@ -60,6 +61,7 @@ struct Scene {
 // Walks through the plugins and tells what became of each ("a b" for executed ones, "-a" for skipped ones), what was
 // logged, and whether the next one would be asked about.
 std::string Walk(const Scene& scene, const char* console = kNoConsole) {
+    ShowProgress();  // as every run does; shown again, it is not logged again
     const test::LogCapture log;
     Settings& settings = Settings::Instance();
     settings.interactive = scene.interactive;

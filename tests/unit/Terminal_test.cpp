@@ -2,11 +2,13 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Logging.h"
@@ -43,8 +45,8 @@ TEST(KeyInput, ReadsWithoutLinesAndEchoAndPutsBothBack) {
         std::string keys;
         {
             KeyInput input;
-            keys += input.Read();
-            keys += input.Read();
+            keys += input.Read().value_or(0);
+            keys += input.Read().value_or(0);
         }
         return keys;
     });
@@ -84,7 +86,7 @@ TEST(KeyInput, LogsEveryStepThatAStreamWithoutATerminalRefuses) {
         char key = 0;
         {
             KeyInput input;
-            key = input.Read();
+            key = input.Read().value_or(0);
         }
         return key + ("\n" + Joined(log.Lines(kError)));
     });
@@ -100,7 +102,7 @@ TEST(KeyInput, TakesNoMoreThanTheKeyItReturns) {
         std::string keys;
         {
             KeyInput input;
-            keys += input.Read();
+            keys += input.Read().value_or(0);
         }
         std::array<char, 16> rest{};
         const ssize_t got = ::read(STDIN_FILENO, rest.data(), rest.size());
@@ -128,6 +130,66 @@ TEST(KeyInput, ReadsOnAtEndOfInputWithoutBurningTheProcessor) {
     ASSERT_EQ(::clock_gettime(clock, &used), 0);
     EXPECT_EQ(used.tv_sec, 0);
     EXPECT_LT(used.tv_nsec, 500'000'000);
+}
+
+// A process that reads keys, and says so.
+std::string ReadAKey() {
+    std::string keys;
+    {
+        const UsableTerminalAtEnd whileKeysAreRead;
+        WriteToTerminal(kHideCursor);
+        KeyInput input;
+        WriteToTerminal("reading");
+        keys += input.Read().value_or('-');
+    }
+    for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+        struct sigaction action {};
+        ::sigaction(number, nullptr, &action);
+        keys += action.sa_handler == SIG_DFL ? 'd' : action.sa_handler == SIG_IGN ? 'i' : '?';
+    }
+    return keys;
+}
+
+TEST(UsableTerminalAtEnd, IsLeftBehindByASignalThatEndsTheProcess) {
+    for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+        TerminalProcess process([number] {
+            ::signal(number, SIG_DFL);
+            return ReadAKey();
+        });
+        process.WaitForText("reading");
+        ASSERT_EQ(::kill(process.Id(), number), 0);
+        std::string written;
+        const int status = process.WaitForEnd(&written);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == number) << number << " " << status;
+        EXPECT_EQ(written, kShowCursor) << number;
+        EXPECT_EQ(process.terminal.Modes().c_lflag, process.initialModes.c_lflag) << number;
+    }
+}
+
+TEST(UsableTerminalAtEnd, EndsTheProcessEvenWhenTheTerminalTakesNoOutput) {
+    TerminalProcess process([] {
+        ::signal(SIGTERM, SIG_DFL);
+        return ReadAKey();
+    });
+    process.WaitForText("reading");
+    ASSERT_EQ(::tcflow(process.terminal.Device(), TCOOFF), 0);
+    ASSERT_EQ(::kill(process.Id(), SIGTERM), 0);
+    const int status = process.WaitForEnd();
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+    EXPECT_EQ(process.terminal.Modes().c_lflag, process.initialModes.c_lflag);
+}
+
+TEST(UsableTerminalAtEnd, LeavesWhatIsIgnoredIgnoredAndPutsTheOthersBack) {
+    TerminalProcess process([] {
+        ::signal(SIGHUP, SIG_DFL);
+        ::signal(SIGINT, SIG_IGN);
+        ::signal(SIGTERM, SIG_DFL);
+        return ReadAKey();
+    });
+    process.WaitForText("reading");
+    ASSERT_EQ(::kill(process.Id(), SIGINT), 0);
+    process.Type("k");
+    EXPECT_EQ(process.WaitForResult(), "kdid");
 }
 
 TEST(WriteToTerminal, WritesEverythingHoweverSlowlyItIsTaken) {
@@ -221,6 +283,35 @@ TEST_F(HungUpTerminal, IsReportedWhenItCannotBeOpenedAgain) {
     before.Restore();
     EXPECT_EQ(log.Lines(kError), std::vector<std::string>{"unable to open terminal '" + device.string() +
                                                           "' again: No such file or directory"});
+}
+
+TEST_F(HungUpTerminal, IsRevivedWithoutAWordOnceItsDeviceIsThereAgain) {
+    const test::LogCapture log;
+    const tcflag_t earlier = WithoutEcho(stream.Get());
+    const TerminalStream before(stream.Get(), device);
+    EXPECT_TRUE(before.Revive());
+    HangUp();
+    std::filesystem::remove(device);
+    EXPECT_FALSE(before.Revive());
+    EXPECT_EQ(errno, ENOENT);
+    std::filesystem::create_symlink(second.Name(), device);
+    EXPECT_TRUE(before.Revive());
+    EXPECT_EQ(second.Modes().c_lflag, earlier);
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(HungUpTerminal, GivesNoKeys) {
+    TerminalProcess process([this] {
+        ::dup2(stream.Get(), STDIN_FILENO);
+        first.CloseOperator();  // the copy here; the other's end is what hangs up
+        KeyInput input;
+        WriteToTerminal("reading");
+        const bool isNone = !input.Read();
+        return std::string(isNone ? "none" : "some");
+    });
+    process.WaitForText("reading");
+    first.CloseOperator();
+    EXPECT_EQ(process.WaitForResult(), "none");
 }
 
 TEST_F(HungUpTerminal, LeavesALivingTerminalOpenAndOnlyRestoresItsModes) {
