@@ -6,6 +6,7 @@
 
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Logging.h"
@@ -18,10 +19,22 @@ namespace {
 
 constexpr char kEraseLine[] = "\033[2K";
 
-// The boot ignores and handles signals for its own purposes; the operator's shell and its jobs do not.
+// A signal's default action, as the system call takes it.
+constexpr std::size_t kSignalSetSize = (NSIG - 1) / 8;
+struct KernelSignalAction {
+    void (*handler)(int) = SIG_DFL;
+    unsigned long flags = 0;
+    unsigned long restorer = 0;
+    std::array<unsigned char, kSignalSetSize> mask{};
+};
+
+// The boot ignores and handles signals for its own purposes, and inherits ignored ones; the operator's shell and its
+// jobs do not. Past the C library, which refuses the two signals that it keeps for itself: a boot may inherit those
+// ignored, too, and nothing that uses them runs between here and the exec.
 void ResetSignals() {
+    const KernelSignalAction byDefault;
     for (int number = 1; number < NSIG; ++number) {
-        ::signal(number, SIG_DFL);
+        ::syscall(SYS_rt_sigaction, number, &byDefault, nullptr, kSignalSetSize);
     }
     sigset_t none;
     ::sigemptyset(&none);

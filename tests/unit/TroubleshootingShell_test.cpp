@@ -36,6 +36,15 @@ std::string Error(const std::string& text) {
     return std::string("error ") + program_invocation_short_name + ": " + text + "\n";
 }
 
+// Past the C library, which refuses the two signals that it keeps for itself.
+void Ignore(int number) {
+    struct {
+        void (*handler)(int) = SIG_IGN;
+        std::array<unsigned long, 3> flagsRestorerMask{};
+    } action;
+    ASSERT_EQ(::syscall(SYS_rt_sigaction, number, &action, nullptr, (NSIG - 1) / 8), 0);
+}
+
 // The terminal's modes as far as programs change them.
 std::array<tcflag_t, 4> Flags(const termios& modes) {
     return {modes.c_iflag, modes.c_oflag, modes.c_cflag, modes.c_lflag};
@@ -101,8 +110,9 @@ TEST(TroubleshootingShell, HasNoDescriptorsButTheStandardStreams) {
 
 TEST(TroubleshootingShell, HasDefaultSignals) {
     TerminalProcess boot([] {
-        for (const int number : {SIGPIPE, SIGINT, SIGQUIT, SIGHUP, SIGTERM}) {
-            ::signal(number, SIG_IGN);
+        // 32 and 33 as well, as the children of some programs inherit it.
+        for (const int number : {SIGPIPE, SIGINT, SIGQUIT, SIGHUP, SIGTERM, 32, 33}) {
+            Ignore(number);
         }
         sigset_t some;
         ::sigemptyset(&some);
