@@ -9,6 +9,7 @@ import threading
 
 import pytest
 
+from support.host import BUILD
 from support.syslog import ERROR, INFO, WARNING
 from support.waiting import Eventually
 
@@ -465,3 +466,12 @@ def test_the_executor_killed_while_a_command_runs(commands):
     Eventually(lambda: held.ReleaseIfHeld() or not held.running.IsRunning(), "the command and the boot end", 30)
     held.Finish()
     assert Notes(commands) == ["holding"]
+
+
+def test_the_replay_of_the_control_sockets_corpus_runs_no_command_of_the_host(commands):
+    """Whoever tests lofter on a machine that boots with it."""
+    commands.Write("/corpus/patient", "\0note --text=run")
+    outcome = commands.Run("/replay", "/corpus", bind=[(BUILD / "tests/fuzz/control-socket", "/replay")])
+    assert (outcome.status, outcome.errors) == (0, "")
+    assert outcome.output.endswith("1 files\n")
+    assert Notes(commands) == []
