@@ -9,6 +9,7 @@ import time
 import traceback
 
 from boot import MakeBoot, Result
+from ending import Call
 from support.host import BUILD
 from workshop import Workshop
 
@@ -58,4 +59,4 @@ def Main():
 
 
 if __name__ == "__main__":
-    Main()
+    Call(Main, "./dev soak")
