@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ExitWatch.h"
 #include "Logging.h"
 #include "Paths.h"
 #include "ProgramLauncher.h"
@@ -158,6 +159,12 @@ void RunSequence::DiscoverPlugins() {
     Discovery discovery(
         {settings.pluginDirectory, paths::kDebugConfiguration, settings.disabledPlugins, options.pluginFlags}, runOnce,
         plugins);
+    // The last defence against an object that gets past its trial: a boot that ends here is none that went well.
+    const ExitWatch watch([&] {
+        Log_Level(kError, "lofter was made to exit whilst loading plugin %s, nothing was run\n",
+                  discovery.CurrentFile().c_str());
+        StopExecutorProcess();
+    });
     if (options.plugins.empty()) {
         discovery.DiscoverAll();
     } else {

@@ -229,6 +229,7 @@ ERROR_CALL(CONDITION, pthread_cond_init, (pthread_cond_t * condition, const pthr
            (condition, attributes))
 
 CALL(SOCKET, -1, int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+CALL(SOCKET, -1, int, socketpair, (int domain, int type, int protocol, int ends[2]), (domain, type, protocol, ends))
 CALL(BIND, -1, int, bind, (int descriptor, __CONST_SOCKADDR_ARG address, socklen_t size), (descriptor, address, size))
 CALL(LISTEN, -1, int, listen, (int descriptor, int backlog), (descriptor, backlog))
 CALL(CONNECT, -1, int, connect, (int descriptor, __CONST_SOCKADDR_ARG address, socklen_t size),

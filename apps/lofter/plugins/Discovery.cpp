@@ -16,6 +16,8 @@ namespace lofter {
 
 namespace {
 
+constexpr const char* kNativeExtension = "so";
+
 using Construct = std::unique_ptr<Plugin> (*)(const std::string& name, const std::string& path);
 
 template <typename Kind>
@@ -25,7 +27,7 @@ std::unique_ptr<Plugin> ConstructKind(const std::string& name, const std::string
 
 // Plugin kinds with a file of their own, by extension; null for any other extension.
 Construct ConstructorFor(const std::string& extension) {
-    if (extension == "so") {
+    if (extension == kNativeExtension) {
         return ConstructKind<NativePlugin>;
     }
     if (extension == "json") {
@@ -68,6 +70,7 @@ void Discovery::DiscoverListed(const std::vector<std::string>& fileNames) {
 }
 
 void Discovery::ProcessFile(const std::string& fileName) {
+    currentFile = fileName;
     // A listed name that begins with a slash does not lead out of the plugin directory.
     const std::filesystem::path relative = std::filesystem::path(fileName).relative_path();
     const std::string path = (std::filesystem::path(input.pluginDirectory) / relative).string();
@@ -96,7 +99,13 @@ void Discovery::ProcessFile(const std::string& fileName) {
         return;
     }
     Plugin* plugin = nullptr;
-    if (!LoadContained(fileName, [&] { plugin = NodeStore::Keep(construct(name, path)); })) {
+    const auto load = [&] {
+        if (extension == kNativeExtension) {
+            trial.Try(path);
+        }
+        plugin = NodeStore::Keep(construct(name, path));
+    };
+    if (!LoadContained(fileName, load)) {
         return;
     }
     if (IsDisabled(*plugin) || !AdmittedByFlags(*plugin)) {

@@ -3,7 +3,8 @@
 // A file's extension decides its kind. What is constructed is then held against the disabled plugins, the boot flags
 // and the run-once record, in this order. A plugin that is rejected is marked as started and lives on: its barrier
 // edges were recorded when it was constructed, and whoever waits on its barriers goes on. Every rejection is logged
-// with its reason; nothing about one file stops the next.
+// with its reason; nothing about one file stops the next. Shared objects are tried in another process before they are
+// loaded into this one.
 #pragma once
 
 #include <deque>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "plugins/DebugConfiguration.h"
+#include "plugins/ObjectTrial.h"
 #include "plugins/Plugin.h"
 
 namespace lofter {
@@ -41,6 +43,9 @@ class Discovery {
     // The listed file names of the plugin directory, in list order.
     void DiscoverListed(const std::vector<std::string>& fileNames);
 
+    // The file that is being processed: what is to blame when it takes the process along.
+    const std::string& CurrentFile() const { return currentFile; }
+
   private:
     void ProcessFile(const std::string& fileName);
     void AppendDebugPlugins(const std::vector<DebugEntry>& entries);
@@ -51,6 +56,8 @@ class Discovery {
     const DiscoveryInput input;
     std::set<std::string>& runOnce;
     PluginList& plugins;
+    ObjectTrial trial;
+    std::string currentFile;
 };
 
 // Runs `load`, which makes what the file describes. Whatever it throws is logged, and false is returned.

@@ -2,6 +2,9 @@
 
 #include <cstddef>
 
+#include "plugins/ProcessState.h"
+#include "plugins/SharedObject.h"
+
 namespace lofter {
 
 namespace {
@@ -74,6 +77,14 @@ std::optional<NativeInterface> ReadNativeInterface(const void* metadataSymbol, c
         plugin.release = metadata.plugin_version == nullptr ? "" : metadata.plugin_version;
     }
     return plugin;
+}
+
+std::optional<NativeInterface> LoadNativeInterface(const std::string& path) {
+    const ProcessState state;
+    const SharedObject object(path);
+    const void* operations = object.Symbol("operations");
+    const void* metadata = object.Symbol("metadata");
+    return ReadNativeInterface(metadata, operations);
 }
 
 }  // namespace lofter

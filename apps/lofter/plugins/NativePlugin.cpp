@@ -12,7 +12,6 @@
 #include "krxuser/spawn.h"
 #include "plugins/Exception.h"
 #include "plugins/NativeInterface.h"
-#include "plugins/SharedObject.h"
 
 namespace lofter {
 
@@ -103,10 +102,7 @@ class OperationCall {
 
 NativePlugin::NativePlugin(const std::string& pluginName, const std::string& objectPath)
     : Plugin(pluginName), path(objectPath) {
-    const SharedObject object(path);
-    const void* operations = object.Symbol("operations");
-    const void* metadata = object.Symbol("metadata");
-    const std::optional<NativeInterface> plugin = ReadNativeInterface(metadata, operations);
+    const std::optional<NativeInterface> plugin = LoadNativeInterface(path);
     if (!plugin) {
         throw InvalidPluginException(path, "Unsupported API version");
     }

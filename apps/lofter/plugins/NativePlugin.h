@@ -2,7 +2,8 @@
 //
 // The object is loaded into this process only while the plugin is constructed, to read the metadata and to see which
 // operations there are. The operations themselves run in the native executor program, one process for each call, so a
-// plugin that crashes fails alone. Opening the object does run its constructors here.
+// plugin that crashes fails alone. Opening the object does run its constructors here: one that may end the process that
+// loads it is tried first, see ObjectTrial.h.
 //
 // Several plugins may run their operations at once.
 #pragma once

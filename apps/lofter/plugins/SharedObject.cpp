@@ -1,32 +1,24 @@
 #include "plugins/SharedObject.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include <dlfcn.h>
+#include <sys/stat.h>
 
 #include "plugins/Exception.h"
-#include "plugins/ObjectFile.h"
-#include "posix/AcrossSignals.h"
 
 namespace lofter {
 
 namespace {
 
-bool IsCutShort(const std::string& path) {
-    std::error_code failure;
-    std::ifstream file;
-    if (std::filesystem::is_regular_file(path, failure)) {
-        posix::OpenAcrossSignals(file, path, std::ios::in | std::ios::binary);
-    }
-    return file.is_open() && EndsBeforeItsContents(file);
+// What a constructor of the object throws ends the process here: passing through the loader, it would leave that
+// locked.
+void* Open(const char* path) noexcept {
+    return dlopen(path, RTLD_LAZY | RTLD_GLOBAL);
 }
 
-// A pipe or a device, which the loader would wait for. The loader has a reason of its own for everything else.
-bool IsSpecialFile(const std::string& path) {
-    std::error_code failure;
-    const std::filesystem::file_status status = std::filesystem::status(path, failure);
-    return std::filesystem::exists(status) && std::filesystem::is_other(status);
+// Those of this process and a constant; always the same where the process file system is missing.
+unsigned long ThreadCount() {
+    struct stat tasks {};
+    return stat("/proc/self/task", &tasks) == 0 ? tasks.st_nlink : 0;
 }
 
 std::string LoaderReason() {
@@ -37,19 +29,15 @@ std::string LoaderReason() {
 }  // namespace
 
 void SharedObject::Unload::operator()(void* object) const {
-    // An object that refuses to go stays, which harms nobody: it was only looked at.
-    dlclose(object);
+    // The code must not be gone from under its own thread.
+    if (ThreadCount() <= threads) {
+        dlclose(object);
+    }
 }
 
-SharedObject::SharedObject(const std::string& objectPath) : path(objectPath) {
-    if (IsSpecialFile(path)) {
-        throw InvalidPluginException(path, path + ": not a regular file");
-    }
-    if (IsCutShort(path)) {
-        throw InvalidPluginException(path, path + ": file too short");  // the loader's own words for shorter ones
-    }
+SharedObject::SharedObject(const std::string& objectPath) : path(objectPath), handle(nullptr, {ThreadCount()}) {
     dlerror();
-    handle.reset(dlopen(path.c_str(), RTLD_LAZY | RTLD_GLOBAL));
+    handle.reset(Open(path.c_str()));
     if (handle == nullptr) {
         throw InvalidPluginException(path, LoaderReason());
     }

@@ -1,4 +1,5 @@
-// A shared object in this process, unloaded when its owner goes: on every way out of whoever looks into it.
+// A shared object in this process, unloaded when its owner goes: on every way out of whoever looks into it. One that
+// has started a thread which still runs then stays, as does one that refuses to go; that harms nobody.
 //
 // Pointers obtained from it die with it. The loader keeps its error text per thread, so objects may be used on any
 // thread.
@@ -11,8 +12,8 @@ namespace lofter {
 
 class SharedObject {
   public:
-    // Opens the object with lazy binding and global visibility, which runs its constructors. Throws
-    // InvalidPluginException with the path and the loader's reason.
+    // Opens the object with lazy binding and global visibility, which runs its constructors: what one of them throws
+    // aborts the process. Throws InvalidPluginException with the path and the loader's reason.
     explicit SharedObject(const std::string& objectPath);
 
     // The address of a data symbol, never null. Throws Exception
@@ -21,6 +22,7 @@ class SharedObject {
 
   private:
     struct Unload {
+        unsigned long threads;  // of this process, before the object was opened
         void operator()(void* object) const;
     };
 

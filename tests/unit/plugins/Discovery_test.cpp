@@ -123,6 +123,15 @@ TEST_F(DiscoveryTest, ReportsAFileThatIsNoPluginAndGoesOn) {
     }
 }
 
+TEST_F(DiscoveryTest, TriesSharedObjectsBeforeItLoadsThem) {
+    Install("exit_3_loading", "bad.so");
+    Install("barriers", "good.so");
+    DiscoverListed({"bad.so", "good.so"});
+    EXPECT_EQ(Found(), "good");
+    EXPECT_EQ(log.Entries(), (Entries{{115, "exception occurred whilst loading plugin bad.so: plugin `" + plugins +
+                                                "/bad.so' is invalid: exited its loader with status 3"}}));
+}
+
 TEST_F(DiscoveryTest, ReportsAPluginThatTheSystemHasNoRoomFor) {
     Install("barriers", "net.so");
     {

@@ -1,0 +1,215 @@
+"""Objects that would end the boot by being loaded, and damaged ones: each costs only itself, and is named."""
+import os
+import random
+import re
+import struct
+
+import pytest
+
+from support.host import BUILD, ENVIRONMENT
+from support.syslog import ERROR, WARNING
+
+FIXTURES = BUILD / "tests" / "unit" / "fixtures" / "native"
+EXAMPLES = BUILD / "sdk" / "examples"
+PLUGINS = "/usr/libexec/lofter/plugins"
+
+# Crashes on purpose are no finding of a sanitizer.
+OWN_SIGNALS = "handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0"
+
+
+def Environment(**more):
+    names = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")
+    return {**{name: f"{ENVIRONMENT[name]}:{OWN_SIGNALS}" for name in names}, **more}
+
+
+def Fixture(host, name, file=None):
+    host.Plugin(file or f"{name}.so", (FIXTURES / f"{name}.so").read_bytes())
+
+
+def Hello(host, *names):
+    for name in names:
+        host.Plugin(f"{name}.so", (EXAMPLES / "hello.so").read_bytes())
+
+
+class Boot:
+    """A boot that comes to its end, whatever is in the plugin directory."""
+
+    def __init__(self, host, *arguments, status=0, **settings):
+        syslog = host.Syslog()
+        host.KernelLog()
+        self.outcome = host.Lofter("--init", *arguments, environment=Environment(), **settings)
+        assert self.outcome.status == status, self.outcome.output + self.outcome.errors
+        self.errors = syslog.Texts(ERROR)
+        self.loading = [text for text in syslog.Texts(WARNING) if "loading plugin" in text]
+        self.kernel = host.Read("/dev/kmsg")
+        self.activated = re.findall(r"Lofter plugin (\S+) activated\.", self.kernel)
+
+
+def Rejected(file, reason):
+    return f"exception occurred whilst loading plugin {file}: plugin `{PLUGINS}/{file}' is invalid: {reason}"
+
+
+SIGNALS = {"crash": "signal 11 (Segmentation fault)", "abort": "signal 6 (Aborted)", "bus": "signal 7 (Bus error)"}
+HARM = {
+    "exit_0_loading": "exited its loader with status 0",
+    "exit_3_loading": "exited its loader with status 3",
+    "exec_loading": "exited its loader with status 0",
+    "throw_loading": f"ended its loader with {SIGNALS['abort']}",
+    "abort_loading": f"ended its loader with {SIGNALS['abort']}",
+    "crash_loading": f"ended its loader with {SIGNALS['crash']}",
+    "leave_child_and_crash_loading": f"ended its loader with {SIGNALS['crash']}",
+    "close_all_loading": "closed or replaced its loader's descriptors",
+    "close_streams_loading": "closed or replaced its loader's descriptors",
+    "replace_output_loading": "closed or replaced its loader's descriptors",
+    "exit_0_unloading": "exited its loader with status 0",
+    "crash_unloading": f"ended its loader with {SIGNALS['crash']}",
+    "close_streams_unloading": "closed or replaced its loader's descriptors",
+    "wild_list": f"ended its loader with {SIGNALS['crash']}",
+    "wild_text": f"ended its loader with {SIGNALS['crash']}",
+    "wild_release": f"ended its loader with {SIGNALS['crash']}",
+}
+
+
+@pytest.mark.parametrize("name", HARM)
+def test_an_object_that_ends_its_loader_costs_only_itself(host, name):
+    Hello(host, "before", "after")
+    Fixture(host, name)
+    host.DebugConfiguration("debug:hello::touch /run/debug")
+    boot = Boot(host, f"--plugin=before.so,{name}.so,after.so")
+    assert boot.loading == [Rejected(f"{name}.so", HARM[name])]
+    assert boot.activated == ["before", "after"]
+    assert not boot.outcome.leftovers
+
+
+def test_many_harmful_objects_in_one_boot_cost_only_themselves(host):
+    for name in HARM:
+        Fixture(host, name)
+    Hello(host, "hello")
+    host.DebugConfiguration("debug:hello::true")
+    boot = Boot(host)
+    assert sorted(boot.loading) == sorted(Rejected(f"{name}.so", reason) for name, reason in HARM.items())
+    assert boot.activated == ["hello", "debug"]
+    assert not boot.outcome.leftovers
+
+
+def test_objects_that_never_finish_loading_are_given_up(host):
+    names = ["sleep_loading", "close_all_and_sleep_loading"]
+    for name in names:
+        Fixture(host, name)
+    os.mkfifo(host.Path(f"{PLUGINS}/pipe.so"))
+    Hello(host, "hello")
+    boot = Boot(host, timeout=120)
+    assert sorted(boot.loading) == sorted(Rejected(f"{name}.so", "did not load within 10 s") for name in [*names, "pipe"])
+    assert boot.activated == ["hello"]
+    assert not boot.outcome.leftovers
+
+
+def test_a_child_that_an_object_leaves_behind_in_the_trial_ends_with_it(host):
+    Fixture(host, "leave_child_loading", "orphan.so")
+    boot = Boot(host, "--invoke", "--method=none", "--plugin=orphan.so", grace=1)
+    assert boot.loading == []
+    # The child of the real load remains; that is the object's own affair.
+    assert [line.split()[1:] for line in boot.outcome.leftovers] == \
+        [["/usr/sbin/lofter", "--init", "--invoke", "--method=none", "--plugin=orphan.so"]]
+
+
+def test_an_object_that_goes_on_twice_boots_the_host_once(host):
+    Fixture(host, "go_on_twice_loading", "twice.so")
+    host.DebugConfiguration("debug:clock::echo once >>/run/count")
+    boot = Boot(host, "--plugin=twice.so,debug.debug")
+    assert boot.loading == []
+    assert boot.activated == ["twice", "debug"]
+    assert host.Read("/run/count") == "once\n"
+    assert boot.outcome.output.count("Lofter executor signalled") <= 1
+
+
+def test_what_an_object_changes_in_its_loader_is_put_back(host):
+    Fixture(host, "change_process_loading", "change.so")
+    host.WriteScript("/usr/bin/report", "umask; pwd; echo ${LEFT_BY-nothing} $PATH; grep Sig[BI] /proc/self/status")
+    host.DebugConfiguration("look:::report >/run/before", "wait:clock::sleep 0.5", "look again:clock::report >/run/after")
+    assert host.Lofter("--init", "--plugin=look.debug").status == 0
+    host.Restart()
+    boot = Boot(host, "--plugin=change.so,wait.debug,look again.debug")
+    assert boot.loading == []
+    assert "Lofter plugin look again activated." in boot.kernel
+    assert host.Read("/run/after") == host.Read("/run/before")
+
+
+def test_a_thread_that_an_object_leaves_behind_does_not_end_the_boot(host):
+    Fixture(host, "leave_thread_loading", "thread.so")
+    host.DebugConfiguration("wait:::sleep 0.5")
+    boot = Boot(host, "--plugin=thread.so,wait.debug")
+    assert boot.loading == []
+    assert sorted(boot.activated) == ["thread", "wait"]
+
+
+def test_an_exit_in_the_middle_of_discovery_is_a_failure_and_stops_the_executor(host):
+    Fixture(host, "exit_when_loaded_again_loading", "fickle.so")
+    Hello(host, "hello")
+    boot = Boot(host, "--plugin=hello.so,fickle.so", status=1)
+    assert boot.errors[-1] == f"lofter was made to exit whilst loading plugin fickle.so, nothing was run"
+    assert boot.activated == []
+    assert not boot.outcome.leftovers
+
+
+def test_a_truncated_object_costs_only_itself(host):
+    plugin = (FIXTURES / "barriers.so").read_bytes()
+    host.Plugin("cut.so", plugin[:len(plugin) // 2])
+    Hello(host, "hello")
+    boot = Boot(host)
+    assert boot.loading == [Rejected("cut.so", f"ended its loader with {SIGNALS['bus']}")]
+    assert boot.activated == ["hello"]
+
+
+def EmptySegment(plugin):
+    """The object with a load segment of no bytes beyond its end, in place of its note segment."""
+    offset, count = struct.unpack_from("<Q", plugin, 32)[0], struct.unpack_from("<H", plugin, 56)[0]
+    headers = [list(struct.unpack_from("<IIQQQQQQ", plugin, offset + 56 * index)) for index in range(count)]
+    loads = [header for header in headers if header[0] == 1]
+    spare = next(header for header in headers if header[0] in (4, 0x6474e553, 0x6474e550))  # notes
+    headers.remove(spare)
+    end = (max(header[3] + header[6] for header in loads) + 0xffff) & ~0xffff
+    headers.insert(headers.index(loads[-1]) + 1, [1, 4, len(plugin) + 0x100000 & ~0xfff, end, end, 0, 0x1000, 0x1000])
+    return plugin[:offset] + b"".join(struct.pack("<IIQQQQQQ", *header) for header in headers) + plugin[offset + 56 * count:]
+
+
+def test_an_empty_segment_beyond_the_end_of_the_file_is_no_damage(host):
+    host.Plugin("empty_segment.so", EmptySegment((EXAMPLES / "hello.so").read_bytes()))
+    boot = Boot(host)
+    assert boot.loading == []
+    assert boot.activated == ["empty_segment"]
+
+
+# Damage.
+
+def Flipped(plugin, bit):
+    damaged = bytearray(plugin)
+    damaged[bit // 8] ^= 1 << bit % 8
+    return bytes(damaged)
+
+
+def Zeroed(plugin, sector):
+    return plugin[:512 * sector] + bytes(len(plugin[512 * sector:512 * (sector + 1)])) + plugin[512 * (sector + 1):]
+
+
+@pytest.mark.parametrize("folder, name", [(FIXTURES, "release3"), (EXAMPLES, "inventory"), (EXAMPLES, "banner")])
+def test_a_damaged_object_never_ends_a_boot(host, folder, name):
+    plugin = (folder / f"{name}.so").read_bytes()
+    chosen = random.Random(name)
+    damaged = {f"flip{bit}": Flipped(plugin, bit) for bit in chosen.sample(range(8 * len(plugin)), 200)}
+    damaged.update({f"sector{number}": Zeroed(plugin, number) for number in range((len(plugin) + 511) // 512)})
+    for name, content in damaged.items():
+        host.Plugin(f"{name}.so", content)
+    Hello(host, "hello")
+    # Reports of what happens in the trial are of no interest; and a damaged name may close a cycle, so nothing is run.
+    environment = {name: f"{options}:log_path=/tmp/report" for name, options in Environment().items()}
+    outcome = host.Lofter("--init", "--plugin-flags=a,b", "--dump-dependency-tree=/tmp/graph", environment=environment, timeout=120)
+    assert outcome.status == 0, outcome.output + outcome.errors
+    graph = host.Read("/tmp/graph")
+    loaded = set(re.findall(r'\[label="((?:flip|sector)\d+|hello)"', graph))
+    ignored = set(re.findall(r"ignoring plugin '(\w+)', disabled", outcome.output))
+    rejected = set(re.findall(r"exception occurred whilst loading plugin (\w+)\.so: ", outcome.output))
+    assert loaded | ignored | rejected == {*damaged, "hello"}
+    assert not loaded & rejected
+    assert "hello" in loaded
+    assert "ended its loader with" in outcome.output

@@ -1,0 +1,177 @@
+#include "plugins/ObjectTrial.h"
+
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "plugins/Exception.h"
+#include "plugins/NativeInterface.h"
+#include "support/ChildOutcome.h"
+#include "support/LogCapture.h"
+#include "support/OpenDescriptors.h"
+#include "support/TemporaryDirectory.h"
+#include "support/WaitUntil.h"
+
+namespace lofter {
+namespace {
+
+using Processes = std::vector<pid_t>;
+
+std::string Fixture(const std::string& name) {
+    return std::string(NATIVE_FIXTURES) + "/" + name + ".so";
+}
+
+// Why the object is rejected; empty for one that survives.
+std::string Rejection(ObjectTrial& trial, const std::string& path) {
+    try {
+        trial.Try(path);
+        return "";
+    } catch (const InvalidPluginException& failure) {
+        return failure.what();
+    }
+}
+
+std::string Invalid(const std::string& path, const std::string& reason) {
+    return "plugin `" + path + "' is invalid: " + reason;
+}
+
+Processes Children() {
+    std::ifstream list("/proc/self/task/" + std::to_string(getpid()) + "/children");
+    return {std::istream_iterator<pid_t>(list), std::istream_iterator<pid_t>()};
+}
+
+char StateOf(pid_t process) {
+    std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
+    std::string number;
+    std::string name;
+    char state = '?';
+    stat >> number >> name >> state;
+    return state;
+}
+
+bool HasChildren() {
+    return waitpid(-1, nullptr, WNOHANG) != -1;
+}
+
+TEST(ObjectTrial, UsesOneProcessForManyObjectsAndNoneForNoObject) {
+    ObjectTrial trial;
+    EXPECT_EQ(Children(), Processes{});
+    trial.Try(Fixture("barriers"));
+    const Processes first = Children();
+    EXPECT_EQ(first.size(), 1U);
+    for (const std::string name : {"release3", "staying", "barriers"}) {
+        trial.Try(Fixture(name));
+    }
+    EXPECT_EQ(Children(), first);
+}
+
+TEST(ObjectTrial, LeavesTheLoadersRefusalsToTheRealLoad) {
+    const test::TemporaryDirectory folder;
+    ObjectTrial trial;
+    const std::string text = folder.Write("text.so", std::string(200, '.'));
+    for (const std::string& path : {text, folder / "absent.so", Fixture("version5"), Fixture("no_metadata"),
+                                    Fixture("unresolved_data"), "/" + std::string(1 << 16, 'x')}) {
+        EXPECT_EQ(Rejection(trial, path), "");
+    }
+    EXPECT_EQ(Children().size(), 1U);
+}
+
+TEST(ObjectTrial, TriesTheNextObjectInAnotherProcess) {
+    ObjectTrial trial;
+    trial.Try(Fixture("barriers"));
+    const Processes first = Children();
+    EXPECT_EQ(Rejection(trial, Fixture("exit_3_loading")),
+              Invalid(Fixture("exit_3_loading"), "exited its loader with status 3"));
+    EXPECT_EQ(Children(), Processes{});
+    EXPECT_EQ(Rejection(trial, Fixture("throw_loading")),
+              Invalid(Fixture("throw_loading"), "ended its loader with signal 6 (Aborted)"));
+    trial.Try(Fixture("barriers"));
+    EXPECT_EQ(Children().size(), 1U);
+    EXPECT_NE(Children(), first);
+}
+
+TEST(ObjectTrial, HasALimit) {
+    ObjectTrial trial(std::chrono::seconds(1));
+    for (const std::string name : {"sleep_loading", "close_all_and_sleep_loading"}) {
+        EXPECT_EQ(Rejection(trial, Fixture(name)), Invalid(Fixture(name), "did not load within 1 s"));
+        EXPECT_FALSE(HasChildren());
+    }
+}
+
+TEST(ObjectTrial, DoesNotWaitForAPipeForEver) {
+    const test::TemporaryDirectory folder;
+    const std::string path = folder / "pipe.so";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    ObjectTrial trial(std::chrono::seconds(1));
+    EXPECT_EQ(Rejection(trial, path), Invalid(path, "did not load within 1 s"));
+}
+
+TEST(ObjectTrial, DoesNotBlameAnObjectForAProcessThatEndedBefore) {
+    ObjectTrial trial;
+    trial.Try(Fixture("barriers"));
+    const Processes first = Children();
+    ASSERT_EQ(first.size(), 1U);
+    ASSERT_EQ(kill(first.front(), SIGKILL), 0);
+    ASSERT_TRUE(test::WaitUntil([&] { return StateOf(first.front()) == 'Z'; }));
+    EXPECT_EQ(Rejection(trial, Fixture("barriers")), "");
+    EXPECT_EQ(Children().size(), 1U);
+    EXPECT_NE(Children(), first);
+}
+
+TEST(ObjectTrial, LeavesNoProcessAndNoDescriptorBehind) {
+    const std::set<int> before = test::OpenDescriptors();
+    {
+        ObjectTrial trial;
+        Rejection(trial, Fixture("crash_unloading"));
+        Rejection(trial, Fixture("close_all_loading"));
+        trial.Try(Fixture("barriers"));
+    }
+    EXPECT_FALSE(HasChildren());
+    EXPECT_EQ(test::OpenDescriptors(), before);
+}
+
+TEST(ObjectTrial, IsDoneWithoutWhereThereIsNoProcessForIt) {
+    EXPECT_EQ(test::InForkedChild([] {
+                  const test::LogCapture log;
+                  test::ForbidProcesses();
+                  ObjectTrial trial;
+                  trial.Try(Fixture("barriers"));
+                  trial.Try(Fixture("crash_loading"));
+                  return log.Lines().size() == 1 ? log.Lines(115).front() : "not one message";
+              }),
+              "unable to try native plugins before they are loaded: Resource temporarily unavailable");
+}
+
+// The loader maps an object that was cut short without looking, and the first access beyond its end is a crash.
+TEST(ObjectTrial, LetsNoObjectPassThatWasCutShortAndCrashes) {
+    const test::TemporaryDirectory folder;
+    std::ifstream file(Fixture("barriers"), std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    ObjectTrial trial;
+    int rejected = 0;
+    for (std::size_t length = 0; length < bytes.size(); length += 97) {
+        const std::string path = folder.Write(std::to_string(length) + ".so", bytes.substr(0, length));
+        const std::string reason = Rejection(trial, path);
+        if (!reason.empty()) {
+            EXPECT_EQ(reason, Invalid(path, "ended its loader with signal 7 (Bus error)"));
+            ++rejected;
+            continue;
+        }
+        try {
+            EXPECT_TRUE(LoadNativeInterface(path).has_value());
+        } catch (const InvalidPluginException& failure) {
+            EXPECT_NE(std::string(failure.what()).find(path + ": "), std::string::npos) << failure.what();
+        }
+    }
+    EXPECT_GT(rejected, 0);
+}
+
+}  // namespace
+}  // namespace lofter
