@@ -1,6 +1,5 @@
 #include "hopper/InitScriptDiscovery.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -21,6 +20,7 @@
 #include "hopper/LegacyDaemonPlugin.h"
 #include "plugins/Exception.h"
 #include "posix/AcrossSignals.h"
+#include "posix/Printable.h"
 
 namespace lofter {
 
@@ -29,11 +29,9 @@ namespace {
 constexpr int kStarting = 0;
 constexpr std::size_t kLongestQuote = 200;
 
-// The start of a line from outside, fit for a log: on one line, and without anything that a terminal would act on.
+// The start of a line from outside, fit for a log.
 std::string Quotable(const std::string& line) {
-    std::string text = line.substr(0, kLongestQuote);
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char byte) { return byte < ' ' || byte == 0x7f; }, '?');
+    const std::string text = posix::Printable(posix::Shortened(line, kLongestQuote));
     return line.size() > kLongestQuote ? text + "..." : text;
 }
 

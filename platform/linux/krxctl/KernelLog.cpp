@@ -1,5 +1,6 @@
 #include "krxctl/KernelLog.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -18,8 +19,8 @@ constexpr std::size_t kLongestRecord = 960;
 
 // The kernel keeps a record back, in case it is continued, until it ends with a line end, which is not part of it.
 std::string RecordOf(const std::string& text) {
-    const std::string whole = kPrefix + text;
-    std::string record(posix::Shortened(whole, kLongestRecord - 1));
+    std::array<char, kLongestRecord - 1> shown;
+    std::string record(posix::Printable(kPrefix + text, shown));
     if (!record.ends_with('\n')) {
         record.push_back('\n');
     }

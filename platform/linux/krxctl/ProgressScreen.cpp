@@ -36,7 +36,8 @@ void AppendWord(std::string& line, const std::string& word) {
 // One line of it.
 std::string ForScreen(const std::string& text) {
     std::string shown = posix::Printable(text);
-    std::replace(shown.begin(), shown.end(), '\n', ' ');
+    std::replace_if(
+        shown.begin(), shown.end(), [](char symbol) { return symbol == '\n' || symbol == '\t'; }, ' ');
     return shown;
 }
 

@@ -93,7 +93,7 @@ TEST(InitScriptList, SkipsAndQuotesEveryLineThatDoesNotFit) {
 TEST(InitScriptList, QuotesGarbageInAFormFitForALog) {
     const test::LogCapture log;
     EXPECT_EQ(Read(std::string("\x1b[31m%s\0%n\n", 11) + std::string(1000, 'x') + "\n"), "");
-    EXPECT_EQ(log.Lines(), (Lines{Skipped("?[31m%s?%n"), Skipped(std::string(200, 'x') + "...")}));
+    EXPECT_EQ(log.Lines(), (Lines{Skipped("\\x1b[31m%s\\x00%n"), Skipped(std::string(200, 'x') + "...")}));
 }
 
 TEST(InitScriptList, ComesFromTheOutputOfAShellCommand) {

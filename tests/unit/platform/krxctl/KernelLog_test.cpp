@@ -49,6 +49,16 @@ TEST(KernelLog, CutsTextsThatAreTooLongForARecordAtTheEndOfASymbol) {
     EXPECT_TRUE(record.ends_with("\xe2\x82\xac\n"));
 }
 
+TEST(KernelLog, GetsControlCharactersSpelledOut) {
+    const TemporaryDirectory directory;
+    const std::string log = directory.Write("kmsg", "");
+    WriteKernelLog(log.c_str(), {"a\x1b[2J\tb\n", std::string(1000, '\r')});
+    const std::string records = directory.Read("kmsg");
+    EXPECT_TRUE(records.starts_with("<6>lofter: a\\x1b[2J\tb\n<6>lofter: \\x0d\\x0d")) << records;
+    EXPECT_TRUE(records.ends_with("\\x0d\n")) << records;
+    EXPECT_LE(records.substr(records.find('\n') + 1).size(), 960U);
+}
+
 TEST(KernelLog, IsNeverCreated) {
     const TemporaryDirectory directory;
     const std::string log = directory / "kmsg";

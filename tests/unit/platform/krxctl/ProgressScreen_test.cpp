@@ -105,8 +105,8 @@ TEST(ProgressScreen, CutsTheLineToTheTerminalsWidth) {
 
 TEST(ProgressScreen, LetsNoTextProgramTheTerminal) {
     const Terminal terminal;
-    ProgressScreen(terminal.path.c_str()).ProgressText("a\x1b[1mb\nc\r\x7f");
-    EXPECT_EQ(terminal.Shown(), Drawn("a?[1mb c??"));
+    ProgressScreen(terminal.path.c_str()).ProgressText("a\x1b[1mb\nc\t\r\x7f");
+    EXPECT_EQ(terminal.Shown(), Drawn("a\\x1b[1mb c \\x0d\\x7f"));
 }
 
 TEST(ProgressScreen, LogsTextsWhereTheConsoleIsMissingOrNoTerminal) {

@@ -49,7 +49,7 @@ TEST(SystemAlert, HasEveryTextOfTheRunAndNoneOfTheRunBefore) {
 TEST(SystemAlert, MeansNothingToTheLoginPromptOrTheTerminal) {
     const TemporaryDirectory directory;
     Alert(directory / "alert").Raise("a\\l\x1b[1m");
-    EXPECT_EQ(directory.Read("alert"), "a\\\\l?[1m\n");
+    EXPECT_EQ(directory.Read("alert"), "a\\\\l\\\\x1b[1m\n");
 }
 
 TEST(SystemAlert, IsLoggedAsAnAlert) {
