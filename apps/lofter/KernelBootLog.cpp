@@ -5,8 +5,7 @@
 #include <exception>
 #include <memory>
 
-#include <syslog.h>
-
+#include "Logging.h"
 #include "krxctl/Sysinfo.h"
 #include "tslibs/str.h"
 
@@ -15,7 +14,6 @@ namespace lofter {
 namespace {
 
 constexpr char kSystemLogNode[] = "syslog";
-constexpr int kPriority = LOG_DAEMON | LOG_WARNING;
 
 }  // namespace
 
@@ -29,9 +27,9 @@ void KernelBootLog(const char* format, ...) {
         node.AddInput(text.get());
         node.Set();
     } catch (const std::exception& e) {
-        ::syslog(kPriority, "Exception occurred while logging msg: %s", e.what());
+        Log_Syslog(kWarning, "Exception occurred while logging msg: %s", e.what());
     } catch (...) {
-        ::syslog(kPriority, "Unexpected exception while logging msg");
+        Log_Syslog(kWarning, "Unexpected exception while logging msg");
     }
 }
 

@@ -34,7 +34,7 @@ def Sources():
 def Complaints(text):
     """The formats of all warnings and errors; empty for one that is not written in place."""
     literal = r'"((?:[^"\\]|\\.)*)"'
-    for format in re.findall(r"Log_Level\((?:lofter::)?(?:" + COMPLAINTS + r"),\s*((?:" + literal + r"\s*)+|\w+)", text):
+    for format in re.findall(r"Log_(?:Level|Syslog)\((?:lofter::)?(?:" + COMPLAINTS + r"),\s*((?:" + literal + r"\s*)+|\w+)", text):
         yield "".join(re.findall(literal, format[0]))
 
 

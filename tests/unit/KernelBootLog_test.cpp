@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Logging.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
 #include "support/SyslogSocket.h"
@@ -15,8 +16,9 @@ namespace {
 // Writes one record on a host that consists of the folder, and says what the program's own log got.
 std::string Write(const test::TemporaryDirectory& host, const std::string& text) {
     return test::InForkedChild([&] {
-        const test::LogCapture log;
         test::EnterRoot(host.Path());
+        InitializeLogging("lofter");
+        const test::LogCapture log;
         KernelBootLog("%s is %d%%.", text.c_str(), 100);
         const auto lines = log.Lines();
         return lines.empty() ? "" : lines.at(0);
@@ -45,7 +47,7 @@ TEST(KernelBootLog, ReportsAKernelThatTakesNoRecordToTheSyslogDaemonOnly) {
         EXPECT_EQ(Write(host, "net"), "");
         const std::string record = daemon.Receive();
         EXPECT_TRUE(record.starts_with("<28>")) << record;
-        EXPECT_TRUE(record.ends_with(": Exception occurred while logging msg: /dev/kmsg: " + reason)) << record;
+        EXPECT_TRUE(record.ends_with(" lofter: Exception occurred while logging msg: /dev/kmsg: " + reason)) << record;
         EXPECT_TRUE(daemon.IsQuiet());
         host.Write("dev/kmsg/file", "");
     }

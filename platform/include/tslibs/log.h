@@ -1,7 +1,8 @@
 // Logging of the host's base utility library.
 //
 // A message goes to every output whose level admits it. The library keeps one lock; it is fork-safe, so a child that is
-// forked while other threads log can log at once. Every message is exactly one write, with exactly one line end.
+// forked while other threads log can log at once. Every message is exactly one write. One line end at its end is its
+// own, and is added where it is missing; standard output shows further ones as empty lines, syslog records carry none.
 #pragma once
 
 #include "tslibs/dictionary.h"
@@ -12,6 +13,9 @@ struct LogOutput;
 // Logs one printf-style message. Levels that the host's programs use: 110 error, 115 warning, 125 information. Never
 // throws and never fails visibly; errno is left as it was. Messages logged before any output exists are dropped.
 void Log_Level(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// The same for the syslog output alone; dropped while there is none.
+void Log_Syslog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Sets up the syslog output from "log.syslogID" (identifier) and "log.syslogLevel" (the finest level that is let
 // through, by name: "error", "warning" or "info"). No syslog daemon need exist yet. Returns false when the dictionary

@@ -38,7 +38,7 @@ struct LogLibrary {
 
     std::mutex lock;
     std::vector<std::unique_ptr<LogOutput>> outputs;
-    const LogOutput* syslogOutput = nullptr;  // the one that a further initialisation replaces
+    LogOutput* syslogOutput = nullptr;  // the one that a further initialisation replaces
     std::unique_ptr<LogOutput> standardError;
     std::string identifier = program_invocation_short_name;
     std::string product;
@@ -47,8 +47,9 @@ struct LogLibrary {
 // Before main, while there is one thread: a fork can come at any time after it.
 [[maybe_unused]] const LogLibrary& createdEarly = LogLibrary::Instance();
 
-std::string_view WithoutLineEnds(std::string_view message) {
-    while (message.ends_with('\n')) {
+// Messages are given with a line end or without; either way one is theirs, and further ones are part of the text.
+std::string_view WithoutLineEnd(std::string_view message) {
+    if (message.ends_with('\n')) {
         message.remove_suffix(1);
     }
     return message;
@@ -63,6 +64,34 @@ void WriteToOutputs(int level, std::string_view message) {
     if (library.standardError) {
         library.standardError->Write(level, message);
     }
+}
+
+void WriteToSyslog(int level, std::string_view message) {
+    const LogLock held;
+    if (LogOutput* const output = LogLibrary::Instance().syslogOutput) {
+        output->Write(level, message);
+    }
+}
+
+// Formats a message and hands it on, without its line end.
+void Deliver(void (*write)(int level, std::string_view message), int level, const char* format, va_list arguments) {
+    const int callersError = errno;
+    // Messages of ordinary length need no memory; see the note on forks in LogOutput.h.
+    std::array<char, kOrdinaryLength> line{};
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
+    if (length >= 0 && static_cast<std::size_t>(length) < line.size()) {
+        write(level, WithoutLineEnd({line.data(), static_cast<std::size_t>(length)}));
+    } else {
+        std::size_t fullLength = 0;
+        errno = callersError;
+        const std::unique_ptr<char, decltype(&std::free)> text(Str_SafeVasprintf(&fullLength, format, again),
+                                                               &std::free);
+        write(level, WithoutLineEnd({text.get(), fullLength}));
+    }
+    va_end(again);
+    errno = callersError;
 }
 
 }  // namespace
@@ -108,7 +137,7 @@ void LogAlert(std::string_view message) {
     {
         const LogLock held;
         for (const auto& output : LogLibrary::Instance().outputs) {
-            output->Alert(WithoutLineEnds(message));
+            output->Alert(WithoutLineEnd(message));
         }
     }
     errno = callersError;
@@ -136,23 +165,7 @@ bool InitializeSyslog(const char* socketPath, const Dictionary* configuration) {
 }
 
 void LogFormatted(int level, const char* format, va_list arguments) {
-    const int callersError = errno;
-    // Messages of ordinary length need no memory; see the note on forks in LogOutput.h.
-    std::array<char, 1024> line{};
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
-    if (length >= 0 && static_cast<std::size_t>(length) < line.size()) {
-        WriteToOutputs(level, WithoutLineEnds({line.data(), static_cast<std::size_t>(length)}));
-    } else {
-        std::size_t fullLength = 0;
-        errno = callersError;
-        const std::unique_ptr<char, decltype(&std::free)> text(Str_SafeVasprintf(&fullLength, format, again),
-                                                               &std::free);
-        WriteToOutputs(level, WithoutLineEnds({text.get(), fullLength}));
-    }
-    va_end(again);
-    errno = callersError;
+    Deliver(WriteToOutputs, level, format, arguments);
 }
 
 }  // namespace platform
@@ -164,6 +177,13 @@ void Log_Level(int level, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     platform::LogFormatted(level, format, arguments);
+    va_end(arguments);
+}
+
+void Log_Syslog(int level, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    platform::Deliver(platform::WriteToSyslog, level, format, arguments);
     va_end(arguments);
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,8 +17,8 @@ struct Dictionary;
 struct LogOutput {
     virtual ~LogOutput() = default;
 
-    // Takes one message without its trailing line end, of whatever level: the output decides what it lets through.
-    // Called with the library's lock held; must not throw, log or fork.
+    // Takes one message without the line end that is its own, of whatever level: the output decides what it lets
+    // through. Called with the library's lock held; must not throw, log or fork.
     virtual void Write(int level, std::string_view message) = 0;
 
     // Takes a message that needs someone's action at once. Outputs without a notion of that ignore it.
@@ -25,6 +26,9 @@ struct LogOutput {
 };
 
 namespace platform {
+
+// Messages up to so many bytes are of ordinary length.
+inline constexpr std::size_t kOrdinaryLength = 1024;
 
 inline constexpr int kErrorLevel = 110;
 inline constexpr int kWarningLevel = 115;

@@ -40,6 +40,7 @@ void SyslogOutput::Alert(std::string_view message) {
 }
 
 void SyslogOutput::Send(int severity, std::string_view message) {
+    message.remove_suffix(message.size() - (message.find_last_not_of('\n') + 1));
     const TimeStamp stamp = TimeStamp::Syslog(TimeStamp::Clock::now() + localOffset);
     std::array<char, 2 * kLongestIdentifier> head{};
     const int length = std::snprintf(head.data(), head.size(), "<%d>%.*s %s: ", LOG_DAEMON | severity,

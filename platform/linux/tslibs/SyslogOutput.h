@@ -1,5 +1,5 @@
 // Log lines for the syslog daemon: facility daemon, "<priority>Nov 21 01:39:08 identifier: text", the time in the local
-// zone.
+// zone. Records carry no line ends at their end.
 #pragma once
 
 #include <chrono>

@@ -590,7 +590,7 @@ TEST_F(ExecutorConnection, ThatCannotBeAcceptedIsLogged) {
     const posix::Descriptor deaf(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     int number = deaf.Get();
     QorcliExecutor::HandleConnection(&number);
-    EXPECT_EQ(log.Lines(kWarning), Lines({"Error accepting connection on contol socket - Invalid argument"}));
+    EXPECT_EQ(log.Lines(kWarning), Lines({"Error accepting connection on contol socket - Invalid argument\n"}));
 }
 
 TEST_F(ExecutorConnection, ThatCannotBeAcceptedIsWaitedForLongerAndLongerUntilOneIs) {
@@ -656,7 +656,7 @@ TEST_F(ExecutorConnection, ThatCannotBeReadIsLogged) {
     const LogCapture log;
     int number = server.Get();
     QorcliExecutor::HandleConnection(&number);
-    EXPECT_EQ(log.Lines(kWarning), Lines({"Failed to read message from socket - Connection reset by peer"}));
+    EXPECT_EQ(log.Lines(kWarning), Lines({"Failed to read message from socket - Connection reset by peer\n"}));
 }
 
 TEST_F(ExecutorConnection, LeavesNoDescriptorBehind) {

@@ -68,16 +68,51 @@ TEST(Log, KeepsMessagesOfAnyLengthWhole) {
     }
 }
 
-TEST(Log, EndsEachMessageInOneLineEndHoweverItWasGiven) {
+TEST(Log, EndsEachMessageInALineEndAndKeepsFurtherOnesOnStandardOutput) {
     Channel channel;
     const Attached output(new StreamOutput(channel.Writer(), "lofter", {kInfoLevel, false, false}));
-    for (const char* text : {"text", "text\n", "text\n\n"}) {
+    for (const auto& [text, shown] : {std::pair{"text", "text\n"},
+                                      {"text\n", "text\n"},
+                                      {"text\n\n", "text\n\n"},
+                                      {"a\n\n\n", "a\n\n\n"},
+                                      {"", "\n"},
+                                      {"\n", "\n"}}) {
         Log_Level(125, "%s", text);
-        EXPECT_EQ(channel.Read(), "info lofter: text\n");
+        EXPECT_EQ(channel.Read(), std::string("info lofter: ") + shown);
     }
-    Log_Level(125, "\n");
-    EXPECT_EQ(channel.Read(), "info lofter: \n");
     EXPECT_TRUE(channel.IsQuiet());
+}
+
+TEST(Log, EndsNoSyslogRecordInALineEnd) {
+    const TemporaryDirectory directory;
+    SyslogSocket daemon(directory / "log");
+    const Attached output(new SyslogOutput(directory / "log", "lofter"));
+    for (const auto& [text, sent] : {std::pair{"text\n", "text"}, {"two\nlines\n\n", "two\nlines"}, {"\n\n", ""}}) {
+        Log_Level(125, "%s", text);
+        EXPECT_EQ(WithoutTime(daemon.Receive()), std::string("<30>lofter: ") + sent);
+    }
+    LogAlert("one\n\n");
+    EXPECT_EQ(WithoutTime(daemon.Receive()), "<25>lofter: one");
+}
+
+TEST(Log, SendsWhatIsForSyslogAloneToNoOtherOutput) {
+    const TemporaryDirectory directory;
+    const std::string path = directory / "log";
+    ForkedChild child([&] {
+        const LogCapture capture;
+        Log_Syslog(115, "nobody hears %s\n", "this");
+        SyslogSocket daemon(path);
+        EXPECT_TRUE(InitializeSyslog(path.c_str(),
+                                     Configuration({{"log.syslogID", "lofter"}, {"log.syslogLevel", "info"}}).get()));
+        errno = EXDEV;
+        Log_Syslog(115, "%s\n", "the daemon does");
+        EXPECT_EQ(errno, EXDEV);
+        EXPECT_EQ(WithoutTime(daemon.Receive()), "<28>lofter: the daemon does");
+        EXPECT_TRUE(daemon.IsQuiet());
+        EXPECT_EQ(capture.Lines(), Texts{});
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
 }
 
 TEST(Log, LeavesTheErrorNumberAsItWas) {
