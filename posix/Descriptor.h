@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace posix {
@@ -46,5 +47,14 @@ class Descriptor {
   private:
     int descriptor = -1;
 };
+
+// What was opened while a standard stream was closed gets its number, and what is printed would land in it. Returns the
+// same under a higher number, closed on exec; nothing, with errno set, when there is none.
+inline Descriptor AboveStandardStreams(Descriptor opened) {
+    if (opened.Get() > STDERR_FILENO || !opened) {
+        return opened;
+    }
+    return Descriptor(::fcntl(opened.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
 
 }  // namespace posix

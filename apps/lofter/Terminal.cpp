@@ -57,6 +57,9 @@ void WriteToTerminal(std::string_view text) {
         const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
         if (written >= 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EAGAIN) {
+            pollfd room{STDOUT_FILENO, POLLOUT, 0};
+            ::poll(&room, 1, -1);
         } else if (errno != EINTR) {
             return;
         }

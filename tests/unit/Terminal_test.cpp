@@ -202,6 +202,17 @@ TEST(WriteToTerminal, WritesEverythingHoweverSlowlyItIsTaken) {
     EXPECT_EQ(process.WaitForResult(), "written");
 }
 
+TEST(WriteToTerminal, WaitsAlsoWhereTheTerminalDoesNotBlock) {
+    const std::string text(300'000, 'x');
+    TerminalProcess process([&] {
+        ::fcntl(STDOUT_FILENO, F_SETFL, O_RDWR | O_NONBLOCK);
+        WriteToTerminal(text + "end");
+        return std::string("written");
+    });
+    EXPECT_EQ(process.WaitForText("end").size(), text.size() + 3);
+    EXPECT_EQ(process.WaitForResult(), "written");
+}
+
 TEST(WriteToTerminal, IgnoresAnOutputThatIsGone) {
     TerminalProcess process([] {
         ::dup2(posix::Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC)).Get(), STDOUT_FILENO);

@@ -1,6 +1,7 @@
 // Pieces of one record for writev and sendmsg, so that a line needs no buffer of its own.
 #pragma once
 
+#include <numeric>
 #include <span>
 #include <string_view>
 
@@ -24,6 +25,11 @@ inline std::span<iovec> Advance(std::span<iovec> parts, std::size_t bytes) {
         parts.front().iov_len -= bytes;
     }
     return parts;
+}
+
+inline std::size_t Length(std::span<const iovec> parts) {
+    return std::accumulate(parts.begin(), parts.end(), std::size_t{0},
+                           [](std::size_t sum, const iovec& part) { return sum + part.iov_len; });
 }
 
 }  // namespace platform

@@ -2,7 +2,7 @@
 //
 // One lock guards the library and everything its outputs hold. fork() takes it, so that a child finds the library at
 // rest and can log at once. Neither the library nor an output on the path of a message may therefore take another lock,
-// allocate for a message of ordinary length, or set something up on first use.
+// allocate for a message of ordinary length, or set up on first use what needs either.
 #pragma once
 
 #include <cstdarg>

@@ -1,15 +1,14 @@
 #include "tslibs/StreamOutput.h"
 
 #include <array>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <span>
+#include <cstdio>
+#include <new>
+#include <vector>
 
-#include <poll.h>
-#include <pthread.h>
-#include <sys/uio.h>
+#include <unistd.h>
 
+#include "posix/Printable.h"
 #include "tslibs/Gather.h"
 #include "tslibs/TimeStamp.h"
 
@@ -17,55 +16,9 @@ namespace platform {
 
 namespace {
 
-constexpr int kWaitMilliseconds = 200;
+using Clock = BoundedStream::Clock;
 
-// Keeps writes of this thread from raising SIGPIPE, whatever the process does with that signal.
-class BrokenPipeGuard {
-  public:
-    BrokenPipeGuard() {
-        sigemptyset(&pipeSignal);
-        sigaddset(&pipeSignal, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipeSignal, &maskBefore);
-    }
-    ~BrokenPipeGuard() { pthread_sigmask(SIG_SETMASK, &maskBefore, nullptr); }
-    BrokenPipeGuard(const BrokenPipeGuard&) = delete;
-    BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
-
-    // Takes back the signal that a write has just raised, unless the thread had blocked it and may be waiting for one.
-    void Discard() const {
-        if (sigismember(&maskBefore, SIGPIPE) == 0) {
-            const timespec noWait{};
-            sigtimedwait(&pipeSignal, nullptr, &noWait);
-        }
-    }
-
-  private:
-    sigset_t pipeSignal{};
-    sigset_t maskBefore{};
-};
-
-bool WaitWritable(int descriptor) {
-    pollfd waited{descriptor, POLLOUT, 0};
-    return ::poll(&waited, 1, kWaitMilliseconds) > 0;
-}
-
-enum class Outcome { kDone, kFull, kBroken, kFailed };
-
-Outcome WriteAll(int descriptor, std::span<iovec> parts, bool mayWait) {
-    while (!parts.empty()) {
-        const ssize_t written = ::writev(descriptor, parts.data(), static_cast<int>(parts.size()));
-        if (written >= 0) {
-            parts = Advance(parts, static_cast<std::size_t>(written));
-        } else if (errno == EAGAIN) {
-            if (!mayWait || !WaitWritable(descriptor)) {
-                return Outcome::kFull;
-            }
-        } else if (errno != EINTR) {
-            return errno == EPIPE ? Outcome::kBroken : Outcome::kFailed;
-        }
-    }
-    return Outcome::kDone;
-}
+constexpr std::chrono::seconds kPatience{1};
 
 std::string_view LevelName(int level) {
     if (level <= kErrorLevel) {
@@ -74,32 +27,96 @@ std::string_view LevelName(int level) {
     return level <= kWarningLevel ? "warning " : level <= kInfoLevel ? "info " : "trace ";
 }
 
+// A message as it is shown. Only one with control characters takes room, and only an uncommonly long one memory.
+class Shown {
+  public:
+    explicit Shown(std::string_view message) : text(message) {
+        if (posix::IsPrintable(message)) {
+            return;
+        }
+        try {
+            longer.resize(message.size() > kOrdinaryLength ? posix::PrintableLength(message.size()) : 0);
+        } catch (const std::bad_alloc&) {
+            // The message loses its end.
+        }
+        text = posix::Printable(message, longer.empty() ? std::span<char>(ordinary) : std::span<char>(longer));
+    }
+    std::string_view Text() const { return text; }
+
+  private:
+    std::array<char, posix::PrintableLength(kOrdinaryLength)> ordinary;
+    std::vector<char> longer;
+    std::string_view text;
+};
+
 }  // namespace
 
-StreamOutput::StreamOutput(int openDescriptor, std::string name, Form lineForm)
-    : descriptor(openDescriptor), identifier(std::move(name)), form(lineForm) {}
+StreamOutput::StreamOutput(int descriptor, std::string itsIdentifier, Form lineForm)
+    : stream(descriptor),
+      name(descriptor == STDERR_FILENO ? "standard error" : "standard output"),
+      identifier(std::move(itsIdentifier)),
+      form(lineForm) {}
 
 void StreamOutput::Write(int level, std::string_view message) {
     if (level > form.finestLevel) {
         return;
     }
+    const Shown shown(message);
+    if (stream.Refresh()) {
+        isStuck = isLineOpen = false;
+        lost = 0;
+    }
+    const Clock::time_point now = Clock::now();
+    const Clock::time_point deadline = isStuck ? now : now + kPatience;
+    if (!ReportLoss(deadline) || !WriteLine(level, shown.Text(), deadline)) {
+        ++lost;
+        loser = ::getpid();
+    }
+}
+
+// False when there is no room for that.
+bool StreamOutput::ReportLoss(Clock::time_point deadline) {
+    if (lost > 0 && loser != ::getpid()) {
+        lost = 0;
+    }
+    if (lost == 0) {
+        return true;
+    }
+    std::array<char, 96> text{};
+    std::snprintf(text.data(), text.size(),
+                  lost == 1 ? "%lu log line was lost while %s took none" : "%lu log lines were lost while %s took none",
+                  lost, name);
+    if (!WriteLine(kWarningLevel, text.data(), deadline)) {
+        return false;
+    }
+    lost = 0;
+    return true;
+}
+
+// True when the text went out, even if its line end is still to come.
+bool StreamOutput::WriteLine(int level, std::string_view text, Clock::time_point deadline) {
     TimeStamp stamp;
     if (form.timeStamps) {
         stamp = TimeStamp::Iso(TimeStamp::Clock::now(), form.milliseconds);
     }
-    std::array parts{Part(stamp.Text()),
+    const std::string_view endOfTheOneBefore = isLineOpen ? "\n" : "";
+    constexpr std::string_view kEnd = "\n";
+    std::array parts{Part(endOfTheOneBefore),
+                     Part(stamp.Text()),
                      Part(form.timeStamps ? " " : ""),
                      Part(LevelName(level)),
                      Part(identifier),
                      Part(": "),
-                     Part(message),
-                     Part("\n")};
-    const BrokenPipeGuard guard;
-    const Outcome outcome = WriteAll(descriptor, parts, !stuck);
-    stuck = outcome == Outcome::kFull;
-    if (outcome == Outcome::kBroken) {
-        guard.Discard();
+                     Part(text),
+                     Part(kEnd)};
+    std::span<iovec> left(parts);
+    const std::size_t whole = Length(left);
+    isStuck = stream.Write(left, deadline) == BoundedStream::Outcome::kFull;
+    const std::size_t missing = Length(left);
+    if (whole - missing >= endOfTheOneBefore.size()) {
+        isLineOpen = missing > 0 && whole - missing > endOfTheOneBefore.size();
     }
+    return missing <= kEnd.size();
 }
 
 }  // namespace platform

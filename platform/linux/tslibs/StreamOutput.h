@@ -1,12 +1,21 @@
 // Log lines on an open descriptor, standard output or error as a rule: "2026-11-21 01:39:08.123 info lofter: text".
 //
-// Each message is one write that ends in one line end. It writes to the descriptor itself, past the C library's
-// streams, so it needs no lock of theirs; it never raises SIGPIPE; a line that cannot be written is dropped.
+// Each message is one write that ends in one line end; what a reader's terminal would act on is spelled out (see
+// Printable.h). It writes to the descriptor itself, past the C library's streams, so it needs no lock of theirs.
+//
+// A reader that stands still holds up a line for a second at most, and then nobody until it reads on: lines are dropped
+// meanwhile. The first line after that has one in front of it which says how many there were: "... warning lofter: 530
+// log lines were lost while standard output took none". A line that went out in part is ended before anything else is
+// written. A line that fails in another way, for instance on a full disk, counts as lost, too. A forked child says
+// nothing of its parent's losses, and a descriptor that was redirected starts afresh.
 #pragma once
 
 #include <string>
 #include <string_view>
 
+#include <sys/types.h>
+
+#include "tslibs/BoundedStream.h"
 #include "tslibs/LogOutput.h"
 
 namespace platform {
@@ -24,10 +33,17 @@ struct StreamOutput final : LogOutput {
     void Write(int level, std::string_view message) override;
 
   private:
-    const int descriptor;
+    bool ReportLoss(BoundedStream::Clock::time_point deadline);
+    bool WriteLine(int level, std::string_view text, BoundedStream::Clock::time_point deadline);
+
+    BoundedStream stream;
+    const char* const name;
     const std::string identifier;
     const Form form;
-    bool stuck = false;  // a non-blocking descriptor took nothing for a whole wait, and nothing since
+    bool isStuck = false;     // took nothing for a whole wait, and nothing since
+    bool isLineOpen = false;  // something of a line went out, but not its end
+    unsigned long lost = 0;   // lines since the last one that went out
+    pid_t loser = 0;          // the process that lost them
 };
 
 }  // namespace platform

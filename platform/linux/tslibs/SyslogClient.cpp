@@ -6,7 +6,6 @@
 #include <span>
 #include <utility>
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -24,14 +23,6 @@ namespace {
 
 constexpr timeval kPatience{0, 200'000};
 constexpr timeval kNoPatience{0, 1};  // zero would mean to wait for ever
-
-// Where standard streams were closed, a new socket gets their number, and what is printed would land in it.
-posix::Descriptor AboveStandardStreams(posix::Descriptor created) {
-    if (created.Get() > STDERR_FILENO || !created) {
-        return created;
-    }
-    return posix::Descriptor(::fcntl(created.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-}
 
 }  // namespace
 
@@ -92,7 +83,8 @@ bool SyslogClient::ConnectAs(int type) {
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
-    posix::Descriptor created = AboveStandardStreams(posix::Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)));
+    posix::Descriptor created =
+        posix::AboveStandardStreams(posix::Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)));
     const timeval& patience = hung ? kNoPatience : kPatience;
     struct stat status {};
     if (!created || ::setsockopt(created.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0 ||

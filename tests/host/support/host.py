@@ -6,7 +6,7 @@ import pathlib
 import re
 import subprocess
 
-from support.syslog import Syslog
+from support.syslog import DeafSyslog, Syslog
 from support.terminal import Terminal
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[3]
@@ -126,6 +126,10 @@ class Host:
         """Binds /dev/log; messages sent from now on are the test's to read."""
         self.syslogs.append(Syslog(self.root))
         return self.syslogs[-1]
+
+    def DeafSyslog(self):
+        """Binds /dev/log, which takes nothing."""
+        self.syslogs.append(DeafSyslog(self.root))
 
     def KernelLog(self):
         """Makes /dev/kmsg a plain file (each record is appended to it) and empties it."""

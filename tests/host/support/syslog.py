@@ -1,4 +1,5 @@
 """The syslog socket of a host root, read by the test."""
+import contextlib
 import dataclasses
 import os
 import re
@@ -30,18 +31,43 @@ class Record:
         return Record(priority & 7, priority >> 3, match.group(2), match.group(3), raw)
 
 
+@contextlib.contextmanager
+def ShortName(path):
+    """Another name of a socket: the path of a test's root may be longer than a socket's name can be."""
+    directory = os.open(path.parent, os.O_PATH)
+    try:
+        yield f"/proc/self/fd/{directory}/{path.name}"
+    finally:
+        os.close(directory)
+
+
+class DeafSyslog:
+    """A daemon that hangs: its socket is full from the start."""
+
+    def __init__(self, root):
+        self.path = root / "dev" / "log"
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        with ShortName(self.path) as name, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
+            self.socket.bind(name)
+            client.setblocking(False)
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    client.sendto(b"other", name)
+        self.path.chmod(0o666)
+
+    def Close(self):
+        self.socket.close()
+        self.path.unlink(missing_ok=True)
+
+
 class Syslog:
     """Takes every datagram as it comes, so that no sender ever waits for the test."""
 
     def __init__(self, root):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.path = root / "dev" / "log"
-        directory = os.open(self.path.parent, os.O_PATH)
-        try:
-            # The path of a test's root may be longer than a socket's name can be.
-            self.socket.bind(f"/proc/self/fd/{directory}/log")
-        finally:
-            os.close(directory)
+        with ShortName(self.path) as name:
+            self.socket.bind(name)
         self.path.chmod(0o666)
         self.records = []
         self.lock = threading.Lock()
