@@ -8,14 +8,14 @@
 
 #include <benchmark/benchmark.h>
 
-#include "graph/Barriers.h"
+#include "Settings.h"
 #include "graph/Executor.h"
+#include "graph/Graph.h"
 #include "graph/GraphRun.h"
-#include "graph/NodeStore.h"
 
 namespace {
 
-using lofter::GetBarrier;
+using lofter::Graph;
 using lofter::Node;
 
 constexpr int kLayer = 100;
@@ -29,44 +29,45 @@ class IdleNode : public Node {
 
 using Nodes = std::vector<Node*>;
 
-Nodes MakeNodes(int count) {
+Nodes MakeNodes(Graph& graph, int count) {
     Nodes nodes;
     for (int i = 0; i < count; ++i) {
-        nodes.push_back(lofter::NodeStore::Keep(std::make_unique<IdleNode>()));
+        nodes.push_back(&graph.Add(std::make_unique<IdleNode>()));
     }
     return nodes;
 }
 
-void LinkNothing(const Nodes&) {}
+void LinkNothing(Graph&, const Nodes&) {}
 
-void LinkChain(const Nodes& nodes) {
+void LinkChain(Graph&, const Nodes& nodes) {
     for (std::size_t i = 1; i < nodes.size(); ++i) {
         nodes[i]->AddDependency(*nodes[i - 1]);
     }
 }
 
-void LinkLayers(const Nodes& nodes) {
+void LinkLayers(Graph& graph, const Nodes& nodes) {
     for (std::size_t i = 0; i < nodes.size(); ++i) {
         const std::size_t layer = i / kLayer;
-        nodes[i]->AddDependent(*GetBarrier("layer" + std::to_string(layer), true));
+        graph.Provide(*nodes[i], "layer" + std::to_string(layer));
         if (layer > 0) {
-            nodes[i]->AddDependency(*GetBarrier("layer" + std::to_string(layer - 1), true));
+            graph.Require(*nodes[i], "layer" + std::to_string(layer - 1));
         }
     }
 }
 
-void RunGraph(benchmark::State& state, void (*link)(const Nodes&)) {
+void RunGraph(benchmark::State& state, void (*link)(Graph&, const Nodes&)) {
+    const lofter::Settings settings;
     const int count = static_cast<int>(state.range(0));
     const int threads = static_cast<int>(state.range(1));
     for ([[maybe_unused]] auto _ : state) {
-        const Nodes nodes = MakeNodes(count);
-        link(nodes);
+        Graph graph(settings);
+        const Nodes nodes = MakeNodes(graph, count);
+        link(graph, nodes);
         lofter::Executor executor(threads, false);
         const auto start = std::chrono::steady_clock::now();
-        lofter::StartRun(nodes, executor);
+        lofter::StartRun(graph, nodes, executor);
         const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
         state.SetIterationTime(elapsed.count());
-        lofter::ForgetGraph();
     }
     state.counters["per_node"] = benchmark::Counter(static_cast<double>(state.iterations()) * count,
                                                     benchmark::Counter::kIsRate | benchmark::Counter::kInvert);

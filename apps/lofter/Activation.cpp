@@ -1,20 +1,15 @@
 #include "Activation.h"
 
-#include <cstdint>
 #include <exception>
 #include <filesystem>
-#include <optional>
 
 #include <sys/time.h>
 
-#include "InteractiveMode.h"
 #include "KernelBootLog.h"
 #include "Logging.h"
 #include "Paths.h"
-#include "Settings.h"
 #include "graph/GraphLock.h"
 #include "plugins/Exception.h"
-#include "plugins/Plugin.h"
 
 namespace lofter {
 
@@ -31,24 +26,6 @@ bool FileExists(const char* path) {
     return std::filesystem::exists(path, error);
 }
 
-// Looked up once per process, under the program-wide lock.
-bool HostProfilePresent() {
-    static bool isChecked = false;
-    static bool isPresent = false;
-    GraphLock lock;
-    if (!isChecked) {
-        isPresent = FileExists(paths::kHostProfile) || FileExists(paths::kCompressedHostProfile);
-        isChecked = true;
-    }
-    return isPresent;
-}
-
-// One for the process: it remembers the terminal as it was in front of the first plugin.
-InteractiveMode& OperatorAtConsole() {
-    static InteractiveMode mode(Settings::Instance());
-    return mode;
-}
-
 void CallStart(Plugin& plugin) {
     Log_Level(kInfo, "executing start plugin: %s\n", plugin.Name().c_str());
     plugin.StartPlugin();
@@ -57,36 +34,6 @@ void CallStart(Plugin& plugin) {
 void CallApplyHostProfile(Plugin& plugin) {
     Log_Level(kInfo, "executing host profile plugin: %s\n", plugin.Name().c_str());
     plugin.ApplyHostProfile();
-}
-
-// The text of the failure, if any.
-using Failure = std::optional<std::string>;
-
-Failure Execute(Plugin& plugin, const std::string& method) {
-    if (!method.empty()) {
-        return InvokeMethod(plugin, method) ? Failure() : Failure("Method invocation failed");
-    }
-    if (plugin.HasApplyHostProfile() && HostProfilePresent()) {
-        CallApplyHostProfile(plugin);
-    } else {
-        CallStart(plugin);
-    }
-    return std::nullopt;
-}
-
-Failure ExecuteContained(Plugin& plugin, const std::string& method) {
-    try {
-        return Execute(plugin, method);
-    } catch (const MethodFailedException& e) {
-        Log_Level(kError, "Method invocation failed: %s\n", e.what());
-        return e.what();
-    } catch (const std::exception& e) {
-        Log_Level(kError, "unhandled exception whilst processing %s: %s\n", plugin.Name().c_str(), e.what());
-        return e.what();
-    } catch (...) {
-        Log_Level(kError, "ignoring unknown exception whilst processing %s ...\n", plugin.Name().c_str());
-        return "unknown exception";
-    }
 }
 
 }  // namespace
@@ -111,16 +58,46 @@ bool InvokeMethod(Plugin& plugin, const std::string& method) {
     return false;
 }
 
-void Plugin::Start() {
-    Contain([this] { Activate(); });
+bool Activation::HostProfilePresent() {
+    GraphLock lock;
+    if (!hostProfilePresent) {
+        hostProfilePresent = FileExists(paths::kHostProfile) || FileExists(paths::kCompressedHostProfile);
+    }
+    return *hostProfilePresent;
 }
 
-void Plugin::Activate() {
-    Settings& settings = Settings::Instance();
-    const char* const pluginName = Name().c_str();
+Activation::Failure Activation::Execute(Plugin& plugin) {
+    if (!settings.method.empty()) {
+        return InvokeMethod(plugin, settings.method) ? Failure() : Failure("Method invocation failed");
+    }
+    if (plugin.HasApplyHostProfile() && HostProfilePresent()) {
+        CallApplyHostProfile(plugin);
+    } else {
+        CallStart(plugin);
+    }
+    return std::nullopt;
+}
 
-    SetStartTime(Now());
-    if (settings.interactive && !OperatorAtConsole().MayExecute(Name())) {
+Activation::Failure Activation::ExecuteContained(Plugin& plugin) {
+    try {
+        return Execute(plugin);
+    } catch (const MethodFailedException& e) {
+        Log_Level(kError, "Method invocation failed: %s\n", e.what());
+        return e.what();
+    } catch (const std::exception& e) {
+        Log_Level(kError, "unhandled exception whilst processing %s: %s\n", plugin.Name().c_str(), e.what());
+        return e.what();
+    } catch (...) {
+        Log_Level(kError, "ignoring unknown exception whilst processing %s ...\n", plugin.Name().c_str());
+        return "unknown exception";
+    }
+}
+
+void Activation::Activate(Plugin& plugin) {
+    const char* const pluginName = plugin.Name().c_str();
+
+    plugin.SetStartTime(Now());
+    if (!runsOperator.MayExecute(plugin.Name())) {
         return;
     }
     if (settings.trace) {
@@ -128,12 +105,12 @@ void Plugin::Activate() {
     }
     KernelBootLog("Activating Lofter plugin %s.", pluginName);
 
-    const Failure failure = ExecuteContained(*this, settings.method);
+    const Failure failure = ExecuteContained(plugin);
 
-    SetEndTime(Now());
+    plugin.SetEndTime(Now());
     if (settings.trace) {
         Log_Level(kInfo, "completed execution of plugin: %s (took %lld us)\n", pluginName,
-                  static_cast<long long>(ElapsedMicroseconds()));
+                  static_cast<long long>(plugin.ElapsedMicroseconds()));
     }
     if (failure) {
         KernelBootLog("Lofter plugin %s activation failed: %s", pluginName, failure->c_str());

@@ -8,13 +8,14 @@
 
 #include <string>
 
+#include "Operator.h"
 #include "Paths.h"
 #include "Settings.h"
 #include "Terminal.h"
 
 namespace lofter {
 
-class InteractiveMode {
+class InteractiveMode final : public Operator {
   public:
     // Changes the settings as the operator answers: the flag goes off, requirements are struck off the list. A terminal
     // on the standard streams that is hung up later is opened again.
@@ -23,7 +24,7 @@ class InteractiveMode {
 
     // Asks about the plugin if it is one to ask about, and does what the operator wants done before it. False when the
     // plugin is to be skipped.
-    bool MayExecute(const std::string& plugin);
+    bool MayExecute(const std::string& plugin) override;
 
   private:
     void StrikeOffRequirement(const std::string& plugin);

@@ -27,7 +27,6 @@
 #include "graph/Dump.h"
 #include "graph/Executor.h"
 #include "graph/GraphRun.h"
-#include "graph/NodeStore.h"
 #include "hopper/InitScriptDiscovery.h"
 #include "hostkernel/hostkernel.h"
 #include "plugins/Exception.h"
@@ -57,7 +56,13 @@ std::unique_ptr<Executor> MakeExecutor(std::uint32_t threadCount, bool randomize
 }  // namespace
 
 RunSequence::RunSequence(RunOptions runOptions, const RunTimes& runTimes, Settings& runSettings)
-    : options(std::move(runOptions)), times(runTimes), settings(runSettings), runOnce(options.runOnce) {}
+    : options(std::move(runOptions)),
+      times(runTimes),
+      settings(runSettings),
+      interactiveMode(settings),
+      activation(settings, interactiveMode),
+      graph(settings),
+      runOnce(options.runOnce) {}
 
 int RunSequence::Run() {
     if (options.init) {
@@ -157,8 +162,8 @@ void RunSequence::DiscoverPlugins() {
                                                 directoryFailure);
     }
     Discovery discovery(
-        {settings.pluginDirectory, paths::kDebugConfiguration, settings.disabledPlugins, options.pluginFlags}, runOnce,
-        plugins);
+        {settings.pluginDirectory, paths::kDebugConfiguration, settings.disabledPlugins, options.pluginFlags}, graph,
+        activation, runOnce, plugins);
     // The last defence against an object that gets past its trial: a boot that ends here is none that went well.
     const ExitWatch watch([&] {
         Log_Level(kError, "lofter was made to exit whilst loading plugin %s, nothing was run\n",
@@ -173,9 +178,9 @@ void RunSequence::DiscoverPlugins() {
 }
 
 void RunSequence::DiscoverDaemons() {
-    for (std::unique_ptr<Plugin>& daemon : DiscoverInitDaemons(IsStopRun() ? 1 : 0)) {
-        plugins.push_back(NodeStore::Keep(std::move(daemon)));
-    }
+    const std::vector<Plugin*> daemons =
+        DiscoverInitDaemons(IsStopRun() ? 1 : 0, {graph, activation, CommandSettingsOf(settings)});
+    plugins.assign(daemons.begin(), daemons.end());
 }
 
 void RunSequence::ChooseThreadCount() {
@@ -200,15 +205,15 @@ void RunSequence::Execute() {
 
 void RunSequence::ExecuteOn(Executor& executor) {
     if (options.daemon && IsStopRun()) {
-        StopRun(Nodes(), executor);
+        StopRun(graph, Nodes(), executor);
         return;
     }
     if (options.daemon) {
-        StartRun(Nodes(), executor);
+        StartRun(graph, Nodes(), executor);
         return;
     }
     ShowProgress();
-    StartRun(Nodes(), executor);
+    StartRun(graph, Nodes(), executor);
     WriteRunOnce();
 }
 
@@ -225,7 +230,7 @@ void RunSequence::Dump() {
     // A reader that has gone costs the dump, not the run. Daemon runs have no executor's client that sees to it.
     std::signal(SIGPIPE, SIG_IGN);
     if (!options.dumpPath) {
-        DumpGraph(Nodes(), std::cout);
+        DumpGraph(graph, Nodes(), std::cout);
         return;
     }
     // Not by a file stream: the run leads a session by now, and a terminal must not become its controlling one.
@@ -237,7 +242,7 @@ void RunSequence::Dump() {
     }
     namespace io = boost::iostreams;
     io::stream<io::file_descriptor_sink> output(file.Get(), io::never_close_handle);
-    DumpGraph(Nodes(), output);
+    DumpGraph(graph, Nodes(), output);
 }
 
 void RunSequence::WriteProfilingLog() {

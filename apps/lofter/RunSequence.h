@@ -18,10 +18,12 @@
 #include <system_error>
 #include <vector>
 
+#include "Activation.h"
 #include "CommandLine.h"
+#include "InteractiveMode.h"
 #include "ProfilingLog.h"
 #include "Settings.h"
-#include "graph/Node.h"
+#include "graph/Graph.h"
 #include "plugins/Discovery.h"
 
 namespace lofter {
@@ -59,6 +61,9 @@ class RunSequence {
     RunOptions options;
     RunTimes times;
     Settings& settings;
+    InteractiveMode interactiveMode;
+    Activation activation;
+    Graph graph;
     std::set<std::string> runOnce;
     PluginList plugins;
     std::error_code directoryFailure;  // why the plugin directory could not be made absolute

@@ -1,8 +1,8 @@
-// The settings record: what the command line asked for, read by the whole program through one accessor.
+// The settings record: what the command line asked for.
 //
-// One per process, created on first use under the graph lock and never destroyed. The command line fills it before any
-// other thread exists. Afterwards only the run sequence (parallel, thread count, plugin directory) and interactive
-// mode, which is serial, change it.
+// The program's one is created on first use under the graph lock and never destroyed; the entry takes it and hands it
+// to whoever needs it. The command line fills it before any other thread exists. Afterwards only the run sequence
+// (parallel, thread count, plugin directory) and interactive mode, which is serial, change it.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,8 @@
 namespace lofter {
 
 struct Settings {
+    Settings();
+
     static Settings& Instance();
 
     bool verbose = false;
@@ -29,9 +31,6 @@ struct Settings {
     bool daemonWait = false;
     std::uint32_t daemonWaitTimeout = 40;  // seconds
     char** environment = nullptr;          // the process environment, not owned
-
-  private:
-    Settings();
 };
 
 }  // namespace lofter

@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         words.push_back(bytes.TextUntil('\0'));
     }
 
-    lofter::Settings& settings = FreshSettings();
+    lofter::Settings settings;
     const lofter::CommandLine first = Parse(words, settings);
     Require(!(settings.parallel && settings.interactive), "a run is parallel or interactive");
     Require(!first.exitStatus || *first.exitStatus == 0 || *first.exitStatus == 1, "the status is 0 or 1");
@@ -53,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!first.exitStatus) {
         MakesSense(first.options, settings);
     }
-    const lofter::CommandLine second = Parse(words, FreshSettings());
+    lofter::Settings others;
+    const lofter::CommandLine second = Parse(words, others);
     Require(first.exitStatus == second.exitStatus && Same(first.options, second.options), "the same words, the same");
     return 0;
 }

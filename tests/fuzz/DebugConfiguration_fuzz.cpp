@@ -3,10 +3,9 @@
 // The entries are written down again, every letter protected where it must be; read once more they are the same.
 #include <sstream>
 
-#include "graph/Barriers.h"
-#include "plugins/DebugConfiguration.h"
-#include "plugins/DebugPlugin.h"
+#include "plugins/description/DebugConfiguration.h"
 #include "support/Bytes.h"
+#include "support/Plugins.h"
 #include "support/Require.h"
 
 namespace lofter::fuzz {
@@ -36,31 +35,21 @@ std::string ListOf(const std::vector<std::string>& names) {
     return list.empty() ? list : Protected(list);
 }
 
-bool Same(const DebugEntry& one, const DebugEntry& other) {
-    return one.name == other.name && one.requiredBarriers == other.requiredBarriers &&
-           one.providedBarriers == other.providedBarriers && one.command == other.command;
+bool Same(const PluginDescription& one, const PluginDescription& other) {
+    return one.name == other.name && one.links == other.links && one.startCommands == other.startCommands;
 }
 
-void ReadsBackAsItWas(const std::vector<DebugEntry>& entries) {
+void ReadsBackAsItWas(const std::vector<PluginDescription>& entries) {
     std::stringstream file;
-    for (const DebugEntry& entry : entries) {
-        file << Protected(entry.name) << ':' << ListOf(entry.requiredBarriers) << ':' << ListOf(entry.providedBarriers)
-             << ':' << Protected(entry.command) << '\n';
+    for (const PluginDescription& entry : entries) {
+        file << Protected(entry.name) << ':' << ListOf(test::Required(entry)) << ':' << ListOf(test::Provided(entry))
+             << ':' << Protected(entry.startCommands.at(0)) << '\n';
     }
-    const std::vector<DebugEntry> again = ParseDebugConfiguration(file);
+    const std::vector<PluginDescription> again = ParseDebugConfiguration(file).entries;
     Require(again.size() == entries.size(), "every entry is read back");
     for (std::size_t index = 0; index < entries.size(); ++index) {
         Require(Same(again[index], entries[index]), "entry " + std::to_string(index) + " is read back as it was");
     }
-}
-
-void BecomePlugins(const std::vector<DebugEntry>& entries) {
-    for (const DebugEntry& entry : entries) {
-        const DebugPlugin plugin(entry);
-        Require(plugin.Dependencies().size() == entry.requiredBarriers.size(), "one edge per required barrier");
-        Require(plugin.Dependents().size() == entry.providedBarriers.size(), "one edge per provided barrier");
-    }
-    ForgetGraph();
 }
 
 }  // namespace
@@ -69,8 +58,6 @@ void BecomePlugins(const std::vector<DebugEntry>& entries) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace lofter::fuzz;
     std::istringstream file(Bytes(data, size).Rest());
-    const std::vector<lofter::DebugEntry> entries = lofter::ParseDebugConfiguration(file);
-    ReadsBackAsItWas(entries);
-    BecomePlugins(entries);
+    ReadsBackAsItWas(lofter::ParseDebugConfiguration(file).entries);
     return 0;
 }

@@ -1,7 +1,7 @@
 // The bytes are a graph and a run of it. The first three: how many threads there are, what the run does (start, stop,
 // or one after the other; picking at random or not), and where random numbers begin. Then one node after another: a
 // byte for its kind (its schedule class, whether it joins a priority group, counts as started from the beginning, or
-// fails while it is made) and for how long it works, one for how many links it has, and one for each link: to barriers
+// is rejected) and for how long it works, one for how many links it has, and one for each link: to barriers
 // that it requires, to barriers that it provides, and straight to other nodes, later ones and itself included. So there
 // are cycles, too; what waits for one must wait for ever, while the rest goes on.
 //
@@ -18,10 +18,9 @@
 
 #include "GraphModel.h"
 #include "Settings.h"
-#include "graph/Barriers.h"
 #include "graph/Executor.h"
+#include "graph/Graph.h"
 #include "graph/GraphRun.h"
-#include "graph/NodeStore.h"
 #include "support/Bytes.h"
 #include "support/LogCapture.h"
 #include "support/Require.h"
@@ -100,7 +99,6 @@ class TwinGraph {
             }
         }
     }
-    ~TwinGraph() { ForgetGraph(); }
     TwinGraph(const TwinGraph&) = delete;
     TwinGraph& operator=(const TwinGraph&) = delete;
 
@@ -118,7 +116,7 @@ class TwinGraph {
         }
     }
 
-    // Those that were made, in the order of making.
+    // Those that are to run, in the order of making.
     std::vector<Id> Sequence() const {
         std::vector<Id> sequence;
         std::copy_if(works.begin(), works.end(), std::back_inserter(sequence),
@@ -127,10 +125,19 @@ class TwinGraph {
     }
 
     GraphModel model;
-    std::map<Id, Node*> program;  // without what failed while it was made
+    Settings settings = InvokingOne();
+    Graph graph{settings};
+    std::map<Id, Node*> program;  // without what was rejected
     Journal* journal = nullptr;   // of the run that is going on
 
   private:
+    // Where one method is invoked, barriers that nobody provides are logged and raise no alert on the machine.
+    static Settings InvokingOne() {
+        Settings invoking;
+        invoking.invoke = true;
+        return invoking;
+    }
+
     void AddNode(Bytes& bytes, std::vector<std::pair<Id, std::size_t>>& toLaterNodes) {
         const std::uint8_t kind = bytes.Byte();
         const std::uint8_t links = bytes.Byte();
@@ -139,9 +146,8 @@ class TwinGraph {
         const std::string name = "n" + std::to_string(works.size());
 
         const Id id = model.AddWork(name, scheduleClass);
-        auto made = std::make_unique<WorkNode>(name, scheduleClass, id, kind >> 4U & 3U, journal);
         works.push_back(id);
-        program[id] = made.get();
+        program[id] = &graph.Add(std::make_unique<WorkNode>(name, scheduleClass, id, kind >> 4U & 3U, journal));
         for (int count = links & 7; count > 0; --count) {
             LinkBarrier(id, kBarriers[bytes.Below(kBarriers.size())], true);
         }
@@ -159,26 +165,23 @@ class TwinGraph {
         if (joinsGroup) {
             JoinGroup(id, kPriorities[bytes.Below(kPriorities.size())]);
         }
-        Settle(id, std::move(made), (kind & 4U) != 0, (kind & 8U) != 0);
+        Settle(id, (kind & 4U) != 0, (kind & 8U) != 0);
     }
 
-    // What fails while it is made is gone, and counts as started wherever it was linked.
-    void Settle(Id id, std::unique_ptr<WorkNode> made, bool isMarked, bool fails) {
-        if (fails) {
-            program.erase(id);
+    // What is rejected is on no list of what to run, and counts as started wherever it was linked.
+    void Settle(Id id, bool isMarked, bool isRejected) {
+        if (isMarked || isRejected) {
+            program[id]->MarkStarted();
             model.MarkStarted(id);
-            return;
         }
-        Node* node = NodeStore::Keep(std::move(made));
-        if (isMarked) {
-            node->MarkStarted();
-            model.MarkStarted(id);
+        if (isRejected) {
+            program.erase(id);
         }
     }
 
     void LinkBarrier(Id id, const std::string& name, bool isRequired) {
         const Id barrier = model.Barrier(name);
-        program[barrier] = GetBarrier(name, true);
+        program[barrier] = graph.GetBarrier(name, true);
         if (isRequired) {
             program[id]->AddDependency(*program[barrier]);
             model.Link(id, barrier);
@@ -196,7 +199,7 @@ class TwinGraph {
     }
 
     void JoinGroup(Id id, unsigned priority) {
-        lofter::PriorityBarrier* barrier = GetPriorityBarrier(priority);
+        lofter::PriorityBarrier* barrier = graph.GetPriorityBarrier(priority);
         barrier->AddPlugin(*program[id]);
         const Id modelled = model.PriorityBarrier(priority);
         model.JoinPriority(id, modelled);
@@ -251,7 +254,7 @@ class TwinRun {
             std::vector<Node*> nodes;
             std::transform(sequence.begin(), sequence.end(), std::back_inserter(nodes),
                            [this](Id id) { return graph.program[id]; });
-            starting ? StartRun(nodes, executor) : StopRun(nodes, executor);
+            starting ? StartRun(graph.graph, nodes, executor) : StopRun(graph.graph, nodes, executor);
         } else {
             const GraphLock held;
             for (const Id id : sequence) {
@@ -336,12 +339,6 @@ class TwinRun {
 
 }  // namespace
 }  // namespace lofter::fuzz
-
-// Where one method is invoked, barriers that nobody provides are logged and raise no alert on the machine.
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    lofter::Settings::Instance().invoke = true;
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace lofter::fuzz;

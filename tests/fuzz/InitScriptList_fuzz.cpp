@@ -8,10 +8,12 @@
 #include <optional>
 #include <sstream>
 
-#include "graph/Barriers.h"
+#include "Settings.h"
+#include "graph/Graph.h"
 #include "hopper/DaemonPlugin.h"
 #include "hopper/InitScriptDiscovery.h"
 #include "support/Bytes.h"
+#include "support/Plugins.h"
 #include "support/Require.h"
 
 namespace lofter::fuzz {
@@ -71,20 +73,23 @@ bool Waits(const Node& node, const Node& forOther) {
 }
 
 void StandInTheirGroups(const std::vector<InitScript>& scripts, bool stopping) {
-    const std::vector<std::unique_ptr<Plugin>> plugins = MakeDaemonPlugins(scripts, stopping ? 1 : 0);
+    const Settings settings;
+    Graph graph(settings);
+    const std::vector<Plugin*> plugins =
+        MakeDaemonPlugins(scripts, stopping ? 1 : 0, {graph, test::NoActivator::Instance(), {}});
     std::map<std::uint32_t, std::vector<const Plugin*>> groups;
     std::size_t next = 0;
     for (const InitScript& script : scripts) {
         if (IsMade(script, stopping)) {
             Require(next < plugins.size(), "every script becomes a plugin");
-            groups[static_cast<std::uint32_t>(script.priority)].push_back(plugins[next++].get());
+            groups[static_cast<std::uint32_t>(script.priority)].push_back(plugins[next++]);
         }
     }
     Require(next == plugins.size(), "nothing else becomes a plugin");
 
     const Node* barrierBefore = nullptr;
     for (const auto& [priority, members] : groups) {
-        const Node* barrier = GetBarrier("_<->_priority_<->_" + std::to_string(priority), false);
+        const Node* barrier = graph.GetBarrier("_<->_priority_<->_" + std::to_string(priority), false);
         Require(barrier != nullptr, "every priority has its barrier");
         Require(barrierBefore == nullptr || Waits(*barrier, *barrierBefore), "priorities stand in a chain");
         for (const Plugin* plugin : members) {
@@ -94,7 +99,7 @@ void StandInTheirGroups(const std::vector<InitScript>& scripts, bool stopping) {
         }
         barrierBefore = barrier;
     }
-    Require(AllBarriers().size() == groups.size(), "no other barriers");
+    Require(graph.AllBarriers().size() == groups.size(), "no other barriers");
 }
 
 }  // namespace
@@ -115,6 +120,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 "script " + std::to_string(index));
     }
     StandInTheirGroups(scripts, stopping);
-    lofter::ForgetGraph();
     return 0;
 }

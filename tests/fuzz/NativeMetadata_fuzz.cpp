@@ -7,8 +7,10 @@
 #include <cstring>
 #include <memory>
 
-#include "plugins/NativeInterface.h"
+#include "plugins/Exception.h"
+#include "plugins/description/NativeDescription.h"
 #include "support/Bytes.h"
+#include "support/Plugins.h"
 #include "support/Require.h"
 
 namespace lofter::fuzz {
@@ -75,6 +77,15 @@ std::size_t LengthOf(std::uint32_t version) {
     return !isSupported ? 4 : version < 3 ? 24 : 56;
 }
 
+bool IsRead(const void* metadata, const void* operations, PluginDescription& read) {
+    try {
+        ReadNativeInterface(metadata, operations, read);
+        return true;
+    } catch (const InvalidPluginException&) {
+        return false;
+    }
+}
+
 void IsReadAsLaidOut(std::uint32_t version, Bytes& bytes) {
     const List required(bytes);
     const List provided(bytes);
@@ -101,20 +112,21 @@ void IsReadAsLaidOut(std::uint32_t version, Bytes& bytes) {
         metadata.Put(48, disablingFlags.Get());
     }
 
-    const std::optional<NativeInterface> read = ReadNativeInterface(metadata.Get(), operations.Get());
-    Require(read.has_value() == (version >= 1 && version <= 4), "versions 1 to 4 are supported, no others");
-    if (!read) {
+    PluginDescription read("fuzzed");
+    const bool isSupported = IsRead(metadata.Get(), operations.Get(), read);
+    Require(isSupported == (version >= 1 && version <= 4), "versions 1 to 4 are supported, no others");
+    if (!isSupported) {
         return;
     }
     const bool known = version >= 3;
-    Require(read->version == static_cast<std::int32_t>(version), "version");
-    Require(read->hasHostProfileOperation == (hostProfile != 0), "host-profile operation");
-    Require(read->requiredBarriers == required.Strings(), "required barriers");
-    Require(read->providedBarriers == provided.Strings(), "provided barriers");
-    Require(read->release == (known && hasRelease ? release : ""), "release");
-    Require(read->runOnce == (known && runOnce != 0), "run once");
-    Require(read->requiredFlags == (known ? requiredFlags.StringSet() : std::set<std::string>()), "required flags");
-    Require(read->disablingFlags == (known ? disablingFlags.StringSet() : std::set<std::string>()), "disabling flags");
+    Require(read.version == static_cast<std::int32_t>(version), "version");
+    Require(read.hasHostProfileOperation == (hostProfile != 0), "host-profile operation");
+    Require(test::Required(read) == required.Strings(), "required barriers");
+    Require(test::Provided(read) == provided.Strings(), "provided barriers");
+    Require(read.release == (known && hasRelease ? release : ""), "release");
+    Require(read.runOnce == (known && runOnce != 0), "run once");
+    Require(read.requiredFlags == (known ? requiredFlags.StringSet() : std::set<std::string>()), "required flags");
+    Require(read.disablingFlags == (known ? disablingFlags.StringSet() : std::set<std::string>()), "disabling flags");
 }
 
 }  // namespace

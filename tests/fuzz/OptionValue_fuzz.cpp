@@ -126,7 +126,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const OptionUnderTest& option = kOptions[bytes.Below(kOptions.size())];
     const std::string value = bytes.TextUntil('\0');
 
-    lofter::Settings& settings = FreshSettings();
+    lofter::Settings settings;
     const lofter::Settings before = settings;
     const lofter::CommandLine line = Parse({std::string("--") + option.name + "=" + value}, settings);
     option.check(value, line, settings, before);

@@ -4,14 +4,16 @@
 // again, comes to the same.
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <string_view>
 
-#include "graph/Barriers.h"
-#include "graph/NodeStore.h"
+#include "Settings.h"
 #include "plugins/Discovery.h"
 #include "plugins/Exception.h"
 #include "plugins/JSONPlugin.h"
+#include "plugins/description/JsonDescription.h"
 #include "support/Bytes.h"
+#include "support/Plugins.h"
 #include "support/Require.h"
 #include "support/TemporaryDirectory.h"
 
@@ -40,9 +42,9 @@ constexpr std::array<std::string_view, 17> kReasons = {
 constexpr std::string_view kBadCommand = "command is not a string";
 
 // Null when the file was rejected.
-const JSONPlugin* Load(const std::string& path) {
+std::unique_ptr<JSONPlugin> Load(const std::string& path) {
     try {
-        return NodeStore::Keep(std::make_unique<JSONPlugin>("fuzzed", path));
+        return test::MakePlugin<JSONPlugin>(DescribeJsonPlugin("fuzzed", path));
     } catch (const InvalidPluginException& e) {
         const std::string beginning = "plugin `" + path + "' is invalid: ";
         const std::string text = e.what();
@@ -60,13 +62,9 @@ void HoldsTogether(const JSONPlugin& plugin) {
     Require(version >= 3 || (plugin.RequiredFlags().empty() && plugin.DisablingFlags().empty() && !plugin.RunOnce() &&
                              plugin.PluginVersion().empty()),
             "versions below 3 have neither flags nor a release");
-    Require(version >= 2 || plugin.HostProfileCommands().empty(), "version 1 knows no host profiles");
-    Require(plugin.HasApplyHostProfile() == !plugin.HostProfileCommands().empty(), "host profiles by their commands");
-    for (const Node::Links* links : {&plugin.Dependencies(), &plugin.Dependents()}) {
-        for (const Node* barrier : *links) {
-            Require(GetBarrier(barrier->Name(), false) == barrier, "plugins are linked to registered barriers");
-        }
-    }
+    Require(version >= 2 || plugin.Description().hostProfileCommands.empty(), "version 1 knows no host profiles");
+    Require(plugin.HasApplyHostProfile() == !plugin.Description().hostProfileCommands.empty(),
+            "host profiles by their commands");
 }
 
 bool Has(const std::set<std::string>& all, const std::set<std::string>& some) {
@@ -77,7 +75,10 @@ void IsDiscovered(const test::TemporaryDirectory& folder, const JSONPlugin* load
     const std::set<std::string> bootFlags = {"a", "boot"};
     std::set<std::string> runOnce = {"fuzzed1.0"};
     PluginList plugins;
-    Discovery({folder.Path(), folder / "debug.conf", {}, bootFlags}, runOnce, plugins)
+    const Settings settings;
+    Graph graph(settings);
+    Discovery({folder.Path(), folder / "debug.conf", {}, bootFlags}, graph, test::NoActivator::Instance(), runOnce,
+              plugins)
         .DiscoverListed({"libfuzzed.json"});
     if (loaded == nullptr) {
         Require(plugins.empty(), "what cannot be loaded is not discovered");
@@ -88,6 +89,9 @@ void IsDiscovered(const test::TemporaryDirectory& folder, const JSONPlugin* load
     const bool isAdmitted = !isDisabled && Has(bootFlags, loaded->RequiredFlags());
     Require(plugins.size() == (isAdmitted ? 1U : 0U), "boot flags decide");
     if (isAdmitted) {
+        Require(plugins.front()->Dependencies().size() + plugins.front()->Dependents().size() ==
+                    loaded->Description().links.size(),
+                "every link of the file is one of the graph");
         const bool hasRun = loaded->RunOnce() && loaded->PluginVersion() == "1.0";
         Require(plugins.front()->Name() == "fuzzed", "the name is the file's");
         Require((plugins.front()->State() == NodeState::Started) == hasRun, "what ran once counts as started");
@@ -101,11 +105,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace lofter::fuzz;
     static const lofter::test::TemporaryDirectory folder;
     const std::string path = folder.Write("libfuzzed.json", Bytes(data, size).Rest());
-    const lofter::JSONPlugin* plugin = Load(path);
+    const std::unique_ptr<lofter::JSONPlugin> plugin = Load(path);
     if (plugin != nullptr) {
         HoldsTogether(*plugin);
     }
-    IsDiscovered(folder, plugin);
-    lofter::ForgetGraph();
+    IsDiscovered(folder, plugin.get());
     return 0;
 }

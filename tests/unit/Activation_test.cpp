@@ -24,6 +24,7 @@
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
+#include "support/WillingOperator.h"
 #include "tslibs/dictionary.h"
 #include "tslibs/log.h"
 
@@ -39,8 +40,8 @@ class FakePlugin : public Plugin {
     using Operation = std::function<void()>;
 
     explicit FakePlugin(
-        Operation startOperation = [] {}, const std::string& pluginName = "net")
-        : Plugin(pluginName), start(std::move(startOperation)) {}
+        Activator& pluginActivator, Operation startOperation = [] {}, const std::string& pluginName = "net")
+        : Plugin(PluginDescription(pluginName), pluginActivator), start(std::move(startOperation)) {}
 
     void StartPlugin() override {
         calls += "start ";
@@ -76,12 +77,11 @@ void FailWithoutText() {
     throw 42;
 }
 
-class Activation : public testing::Test {
+class ActivationTest : public testing::Test {
   protected:
-    ~Activation() override { Settings::Instance() = before; }
-
-    const Settings before = Settings::Instance();
-    Settings& settings = Settings::Instance();
+    Settings settings;
+    test::WillingOperator willing;
+    Activation activation{settings, willing};
 };
 
 // ---- The outcome in the system log and the kernel's boot log, on a host that has nothing but the latter
@@ -96,7 +96,7 @@ void PrintTo(const Report& report, std::ostream* stream) {
     *stream << report.bootLog << "\n" << report.systemLog;
 }
 
-class ActivationReport : public Activation {
+class ActivationReport : public ActivationTest {
   protected:
     ActivationReport() { host.Write("dev/kmsg", ""); }
 
@@ -118,7 +118,7 @@ class ActivationReport : public Activation {
     }
 
     Report Activate(const FakePlugin::Operation& start) {
-        FakePlugin plugin(start);
+        FakePlugin plugin(activation, start);
         return Activate(plugin);
     }
 
@@ -150,7 +150,7 @@ TEST_F(ActivationReport, OfSomethingElseThrownSaysThatItIsUnknown) {
 }
 
 TEST_F(ActivationReport, OfAHostProfilePredicateThatThrowsIsAFailure) {
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     plugin.hasApply = FailOtherwise;
     EXPECT_EQ(Activate(plugin),
               (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: out of cheese",
@@ -184,7 +184,8 @@ TEST_F(ActivationReport, OfANamedMethodThatFailsSaysThatTheInvocationFailed) {
 }
 
 TEST_F(ActivationReport, OfAnOddNameKeepsItAsItIs) {
-    FakePlugin plugin([] {}, "%s 'n\xc3\xa4me' %n");
+    FakePlugin plugin(
+        activation, [] {}, "%s 'n\xc3\xa4me' %n");
     EXPECT_EQ(Activate(plugin), (Report{"|Activating Lofter plugin %s 'n\xc3\xa4me' %n.|"
                                         "Lofter plugin %s 'n\xc3\xa4me' %n activated.",
                                         "125 executing start plugin: %s 'n\xc3\xa4me' %n|"}));
@@ -193,7 +194,7 @@ TEST_F(ActivationReport, OfAnOddNameKeepsItAsItIs) {
 // The kernel's boot log and the program's own, in one file.
 TEST_F(ActivationReport, HasItsStepsInOrder) {
     settings.trace = true;
-    FakePlugin plugin([] { Log_Level(125, "at work"); });
+    FakePlugin plugin(activation, [] { Log_Level(125, "at work"); });
     test::InForkedChild([&] {
         test::EnterRoot(host.Path());
         ::dup2(::open("/dev/kmsg", O_WRONLY | O_APPEND), STDOUT_FILENO);
@@ -213,13 +214,13 @@ TEST_F(ActivationReport, HasItsStepsInOrder) {
 // ---- Host profiles
 
 TEST_F(ActivationReport, WithoutAHostProfileIsThatOfTheStartOperation) {
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     plugin.takesPart = true;
     EXPECT_EQ(Activate(plugin).systemLog, "125 executing start plugin: net|");
 }
 
 TEST_F(ActivationReport, WithAHostProfileIsThatOfTheHostProfileOperation) {
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     plugin.takesPart = true;
     for (const std::string file : {"etc/tessel/hostprofile.xml", "etc/tessel/hostprofile.xml.gz"}) {
         host.Write(file, "");
@@ -237,7 +238,7 @@ TEST_F(ActivationReport, WithAHostProfileIsThatOfTheStartOperationForPluginsThat
 
 TEST_F(ActivationReport, OfAFailingHostProfileCarriesItsText) {
     host.Write("etc/tessel/hostprofile.xml", "");
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     plugin.takesPart = true;
     plugin.apply = [] {
         throw NotImplementedException("DebugPlugin::ApplyHostProfile");
@@ -249,7 +250,7 @@ TEST_F(ActivationReport, OfAFailingHostProfileCarriesItsText) {
 
 TEST_F(ActivationReport, WithANamedMethodTakesNoNoticeOfHostProfiles) {
     host.Write("etc/tessel/hostprofile.xml", "");
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     plugin.takesPart = true;
     settings.method = "start";
     EXPECT_EQ(Activate(plugin).systemLog, "125 executing start plugin: net|");
@@ -258,15 +259,15 @@ TEST_F(ActivationReport, WithANamedMethodTakesNoNoticeOfHostProfiles) {
 TEST_F(ActivationReport, LooksForAHostProfileOncePerProcess) {
     EXPECT_EQ(test::InForkedChild([&] {
                   test::EnterRoot(host.Path());
-                  FakePlugin bystander;
+                  FakePlugin bystander(activation);
                   bystander.Start();  // does not ask
                   std::filesystem::create_directories("/etc/tessel");
                   std::ofstream("/etc/tessel/hostprofile.xml.gz") << "";
-                  FakePlugin first;
+                  FakePlugin first(activation);
                   first.takesPart = true;
                   first.Start();
                   std::filesystem::remove("/etc/tessel/hostprofile.xml.gz");
-                  FakePlugin second;
+                  FakePlugin second(activation);
                   second.takesPart = true;
                   second.Start();
                   return bystander.calls + first.calls + second.calls;
@@ -274,11 +275,11 @@ TEST_F(ActivationReport, LooksForAHostProfileOncePerProcess) {
               "start apply apply ");
     EXPECT_EQ(test::InForkedChild([&] {
                   test::EnterRoot(host.Path());
-                  FakePlugin first;
+                  FakePlugin first(activation);
                   first.takesPart = true;
                   first.Start();
                   std::ofstream("/etc/tessel/hostprofile.xml") << "";
-                  FakePlugin second;
+                  FakePlugin second(activation);
                   second.takesPart = true;
                   second.Start();
                   return first.calls + second.calls;
@@ -286,24 +287,36 @@ TEST_F(ActivationReport, LooksForAHostProfileOncePerProcess) {
               "start start ");
 }
 
-TEST_F(Activation, TakesTheProgramWideLockForTheHostProfileOnly) {
-    FakePlugin other;
-    FakePlugin participant;
+TEST_F(ActivationTest, TakesTheProgramWideLockForTheHostProfileOnly) {
+    FakePlugin other(activation);
+    FakePlugin participant(activation);
     participant.takesPart = true;
     auto lock = std::make_unique<GraphLock>();
     std::async(std::launch::async, [&] { other.Start(); }).get();
-    auto activation = std::async(std::launch::async, [&] { participant.Start(); });
-    EXPECT_EQ(activation.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    auto started = std::async(std::launch::async, [&] { participant.Start(); });
+    EXPECT_EQ(started.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     EXPECT_EQ(participant.calls, "");
     lock.reset();
-    activation.get();
+    started.get();
     EXPECT_NE(participant.calls, "");
+}
+
+// ---- The operator
+
+TEST_F(ActivationTest, AsksTheOperatorAndDoesNothingWhenThePluginIsToBeSkipped) {
+    FakePlugin plugin(activation);
+    willing.answer = false;
+    plugin.Start();
+    EXPECT_EQ(willing.asked, "net ");
+    EXPECT_EQ(plugin.calls, "");
+    EXPECT_GT(plugin.StartTime().tv_sec, 0);
+    EXPECT_EQ(plugin.EndTime().tv_sec, 0);
 }
 
 // ---- Times
 
-TEST_F(Activation, StampsBothTimesAroundTheOperation) {
-    FakePlugin plugin;
+TEST_F(ActivationTest, StampsBothTimesAroundTheOperation) {
+    FakePlugin plugin(activation);
     timeval within{};
     plugin.start = [&] {
         gettimeofday(&within, nullptr);
@@ -320,31 +333,33 @@ TEST_F(Activation, StampsBothTimesAroundTheOperation) {
     EXPECT_FALSE(timercmp(&plugin.EndTime(), &latest, >));
 }
 
-TEST_F(Activation, StampsTheEndOfAFailureToo) {
-    FakePlugin plugin(FailWithoutText);
+TEST_F(ActivationTest, StampsTheEndOfAFailureToo) {
+    FakePlugin plugin(activation, FailWithoutText);
     plugin.Start();
     EXPECT_GT(plugin.EndTime().tv_sec, 0);
 }
 
-TEST_F(Activation, LetsWhatDependsOnAFailedPluginRun) {
-    FakePlugin provider(FailOtherwise);
-    FakePlugin consumer([] {}, "ntp");
+TEST_F(ActivationTest, LetsWhatDependsOnAFailedPluginRun) {
+    FakePlugin provider(activation, FailOtherwise);
+    FakePlugin consumer(
+        activation, [] {}, "ntp");
     consumer.AddDependency(provider);
     Executor executor(1, false);
-    StartRun({&consumer, &provider}, executor);
+    const Graph graph(settings);
+    StartRun(graph, {&consumer, &provider}, executor);
     EXPECT_EQ(provider.State(), NodeState::Started);
     EXPECT_EQ(consumer.calls, "start ");
 }
 
 // ---- Methods by name
 
-class InvokeMethodTest : public Activation {
+class InvokeMethodTest : public ActivationTest {
   protected:
     test::LogCapture log;
 };
 
 TEST_F(InvokeMethodTest, CallsTheOperationOfThatName) {
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     EXPECT_TRUE(InvokeMethod(plugin, "start"));
     EXPECT_TRUE(InvokeMethod(plugin, "apply_host_profile"));
     EXPECT_EQ(plugin.calls, "start apply ");
@@ -353,7 +368,7 @@ TEST_F(InvokeMethodTest, CallsTheOperationOfThatName) {
 }
 
 TEST_F(InvokeMethodTest, SucceedsWithoutACallForAnyOtherName) {
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     for (const std::string method : {"stop", "restart", "", "StartPlugin"}) {
         EXPECT_TRUE(InvokeMethod(plugin, method));
     }
@@ -367,11 +382,11 @@ TEST_F(InvokeMethodTest, ReportsEveryKindOfFailure) {
              {FailOtherwise, "unable to invoke method 'start' on plugin 'net': out of cheese"},
              {FailWithoutText, "unknown exception whilst attempting to execute method 'start' on plugin 'net'"}}) {
         log.Clear();
-        FakePlugin plugin(operation);
+        FakePlugin plugin(activation, operation);
         EXPECT_FALSE(InvokeMethod(plugin, "start"));
         EXPECT_EQ(log.Lines(110), Texts{message});
     }
-    FakePlugin plugin;
+    FakePlugin plugin(activation);
     plugin.apply = FailOtherwise;
     log.Clear();
     EXPECT_FALSE(InvokeMethod(plugin, "apply_host_profile"));

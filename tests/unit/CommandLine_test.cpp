@@ -105,7 +105,7 @@ class CommandLineTest : public testing::Test {
         return !exitStatus.has_value() && output.empty() && complaint.empty() && log.Lines().empty();
     }
 
-    const Settings defaults = Settings::Instance();
+    const Settings defaults;
     Settings settings = defaults;
     test::LogCapture log;
     RunOptions options;

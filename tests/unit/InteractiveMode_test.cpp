@@ -63,7 +63,7 @@ struct Scene {
 std::string Walk(const Scene& scene, const char* console = kNoConsole) {
     ShowProgress();  // as every run does; shown again, it is not logged again
     const test::LogCapture log;
-    Settings& settings = Settings::Instance();
+    Settings settings;
     settings.interactive = scene.interactive;
     settings.interactiveModeRequirements = scene.requirements;
     InteractiveMode mode(settings, console);

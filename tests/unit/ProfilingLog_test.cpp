@@ -14,6 +14,7 @@
 #include "plugins/Plugin.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
+#include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
 
 namespace lofter {
@@ -26,7 +27,8 @@ constexpr time_t kSecondOfJanuary2024 = 1704178989;  // 07:03:09 UTC
 
 class TimedPlugin : public Plugin {
   public:
-    TimedPlugin(const std::string& pluginName, const timeval& start, const timeval& end) : Plugin(pluginName) {
+    TimedPlugin(const std::string& pluginName, const timeval& start, const timeval& end)
+        : Plugin(PluginDescription(pluginName), test::NoActivator::Instance()) {
         SetStartTime(start);
         SetEndTime(end);
     }
@@ -61,7 +63,7 @@ class ProfilingLog : public testing::Test {
     test::LogCapture log;
     test::TemporaryDirectory folder;
     const std::string path = folder / "sysboot.log";
-    Settings settings = Settings::Instance();
+    Settings settings;
     RunTimes times;
     TimedPlugin net{"net", {kSecondOfJanuary2024 + 1, 0}, {kSecondOfJanuary2024 + 2, 250'000}};
     TimedPlugin skipped{"100% \"odd\"", {kSecondOfJanuary2024 + 3, 1}, {0, 0}};

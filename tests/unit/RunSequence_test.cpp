@@ -38,7 +38,7 @@ class RunOnAnEmptyHost : public testing::Test {
         return test::InForkedChild([&] {
             const test::LogCapture log;
             test::EnterRoot(folder.Path());
-            Settings& settings = Settings::Instance();
+            Settings settings;
             settings.method = "start";
             settings.threadCount = threads;
             RunOptions options;
@@ -88,7 +88,7 @@ class RunWithADeafExecutor : public testing::Test {
 
     // What the observation says after the run, which has been prepared in its root.
     std::string Run(
-        const std::function<std::string(int, const test::LogCapture&)>& observe,
+        const std::function<std::string(int, const Settings&, const test::LogCapture&)>& observe,
         const std::function<void(Settings&)>& prepare = [](Settings&) {}) {
         return test::InForkedChild([&] {
             const test::LogCapture log;
@@ -104,14 +104,14 @@ class RunWithADeafExecutor : public testing::Test {
             options.dump = true;
             options.dumpPath = "/dump";
             options.pluginDirectory = "/plugins";
-            prepare(Settings::Instance());
-            const int status = RunSequence(options, {}, Settings::Instance()).Run();
-            return observe(status, log);
+            Settings settings;
+            prepare(settings);
+            const int status = RunSequence(options, {}, settings).Run();
+            return observe(status, settings, log);
         });
     }
 
-    static std::string Threads(int, const test::LogCapture&) {
-        const Settings& settings = Settings::Instance();
+    static std::string Threads(int, const Settings& settings, const test::LogCapture&) {
         return std::to_string(settings.threadCount) + (settings.parallel ? " in parallel" : " serially");
     }
 
@@ -119,7 +119,7 @@ class RunWithADeafExecutor : public testing::Test {
 };
 
 TEST_F(RunWithADeafExecutor, FailsInItsLastStep) {
-    EXPECT_EQ(Run([](int status, const test::LogCapture& log) {
+    EXPECT_EQ(Run([](int status, const Settings&, const test::LogCapture& log) {
                   std::string outcome = std::to_string(status);
                   for (const auto& entry : log.Entries()) {
                       outcome += "; " + std::to_string(entry.level) + " " + entry.text;

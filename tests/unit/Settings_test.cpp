@@ -25,7 +25,7 @@ TEST(Settings, AreOneRecordForAllThreads) {
 }
 
 TEST(Settings, HaveDefaultsThatBootSeriallyAndSilently) {
-    const Settings& settings = Settings::Instance();
+    const Settings settings;
     EXPECT_FALSE(settings.verbose || settings.parallel || settings.randomize || settings.interactive);
     EXPECT_FALSE(settings.trace || settings.invoke || settings.daemonWait);
     EXPECT_EQ(settings.threadCount, 1U);

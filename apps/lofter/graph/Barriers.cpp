@@ -1,32 +1,17 @@
 #include "graph/Barriers.h"
 
 #include <algorithm>
-#include <map>
-#include <memory>
+#include <cstddef>
+#include <vector>
 
 #include "Logging.h"
 #include "Settings.h"
-#include "graph/NodeStore.h"
+#include "graph/Graph.h"
 #include "krxctl/SystemInfoImpl.h"
 
 namespace lofter {
 
 namespace {
-
-struct Registry {
-    std::map<std::string, InitBarrier*> barriers;
-    std::vector<std::uint32_t> priorities;  // of every priority barrier, ascending
-};
-
-// Never destroyed, like the barriers in it.
-Registry& TheRegistry() {
-    static auto* registry = new Registry;
-    return *registry;
-}
-
-std::string PriorityBarrierName(std::uint32_t priority) {
-    return "_<->_priority_<->_" + std::to_string(priority);
-}
 
 void RaiseSystemAlert(const std::string& message) {
     try {
@@ -38,7 +23,8 @@ void RaiseSystemAlert(const std::string& message) {
 
 }  // namespace
 
-InitBarrier::InitBarrier(const std::string& barrierName) : Node(barrierName, kDefaultClass) {}
+InitBarrier::InitBarrier(const std::string& barrierName, const Settings& runSettings)
+    : Node(barrierName, kDefaultClass), settings(runSettings) {}
 
 void InitBarrier::Start() {
     Contain([this] { ReportIfUnprovided(); });
@@ -60,50 +46,22 @@ void InitBarrier::ReportIfUnprovided() const {
             separator = ", ";
         }
     }
-    if (!Settings::Instance().invoke) {
+    if (!settings.invoke) {
         RaiseSystemAlert(message);
     }
     Log_Level(kWarning, "%s\n", message.c_str());
 }
 
-// Between the groups of the next lower and the next higher priority. The plugins of the higher group keep the links
-// that they already have to the barrier in front of this one.
-PriorityBarrier::PriorityBarrier(std::uint32_t ownPriority)
-    : InitBarrier(PriorityBarrierName(ownPriority)), priority(ownPriority) {
-    GraphLock lock;
-    try {
-        TakePlace();
-    } catch (...) {
-        // Short of memory. What is not made must not be found again.
-        TheRegistry().barriers.erase(Name());
-        std::erase(TheRegistry().priorities, priority);
-        throw;
-    }
+std::string PriorityBarrier::NameOf(std::uint32_t priority) {
+    return "_<->_priority_<->_" + std::to_string(priority);
 }
 
-void PriorityBarrier::TakePlace() {
-    RegisterBarrier(this, Name());
-
-    std::vector<std::uint32_t>& priorities = TheRegistry().priorities;
-    const auto place = priorities.insert(std::lower_bound(priorities.begin(), priorities.end(), priority), priority);
-    if (place != priorities.begin()) {
-        AddDependency(*GetBarrier(PriorityBarrierName(*(place - 1)), false));
-    }
-    if (place + 1 != priorities.end()) {
-        InitBarrier* next = GetBarrier(PriorityBarrierName(*(place + 1)), false);
-        std::vector<Node*> followers;
-        std::copy_if(next->Dependencies().begin(), next->Dependencies().end(), std::back_inserter(followers),
-                     [](Node* node) { return dynamic_cast<InitBarrier*>(node) == nullptr; });
-        followers.push_back(next);
-        for (Node* follower : followers) {
-            AddDependent(*follower);
-        }
-    }
-}
+PriorityBarrier::PriorityBarrier(Graph& owner, std::uint32_t ownPriority, const Settings& runSettings)
+    : InitBarrier(NameOf(ownPriority), runSettings), graph(owner), priority(ownPriority) {}
 
 void PriorityBarrier::AddPlugin(Node& plugin) {
     GraphLock lock;
-    const std::vector<std::uint32_t>& priorities = TheRegistry().priorities;
+    const std::vector<std::uint32_t>& priorities = graph.Priorities();
     auto index = static_cast<std::size_t>(priorityIndex);
     if (priorityIndex < 0 || index >= priorities.size() || priorities[index] != priority) {
         index =
@@ -111,54 +69,9 @@ void PriorityBarrier::AddPlugin(Node& plugin) {
         priorityIndex = static_cast<std::int32_t>(index);
     }
     if (index > 0) {
-        GetBarrier(PriorityBarrierName(priorities[index - 1]), false)->AddDependent(plugin);
+        graph.GetBarrier(NameOf(priorities[index - 1]), false)->AddDependent(plugin);
     }
     AddDependency(plugin);
-}
-
-InitBarrier* GetBarrier(const std::string& name, bool create) {
-    GraphLock lock;
-    const auto found = TheRegistry().barriers.find(name);
-    if (found != TheRegistry().barriers.end()) {
-        return found->second;
-    }
-    if (!create) {
-        return nullptr;
-    }
-    InitBarrier* barrier = NodeStore::Keep(std::make_unique<InitBarrier>(name));
-    RegisterBarrier(barrier, name);
-    return barrier;
-}
-
-void RegisterBarrier(InitBarrier* barrier, const std::string& name) {
-    GraphLock lock;
-    TheRegistry().barriers[name] = barrier;
-}
-
-std::vector<InitBarrier*> AllBarriers() {
-    GraphLock lock;
-    std::vector<InitBarrier*> barriers;
-    barriers.reserve(TheRegistry().barriers.size());
-    for (const auto& [name, barrier] : TheRegistry().barriers) {
-        barriers.push_back(barrier);
-    }
-    return barriers;
-}
-
-PriorityBarrier* GetPriorityBarrier(std::uint32_t priority) {
-    GraphLock lock;
-    auto* barrier = dynamic_cast<PriorityBarrier*>(GetBarrier(PriorityBarrierName(priority), false));
-    if (barrier == nullptr) {
-        NodeStore::MakeRoom();  // it is registered when it is made, and must be kept then
-        barrier = NodeStore::Keep(std::make_unique<PriorityBarrier>(priority));
-    }
-    return barrier;
-}
-
-void ForgetGraph() {
-    GraphLock lock;
-    TheRegistry() = Registry{};
-    NodeStore::Clear();
 }
 
 }  // namespace lofter

@@ -2,8 +2,6 @@
 
 #include <cstdint>
 
-#include "graph/Barriers.h"
-
 namespace lofter {
 
 namespace {
@@ -22,12 +20,12 @@ void DumpNode(const Node& node, std::ostream& output) {
     }
 }
 
-void DumpGraph(const std::vector<Node*>& nodes, std::ostream& output) {
+void DumpGraph(const Graph& graph, const std::vector<Node*>& nodes, std::ostream& output) {
     output << "digraph g {\n";
     for (const Node* node : nodes) {
         DumpNode(*node, output);
     }
-    for (const InitBarrier* barrier : AllBarriers()) {
+    for (const InitBarrier* barrier : graph.AllBarriers()) {
         DumpNode(*barrier, output);
     }
     output << "}\n";

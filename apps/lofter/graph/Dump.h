@@ -5,14 +5,14 @@
 #include <ostream>
 #include <vector>
 
-#include "graph/Node.h"
+#include "graph/Graph.h"
 
 namespace lofter {
 
 // The node's statement, then one statement for each edge to a dependent.
 void DumpNode(const Node& node, std::ostream& output);
 
-// The whole graph: the given nodes in their order, then every registered barrier in name order.
-void DumpGraph(const std::vector<Node*>& nodes, std::ostream& output);
+// The given nodes in their order, then every registered barrier of the graph in name order.
+void DumpGraph(const Graph& graph, const std::vector<Node*>& nodes, std::ostream& output);
 
 }  // namespace lofter

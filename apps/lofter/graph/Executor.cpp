@@ -1,6 +1,5 @@
 #include "graph/Executor.h"
 
-#include <memory>
 #include <new>
 #include <string>
 
@@ -8,16 +7,10 @@
 
 namespace lofter {
 
-// What a worker thread is started with; the thread owns and frees it.
-struct Executor::Worker {
-    Executor* executor;
-    int index;
-};
-
 Executor::Executor(int threadCount, bool randomizePicks)
     : workAvailable("Condition variable for Executor could not be initialized"), randomize(randomizePicks) {
     int created = 0;
-    while (created < threadCount && CreateWorker(created)) {
+    while (created < threadCount && CreateWorker()) {
         ++created;
     }
     if (created < threadCount) {
@@ -33,15 +26,13 @@ Executor::~Executor() {
     JoinWorkers();
 }
 
-bool Executor::CreateWorker(int index) {
+bool Executor::CreateWorker() {
     try {
-        auto worker = std::make_unique<Worker>(Worker{this, index});
         threads.reserve(threads.size() + 1);
         pthread_t thread{};
-        if (pthread_create(&thread, nullptr, WorkerMain, worker.get()) != 0) {
+        if (pthread_create(&thread, nullptr, WorkerMain, this) != 0) {
             return false;
         }
-        static_cast<void>(worker.release());
         threads.push_back(thread);
         return true;
     } catch (const std::bad_alloc&) {
@@ -60,15 +51,19 @@ void Executor::JoinWorkers() {
     }
 }
 
+void Executor::Reserve(std::size_t nodes) {
+    GraphLock lock;
+    readyQueue.Reserve(nodes);
+}
+
 void Executor::Enqueue(Node& node) {
     GraphLock lock;
     readyQueue.Push(node);
     workAvailable.Broadcast();
 }
 
-void* Executor::WorkerMain(void* argument) {
-    const std::unique_ptr<Worker> worker(static_cast<Worker*>(argument));
-    worker->executor->Work();
+void* Executor::WorkerMain(void* executor) {
+    static_cast<Executor*>(executor)->Work();
     return nullptr;
 }
 

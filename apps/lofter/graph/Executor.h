@@ -13,6 +13,7 @@
 // queue.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include <pthread.h>
@@ -36,14 +37,15 @@ class Executor {
     Executor(const Executor&) = delete;
     Executor& operator=(const Executor&) = delete;
 
+    // Room for that many nodes that are ready at once: queueing them cannot fail from then on. Throws std::bad_alloc.
+    void Reserve(std::size_t nodes);
+
     // Adds a node that has just been put into one of the queued states.
     void Enqueue(Node& node);
 
   private:
-    struct Worker;
-
-    static void* WorkerMain(void* argument);
-    bool CreateWorker(int index);
+    static void* WorkerMain(void* executor);
+    bool CreateWorker();
     void Work();
     void JoinWorkers();
 

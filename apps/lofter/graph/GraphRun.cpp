@@ -5,7 +5,8 @@ namespace lofter {
 // One hold of the lock over all scheduling: the first pick already sees everything that is ready, so that one thread
 // means one order.
 
-void StartRun(const std::vector<Node*>& nodes, Executor& executor) {
+void StartRun(const Graph& graph, const std::vector<Node*>& nodes, Executor& executor) {
+    executor.Reserve(graph.Size());
     {
         GraphLock lock;
         for (Node* node : nodes) {
@@ -17,7 +18,8 @@ void StartRun(const std::vector<Node*>& nodes, Executor& executor) {
     }
 }
 
-void StopRun(const std::vector<Node*>& nodes, Executor& executor) {
+void StopRun(const Graph& graph, const std::vector<Node*>& nodes, Executor& executor) {
+    executor.Reserve(graph.Size());
     {
         GraphLock lock;
         for (Node* node : nodes) {

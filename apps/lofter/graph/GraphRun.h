@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "graph/Executor.h"
+#include "graph/Graph.h"
 
 namespace lofter {
 
-// Starts every node after what it depends on, and returns when all have started.
-void StartRun(const std::vector<Node*>& nodes, Executor& executor);
+// Starts every node of the sequence after what it depends on, and returns when all have started.
+void StartRun(const Graph& graph, const std::vector<Node*>& nodes, Executor& executor);
 
-// Stops every node after what depends on it, and returns when all have stopped.
-void StopRun(const std::vector<Node*>& nodes, Executor& executor);
+// Stops every node of the sequence after what depends on it, and returns when all have stopped.
+void StopRun(const Graph& graph, const std::vector<Node*>& nodes, Executor& executor);
 
 }  // namespace lofter

@@ -6,7 +6,6 @@
 
 #include "Logging.h"
 #include "graph/Executor.h"
-#include "graph/NodeStore.h"
 
 namespace lofter {
 
@@ -41,11 +40,7 @@ Node::Node(std::string nodeName, std::uint32_t nodeClass)
       scheduleClass(nodeClass),
       done("Condition variable for Node could not be initialized") {}
 
-Node::~Node() {
-    if (!dependencies.empty() || !dependents.empty()) {
-        NodeStore::LeaveStandIn(*this);
-    }
-}
+Node::~Node() = default;
 
 void Node::AddDependency(Node& other) {
     GraphLock lock;

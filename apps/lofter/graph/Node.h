@@ -15,9 +15,7 @@
 // reverse. The code says it once, for either Phase.
 //
 // All state is guarded by the graph lock, which every operation here takes for itself. Links are made while the graph
-// is built and never removed, with one exception: a node that is destroyed while linked, as a plugin is whose
-// constructor throws, leaves a stand-in of the same name in its place that counts as started. No link ever points to a
-// destroyed node.
+// is built and never removed; the graph that owns the nodes keeps all of them for as long as it lives.
 //
 // Cycles are not detected: a node on a cycle never becomes ready. Neither scheduling nor the depths recurse, so a cycle
 // waits instead of ending the process, and a chain may be as long as memory allows.
@@ -30,7 +28,6 @@
 #include <vector>
 
 #include "graph/GraphLock.h"
-#include "graph/QueueSlot.h"
 
 namespace lofter {
 
@@ -66,7 +63,7 @@ class Node {
     // Extra Graphviz attributes for the dump, with a leading blank; may be empty.
     virtual std::string DotAttributes() const = 0;
 
-    // Destroys no linked node; see above for what stays in this one's place.
+    // Destroys no linked node.
     virtual ~Node();
 
     const std::string& Name() const { return name; }
@@ -141,9 +138,6 @@ class Node {
         std::int32_t deepest;
     };
     DepthVisit depthVisit{};
-    QueueSlot queueSlot;
-
-    friend class NodeStore;
 };
 
 }  // namespace lofter

@@ -2,26 +2,27 @@
 //
 // The best node has the lowest schedule class, then the greatest depth (the longest chain of nodes that wait behind
 // it), then has waited longest. With randomization, any node that equals the best in class and depth may be taken. A
-// node is ranked when it becomes ready; nothing that ranks it changes afterwards. Adding and taking cost the logarithm
-// of the queue's length, and neither needs memory. Guarded by the graph lock.
+// node is ranked when it becomes ready; nothing that ranks it changes afterwards.
+//
+// A heap: adding and taking cost the logarithm of the queue's length, a random pick looks at every node. Where room was
+// reserved for as many nodes as there are, neither needs memory: a worker that finishes a node queues those behind it,
+// and could tell nobody if memory ran out there. Guarded by the graph lock.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <tuple>
-
-#include <ext/pb_ds/assoc_container.hpp>
-#include <ext/pb_ds/tree_policy.hpp>
+#include <vector>
 
 #include "graph/Node.h"
-#include "graph/QueueSlot.h"
 
 namespace lofter {
 
 class ReadyQueue {
   public:
-    bool Empty() const { return nodes.empty(); }
+    bool Empty() const { return heap.empty(); }
+
+    // Room for that many nodes at once. Throws std::bad_alloc.
+    void Reserve(std::size_t nodes);
 
     // The node is queued for starting or for stopping, which decides whose depth counts: that of its dependents, or
     // that of its dependencies.
@@ -32,12 +33,23 @@ class ReadyQueue {
     Node& Take(bool random);
 
   private:
-    using Rank = std::tuple<std::uint32_t, std::int64_t, std::uint64_t>;  // class, negated depth, arrival
-    using Ranking = __gnu_pbds::tree<Rank, Node*, std::less<>, __gnu_pbds::rb_tree_tag,
-                                     __gnu_pbds::tree_order_statistics_node_update, QueueSlotAllocator<char>>;
+    struct Entry {
+        std::uint32_t scheduleClass;
+        std::int32_t depth;
+        std::uint64_t arrival;
+        Node* node;
 
-    QueueSlot own;  // for the root of the tree
-    Ranking nodes;
+        bool IsAsGoodAs(const Entry& other) const {
+            return scheduleClass == other.scheduleClass && depth == other.depth;
+        }
+    };
+    using Heap = std::vector<Entry>;
+
+    static bool IsWorse(const Entry& left, const Entry& right);
+    Heap::iterator RandomBest();
+
+    Heap heap;
+    std::vector<std::uint64_t> candidates;  // of one random pick: when each of the best became ready
     std::uint64_t arrivals = 0;
 };
 

@@ -13,6 +13,7 @@
 
 #include "Logging.h"
 #include "Paths.h"
+#include "Settings.h"
 #include "hostkernel/hostkernel.h"
 #include "plugins/Exception.h"
 #include "posix/AcrossSignals.h"
@@ -113,6 +114,10 @@ void CheckStatus(const std::string& command, int status) {
 }
 
 }  // namespace
+
+CommandSettings CommandSettingsOf(const Settings& settings) {
+    return {settings.daemonWait, static_cast<std::int32_t>(settings.daemonWaitTimeout), settings.environment};
+}
 
 std::int64_t PollBudget(const CommandSettings& settings) {
     if (!settings.waitForCompletion) {

@@ -14,11 +14,16 @@
 
 namespace lofter {
 
+struct Settings;
+
 struct CommandSettings {
     bool waitForCompletion = false;
     std::int32_t waitTimeoutSeconds = 0;  // only looked at when waiting; at 0 or below the wait has no end
     char* const* environment = nullptr;   // ends in a null pointer; not owned
 };
+
+// As the command line asks for them. Time-outs are signed from here on: one given as -1 waits without end.
+CommandSettings CommandSettingsOf(const Settings& settings);
 
 // How often a running child may be found running before its time is up: 10 seconds' worth when not waiting. A budget of
 // 0 or below is never used up.

@@ -2,24 +2,16 @@
 
 #include "KernelBootLog.h"
 #include "Logging.h"
-#include "Settings.h"
 #include "krxctl/KernelProgressScreenImpl.h"
 #include "plugins/Exception.h"
 
 namespace lofter {
 
-namespace {
-
-CommandSettings CommandSettingsOfThisRun() {
-    const Settings& settings = Settings::Instance();
-    // Signed from here on: a time-out given as -1 waits without end.
-    return {settings.daemonWait, static_cast<std::int32_t>(settings.daemonWaitTimeout), settings.environment};
-}
-
-}  // namespace
-
-DaemonPlugin::DaemonPlugin(const std::string& pluginName, std::uint32_t startPriority, std::uint32_t pluginKind)
-    : Plugin(pluginName, pluginKind), priority(startPriority), commandSettings(CommandSettingsOfThisRun()) {}
+DaemonPlugin::DaemonPlugin(const std::string& pluginName, std::uint32_t startPriority, std::uint32_t pluginKind,
+                           const CommandSettings& settings, Activator& pluginActivator)
+    : Plugin(PluginDescription(pluginName), pluginActivator, pluginKind),
+      priority(startPriority),
+      commandSettings(settings) {}
 
 void DaemonPlugin::Start() {
     KrxCtl::System::KernelProgressScreenImpl progress;

@@ -1,7 +1,6 @@
 // A daemon of the host as a node of the graph: starting the node starts the daemon, stopping it stops the daemon.
 //
-// Holds the commands by which the daemon is operated and runs them through the command runner, with the wait choice,
-// the time-out and the environment that the settings record held when the plugin was made. A kind of daemon plugin
+// Holds the commands by which the daemon is operated and runs them through the command runner. A kind of daemon plugin
 // fills `operations` while it is constructed.
 #pragma once
 
@@ -23,8 +22,9 @@ enum class DaemonState : std::uint32_t {
 
 class DaemonPlugin : public Plugin {
   public:
-    // The kind is the schedule class of the node.
-    DaemonPlugin(const std::string& name, std::uint32_t priority, std::uint32_t pluginKind);
+    // The kind is the schedule class of the node. The activator outlives the plugin.
+    DaemonPlugin(const std::string& name, std::uint32_t startPriority, std::uint32_t pluginKind,
+                 const CommandSettings& settings, Activator& pluginActivator);
 
     // Activation, shown on the console's progress screen. Never throws.
     void Start() override;

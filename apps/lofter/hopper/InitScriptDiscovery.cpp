@@ -93,11 +93,28 @@ std::string ReadToTheEnd(int descriptor, const std::string& command) {
     }
 }
 
-void AddPlugin(std::vector<std::unique_ptr<Plugin>>& plugins, const std::string& name, const InitScript& script) {
+// The group is joined last: a plugin that could not be made must hold up nobody.
+Plugin& AddPlugin(const std::string& name, const InitScript& script, const DaemonSurroundings& surroundings) {
+    // A negative priority wraps around to a large one: such a script comes last.
+    const auto priority = static_cast<std::uint32_t>(script.priority);
+    auto made = std::make_unique<LegacyDaemonPlugin>(name, script.path, priority, surroundings.commandSettings,
+                                                     surroundings.activator);
+    const GraphLock lock;
+    PriorityBarrier* const barrier = surroundings.graph.GetPriorityBarrier(priority);
+    Plugin& plugin = surroundings.graph.Add(std::move(made));
     try {
-        // A negative priority wraps around to a large one: such a script comes last.
-        const auto priority = static_cast<std::uint32_t>(script.priority);
-        plugins.push_back(std::make_unique<LegacyDaemonPlugin>(name, script.path, priority));
+        barrier->AddPlugin(plugin);
+    } catch (...) {
+        plugin.MarkStarted();
+        throw;
+    }
+    return plugin;
+}
+
+void AppendPlugin(std::vector<Plugin*>& plugins, const std::string& name, const InitScript& script,
+                  const DaemonSurroundings& surroundings) {
+    try {
+        plugins.push_back(&AddPlugin(name, script, surroundings));
     } catch (const std::exception& failure) {
         Log_Level(kWarning, "Failed to create init.d daemon plugin: %s because: %s\n", name.c_str(), failure.what());
     } catch (...) {
@@ -132,20 +149,22 @@ std::vector<InitScript> ListInitScripts(const std::string& command) {
     return ReadInitScripts(output);
 }
 
-std::vector<std::unique_ptr<Plugin>> MakeDaemonPlugins(const std::vector<InitScript>& scripts, int startStopFlag) {
+std::vector<Plugin*> MakeDaemonPlugins(const std::vector<InitScript>& scripts, int startStopFlag,
+                                       const DaemonSurroundings& surroundings) {
     const std::unordered_set<std::string> startedByTheBootRun = {"tssyslogd", "hxed"};
-    std::vector<std::unique_ptr<Plugin>> plugins;
+    std::vector<Plugin*> plugins;
+    plugins.reserve(scripts.size());
     for (const InitScript& script : scripts) {
         const std::string name = std::filesystem::path(script.path).filename().string();
         if (startStopFlag != kStarting || !startedByTheBootRun.contains(name)) {
-            AddPlugin(plugins, name, script);
+            AppendPlugin(plugins, name, script, surroundings);
         }
     }
     return plugins;
 }
 
-std::vector<std::unique_ptr<Plugin>> DiscoverInitDaemons(int startStopFlag) {
-    return MakeDaemonPlugins(ListInitScripts(paths::kInitScriptLister), startStopFlag);
+std::vector<Plugin*> DiscoverInitDaemons(int startStopFlag, const DaemonSurroundings& surroundings) {
+    return MakeDaemonPlugins(ListInitScripts(paths::kInitScriptLister), startStopFlag, surroundings);
 }
 
 }  // namespace lofter

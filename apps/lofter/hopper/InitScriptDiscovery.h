@@ -6,10 +6,11 @@
 
 #include <cstdint>
 #include <istream>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "graph/Graph.h"
+#include "hopper/CommandRunner.h"
 #include "plugins/Plugin.h"
 
 namespace lofter {
@@ -27,14 +28,21 @@ std::vector<InitScript> ReadInitScripts(std::istream& output);
 // it printed counts. Throws Exception "Failed obtaining list of init.d scripts" when there is no pipe to read from.
 std::vector<InitScript> ListInitScripts(const std::string& command);
 
-// One plugin per script, linked into the graph by its priority. The flag is 0 when the daemons are to be started, 1
-// when they are to be stopped. The daemons that the boot run itself looks after are left out when starting; stopping
-// means every script, on purpose. A plugin that cannot be made is reported, and the others are made all the same. The
-// plugins live as long as the process.
-std::vector<std::unique_ptr<Plugin>> MakeDaemonPlugins(const std::vector<InitScript>& scripts, int startStopFlag);
+// What daemon plugins are made with. All of it outlives them.
+struct DaemonSurroundings {
+    Graph& graph;
+    Activator& activator;
+    CommandSettings commandSettings;
+};
+
+// One plugin per script, in the graph's group of its priority. The flag is 0 when the daemons are to be started, 1 when
+// they are to be stopped. The daemons that the boot run itself looks after are left out when starting; stopping means
+// every script, on purpose. A plugin that cannot be made is reported, and the others are made all the same.
+std::vector<Plugin*> MakeDaemonPlugins(const std::vector<InitScript>& scripts, int startStopFlag,
+                                       const DaemonSurroundings& surroundings);
 
 // The plugins of all init.d scripts of the host, in the order in which the tool lists them. Throws what ListInitScripts
 // throws.
-std::vector<std::unique_ptr<Plugin>> DiscoverInitDaemons(int startStopFlag);
+std::vector<Plugin*> DiscoverInitDaemons(int startStopFlag, const DaemonSurroundings& surroundings);
 
 }  // namespace lofter

@@ -1,5 +1,4 @@
-// The daemon plugin of one init.d script: the script is run with the argument "start" or "stop". Its node joins the
-// group of its start priority while it is constructed.
+// The daemon plugin of one init.d script: the script is run with the argument "start" or "stop".
 #pragma once
 
 #include <cstdint>
@@ -11,8 +10,8 @@ namespace lofter {
 
 class LegacyDaemonPlugin : public DaemonPlugin {
   public:
-    // Takes the graph lock.
-    LegacyDaemonPlugin(const std::string& name, const std::string& scriptPath, std::uint32_t priority);
+    LegacyDaemonPlugin(const std::string& name, const std::string& scriptPath, std::uint32_t startPriority,
+                       const CommandSettings& settings, Activator& pluginActivator);
 
     void ApplyHostProfile() override;
 };

@@ -9,19 +9,8 @@
 
 namespace lofter {
 
-DebugPlugin::DebugPlugin(const DebugEntry& entry) : Plugin(entry.name), command(entry.command) {
-    for (const std::string& barrier : entry.requiredBarriers) {
-        RequireBarrier(barrier);
-    }
-    for (const std::string& barrier : entry.providedBarriers) {
-        ProvideBarrier(barrier);
-    }
-    plugin_version.clear();
-    version = 1;
-}
-
 void DebugPlugin::StartPlugin() {
-    const int status = std::system(command.c_str());
+    const int status = std::system(Description().startCommands.front().c_str());
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         Log_Level(kInfo, "debug injection '%s' returned %#08x\n", Name().c_str(), static_cast<unsigned>(status));
     }

@@ -4,23 +4,17 @@
 // end with status 0 is logged as "debug injection '<name>' returned <wait status>\n", and that is all.
 #pragma once
 
-#include <string>
-
-#include "plugins/DebugConfiguration.h"
 #include "plugins/Plugin.h"
 
 namespace lofter {
 
 class DebugPlugin : public Plugin {
   public:
-    explicit DebugPlugin(const DebugEntry& entry);
+    using Plugin::Plugin;
 
     void StartPlugin() override;
     bool HasApplyHostProfile() const override { return false; }
     void ApplyHostProfile() override;
-
-  private:
-    std::string command;
 };
 
 }  // namespace lofter

@@ -1,40 +1,30 @@
 #include "plugins/Discovery.h"
 
 #include <algorithm>
+#include <exception>
 #include <filesystem>
 #include <iterator>
 #include <utility>
 
 #include "Logging.h"
-#include "graph/NodeStore.h"
 #include "plugins/DebugPlugin.h"
 #include "plugins/JSONPlugin.h"
 #include "plugins/NativePlugin.h"
+#include "plugins/description/JsonDescription.h"
+#include "plugins/description/NativeDescription.h"
 #include "posix/Directory.h"
 
 namespace lofter {
 
 namespace {
 
-constexpr const char* kNativeExtension = "so";
-
-using Construct = std::unique_ptr<Plugin> (*)(const std::string& name, const std::string& path);
-
-template <typename Kind>
-std::unique_ptr<Plugin> ConstructKind(const std::string& name, const std::string& path) {
-    return std::make_unique<Kind>(name, path);
-}
-
-// Plugin kinds with a file of their own, by extension; null for any other extension.
-Construct ConstructorFor(const std::string& extension) {
-    if (extension == kNativeExtension) {
-        return ConstructKind<NativePlugin>;
-    }
-    if (extension == "json") {
-        return ConstructKind<JSONPlugin>;
-    }
-    return nullptr;
-}
+// Stands for a plugin whose file could be described in part only.
+class RejectedPlugin : public Node {
+  public:
+    explicit RejectedPlugin(const std::string& pluginName) : Node(pluginName, kDefaultClass) {}
+    void Start() override {}
+    std::string DotAttributes() const override { return {}; }
+};
 
 // Each flag followed by a blank, the last one too; kept on purpose, operators match on the lines.
 std::string FlagText(const std::vector<std::string>& flags) {
@@ -52,15 +42,20 @@ bool IsKeyCharacter(char c) {
 
 }  // namespace
 
-Discovery::Discovery(DiscoveryInput discoveryInput, std::set<std::string>& runOnceKeys, PluginList& pluginList)
-    : input(std::move(discoveryInput)), runOnce(runOnceKeys), plugins(pluginList) {}
+Discovery::Discovery(DiscoveryInput discoveryInput, Graph& graphToExtend, Activator& pluginActivator,
+                     std::set<std::string>& runOnceKeys, PluginList& pluginList)
+    : input(std::move(discoveryInput)),
+      graph(graphToExtend),
+      activator(pluginActivator),
+      runOnce(runOnceKeys),
+      plugins(pluginList) {}
 
 void Discovery::DiscoverAll() {
-    const std::vector<DebugEntry> debugEntries = ReadDebugConfiguration(input.debugConfiguration);
+    const DebugConfiguration debug = ReadDebugEntries();
     for (const std::string& fileName : posix::FileNames(input.pluginDirectory)) {
         ProcessFile(fileName);
     }
-    AppendDebugPlugins(debugEntries);
+    AppendDebugPlugins(debug.entries);
 }
 
 void Discovery::DiscoverListed(const std::vector<std::string>& fileNames) {
@@ -83,44 +78,97 @@ void Discovery::ProcessFile(const std::string& fileName) {
     const std::string extension = fileName.substr(dot + 1);
 
     // Read again for every file, whatever its kind; kept on purpose, with the repeated complaints that come of it.
-    std::vector<DebugEntry> debugEntries = ReadDebugConfiguration(input.debugConfiguration);
+    DebugConfiguration debug = ReadDebugEntries();
 
     if (name.starts_with("lib")) {
         name.erase(0, 3);
     }
-    if (extension == "debug") {
-        std::erase_if(debugEntries, [&](const DebugEntry& entry) { return entry.name != name; });
-        LoadContained(fileName, [&] { AppendDebugPlugins(debugEntries); });
-        return;
-    }
-    const Construct construct = ConstructorFor(extension);
-    if (construct == nullptr) {
-        Log_Level(kWarning, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(), extension.c_str());
-        return;
-    }
     Plugin* plugin = nullptr;
-    const auto load = [&] {
-        if (extension == kNativeExtension) {
+    bool isLoaded = false;
+    if (extension == "so") {
+        isLoaded = LoadContained(fileName, [&] {
             trial.Try(path);
-        }
-        plugin = NodeStore::Keep(construct(name, path));
-    };
-    if (!LoadContained(fileName, load)) {
-        return;
+            plugin = &AddPlugin<NativePlugin>(DescribeNativePlugin(name, path));
+        });
+    } else if (extension == "json") {
+        isLoaded = LoadContained(fileName, [&] { plugin = &AddPlugin<JSONPlugin>(DescribeJsonPlugin(name, path)); });
+    } else if (extension == "debug") {
+        std::erase_if(debug.entries, [&](const PluginDescription& entry) { return entry.name != name; });
+        LoadContained(fileName, [&] { AppendDebugPlugins(debug.entries); });
+    } else {
+        Log_Level(kWarning, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(), extension.c_str());
     }
-    if (IsDisabled(*plugin) || !AdmittedByFlags(*plugin)) {
-        plugin->MarkStarted();
-        return;
-    }
-    plugins.push_back(plugin);
-    if (plugin->RunOnce()) {
-        ApplyRunOnceRule(*plugin);
+    if (isLoaded) {
+        Filter(*plugin);
     }
 }
 
-void Discovery::AppendDebugPlugins(const std::vector<DebugEntry>& entries) {
-    for (const DebugEntry& entry : entries) {
-        plugins.push_back(NodeStore::Keep(std::make_unique<DebugPlugin>(entry)));
+// Debug plugins are not filtered.
+void Discovery::AppendDebugPlugins(const std::vector<PluginDescription>& entries) {
+    for (const PluginDescription& entry : entries) {
+        plugins.push_back(&AddPlugin<DebugPlugin>(entry));
+    }
+}
+
+DebugConfiguration Discovery::ReadDebugEntries() const {
+    DebugConfiguration debug = ReadDebugConfiguration(input.debugConfiguration);
+    for (const DebugConfiguration::SkippedLine& line : debug.skipped) {
+        if (line.misuse.empty()) {
+            Log_Level(kInfo, "ignoring malformed debug entry at line %d: %s\n", line.number, line.text.c_str());
+        } else {
+            Log_Level(kWarning, "skipping debug entry at line %d: %s (%s)\n", line.number, line.text.c_str(),
+                      line.misuse.c_str());
+        }
+    }
+    if (debug.isCutShort) {
+        Log_Level(kWarning, "unable to read all debug entries\n");
+    }
+    return debug;
+}
+
+// Throws what kept the description from being complete.
+template <typename Kind>
+Plugin& Discovery::AddPlugin(PluginDescription description) {
+    if (description.failure) {
+        KeepLinksOfRejected(description);
+        std::rethrow_exception(description.failure);
+    }
+    Plugin& plugin = graph.Add(std::make_unique<Kind>(std::move(description), activator));
+    try {
+        Link(plugin, plugin.Description());
+    } catch (...) {
+        plugin.MarkStarted();  // short of memory: whoever waits for it already goes on
+        throw;
+    }
+    return plugin;
+}
+
+void Discovery::KeepLinksOfRejected(const PluginDescription& description) {
+    if (!description.links.empty()) {
+        Node& rejected = graph.Add(std::make_unique<RejectedPlugin>(description.name));
+        rejected.MarkStarted();
+        Link(rejected, description);
+    }
+}
+
+void Discovery::Link(Node& node, const PluginDescription& description) {
+    for (const BarrierLink& link : description.links) {
+        if (link.direction == BarrierLink::Direction::Requires) {
+            graph.Require(node, link.barrier);
+        } else {
+            graph.Provide(node, link.barrier);
+        }
+    }
+}
+
+void Discovery::Filter(Plugin& plugin) {
+    if (IsDisabled(plugin) || !AdmittedByFlags(plugin)) {
+        plugin.MarkStarted();
+        return;
+    }
+    plugins.push_back(&plugin);
+    if (plugin.RunOnce()) {
+        ApplyRunOnceRule(plugin);
     }
 }
 

@@ -1,10 +1,10 @@
-// Discovery turns plugin files and debug entries into the ordered list of plugins to run.
+// Discovery turns plugin files and debug entries into nodes of the graph, and into the ordered list of plugins to run.
 //
-// A file's extension decides its kind. What is constructed is then held against the disabled plugins, the boot flags
-// and the run-once record, in this order. A plugin that is rejected is marked as started and lives on: its barrier
-// edges were recorded when it was constructed, and whoever waits on its barriers goes on. Every rejection is logged
-// with its reason; nothing about one file stops the next. Shared objects are tried in another process before they are
-// loaded into this one.
+// A file's extension decides its kind. It is described, added to the graph and linked to its barriers; then it is held
+// against the disabled plugins, the boot flags and the run-once record, in this order. A plugin that is rejected stays
+// in the graph, marked as started: its links count, and whoever waits on its barriers goes on. So do those of a file
+// that could be described in part only. Every rejection is logged with its reason; nothing about one file stops the
+// next. Shared objects are tried in another process before they are loaded into this one.
 #pragma once
 
 #include <deque>
@@ -15,13 +15,14 @@
 #include <string_view>
 #include <vector>
 
-#include "plugins/DebugConfiguration.h"
+#include "graph/Graph.h"
 #include "plugins/ObjectTrial.h"
 #include "plugins/Plugin.h"
+#include "plugins/description/DebugConfiguration.h"
 
 namespace lofter {
 
-// Plugins in the order in which they were created. They live as long as the process.
+// Plugins in the order in which they were created, owned by the graph.
 using PluginList = std::deque<Plugin*>;
 
 struct DiscoveryInput {
@@ -33,8 +34,9 @@ struct DiscoveryInput {
 
 class Discovery {
   public:
-    // Extends the list and the set of run-once keys, which must outlive it.
-    Discovery(DiscoveryInput input, std::set<std::string>& runOnce, PluginList& plugins);
+    // Extends the graph, the list and the set of run-once keys. They outlive it, and the activator the plugins.
+    Discovery(DiscoveryInput discoveryInput, Graph& graphToExtend, Activator& pluginActivator,
+              std::set<std::string>& runOnceKeys, PluginList& pluginList);
 
     // Every entry of the plugin directory, in the order in which it yields them, then every debug entry. Throws
     // std::filesystem::filesystem_error when the directory cannot be read.
@@ -48,12 +50,20 @@ class Discovery {
 
   private:
     void ProcessFile(const std::string& fileName);
-    void AppendDebugPlugins(const std::vector<DebugEntry>& entries);
+    DebugConfiguration ReadDebugEntries() const;
+    void AppendDebugPlugins(const std::vector<PluginDescription>& entries);
+    void Link(Node& node, const PluginDescription& description);
+    void KeepLinksOfRejected(const PluginDescription& description);
+    template <typename Kind>
+    Plugin& AddPlugin(PluginDescription description);
+    void Filter(Plugin& plugin);
     bool IsDisabled(const Plugin& plugin) const;
     bool AdmittedByFlags(const Plugin& plugin) const;
     void ApplyRunOnceRule(Plugin& plugin);
 
     const DiscoveryInput input;
+    Graph& graph;
+    Activator& activator;
     std::set<std::string>& runOnce;
     PluginList& plugins;
     ObjectTrial trial;

@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <memory>
-#include <optional>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@
 #include "Paths.h"
 #include "krxuser/spawn.h"
 #include "plugins/Exception.h"
-#include "plugins/NativeInterface.h"
 
 namespace lofter {
 
@@ -100,32 +98,12 @@ class OperationCall {
 
 }  // namespace
 
-NativePlugin::NativePlugin(const std::string& pluginName, const std::string& objectPath)
-    : Plugin(pluginName), path(objectPath) {
-    const std::optional<NativeInterface> plugin = LoadNativeInterface(path);
-    if (!plugin) {
-        throw InvalidPluginException(path, "Unsupported API version");
-    }
-    version = plugin->version;
-    hasHostProfileOperation = plugin->hasHostProfileOperation;
-    for (const std::string& barrier : plugin->providedBarriers) {
-        ProvideBarrier(barrier);
-    }
-    for (const std::string& barrier : plugin->requiredBarriers) {
-        RequireBarrier(barrier);
-    }
-    required_flags = plugin->requiredFlags;
-    disabling_flags = plugin->disablingFlags;
-    run_once = plugin->runOnce;
-    plugin_version = plugin->release;
-}
-
 void NativePlugin::StartPlugin() {
     RunOperation("start");
 }
 
 bool NativePlugin::HasApplyHostProfile() const {
-    return version >= kHostProfileVersion && hasHostProfileOperation;
+    return GetVersion() >= kHostProfileVersion && Description().hasHostProfileOperation;
 }
 
 void NativePlugin::ApplyHostProfile() {
@@ -136,7 +114,7 @@ void NativePlugin::ApplyHostProfile() {
 }
 
 void NativePlugin::RunOperation(const std::string& method) const {
-    OperationCall(Name(), path, method).Run();
+    OperationCall(Name(), Description().path, method).Run();
 }
 
 }  // namespace lofter

@@ -25,7 +25,7 @@
 #include "Logging.h"
 #include "Paths.h"
 #include "plugins/Exception.h"
-#include "plugins/NativeInterface.h"
+#include "plugins/description/NativeDescription.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
@@ -104,11 +104,12 @@ class OpenFiles {
     std::array<File, kChannel + 1> files;
 };
 
+// A refusal of the loader's, or want of memory, is survived: the real load says so.
 void TryToLoad(const char* path) {
     try {
-        LoadNativeInterface(path);
+        DescribeNativePlugin({}, path);
     } catch (const std::exception&) {
-        // The loader's refusal, or want of memory: the real load says so.
+        // No memory for the description itself.
     }
 }
 

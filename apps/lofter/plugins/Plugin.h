@@ -1,7 +1,7 @@
 // The unit of boot work: a graph node with metadata, timings and the operations that every plugin kind implements.
 //
-// A plugin links itself to named barriers while it is constructed, before discovery decides whether to keep it. A
-// failing operation throws one of the exceptions of Exception.h; activation (Start) catches them all.
+// A plugin is made of its description. Discovery adds it to the graph and links it to its barriers before it decides
+// whether to keep it. A failing operation throws one of the exceptions of Exception.h; activation catches them all.
 #pragma once
 
 #include <cstdint>
@@ -11,14 +11,28 @@
 #include <sys/time.h>
 
 #include "graph/Node.h"
+#include "plugins/description/PluginDescription.h"
 
 namespace lofter {
 
+class Plugin;
+
+// What starting a plugin's node comes to: its operation with everything around it. Called on an executor thread, for
+// several plugins at once.
+class Activator {
+  public:
+    virtual void Activate(Plugin& plugin) = 0;
+
+  protected:
+    ~Activator() = default;
+};
+
 class Plugin : public Node {
   public:
-    explicit Plugin(std::string pluginName, std::uint32_t nodeClass = kDefaultClass);
+    // The activator outlives the plugin.
+    Plugin(PluginDescription pluginDescription, Activator& pluginActivator, std::uint32_t nodeClass = kDefaultClass);
 
-    // Activation; see Activation.h.
+    // Activation.
     void Start() override;
     std::string DotAttributes() const override { return {}; }
     ~Plugin() override;
@@ -31,16 +45,16 @@ class Plugin : public Node {
     virtual bool HasApplyHostProfile() const = 0;
     virtual void ApplyHostProfile() = 0;
 
-    // Version of the plugin's interface: -1 until the kind has set it.
-    virtual std::int32_t GetVersion() const { return version; }
+    // Version of the plugin's interface: -1 for kinds that have none.
+    virtual std::int32_t GetVersion() const { return description.version; }
 
     // Boot flags that must all be present, and flags any one of which prevents the plugin from being loaded.
-    const std::set<std::string>& RequiredFlags() const { return required_flags; }
-    const std::set<std::string>& DisablingFlags() const { return disabling_flags; }
+    const std::set<std::string>& RequiredFlags() const { return description.requiredFlags; }
+    const std::set<std::string>& DisablingFlags() const { return description.disablingFlags; }
 
     // Whether the plugin runs only once per plugin version, and that version (the plugin's own release text).
-    bool RunOnce() const { return run_once; }
-    const std::string& PluginVersion() const { return plugin_version; }
+    bool RunOnce() const { return description.runOnce; }
+    const std::string& PluginVersion() const { return description.release; }
 
     // Wall-clock times of the last run; zero before it. Activation stamps them.
     const timeval& StartTime() const { return startTime; }
@@ -49,21 +63,12 @@ class Plugin : public Node {
     void SetStartTime(const timeval& time) { startTime = time; }
     void SetEndTime(const timeval& time) { endTime = time; }
 
-  protected:
-    // Records that this plugin waits for the named barrier, or that the barrier waits for this plugin. The barrier is
-    // created on first mention.
-    void RequireBarrier(const std::string& barrier);
-    void ProvideBarrier(const std::string& barrier);
-
-    std::int32_t version = -1;
-    bool run_once = false;
-    std::string plugin_version;
-    std::set<std::string> required_flags;
-    std::set<std::string> disabling_flags;
+    // What its file, or its line of the debug configuration, says.
+    const PluginDescription& Description() const { return description; }
 
   private:
-    void Activate();
-
+    const PluginDescription description;
+    Activator& activator;
     timeval startTime{};
     timeval endTime{};
 };

@@ -1,4 +1,4 @@
-// A command line as the program gets it, and the settings record that it fills, fresh for every input.
+// A command line as the program gets it, into a settings record.
 #pragma once
 
 #include <string>
@@ -7,12 +7,6 @@
 #include "CommandLine.h"
 
 namespace lofter::fuzz {
-
-// The process has one settings record; this is it, as it was before the first input.
-inline Settings& FreshSettings() {
-    static const Settings untouched = Settings::Instance();
-    return Settings::Instance() = untouched;
-}
 
 // The words, the program's name not among them, are NUL-terminated like those that the system passes on.
 inline CommandLine Parse(std::vector<std::string> words, Settings& settings) {

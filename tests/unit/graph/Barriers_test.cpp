@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Settings.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
@@ -16,36 +15,48 @@ using test::LogCapture;
 using test::Names;
 using test::TestGraph;
 
-std::string BarrierNames() {
-    const std::vector<InitBarrier*> barriers = AllBarriers();
+std::string BarrierNames(const Graph& graph) {
+    const std::vector<InitBarrier*> barriers = graph.AllBarriers();
     return Names({barriers.begin(), barriers.end()});
 }
 
-TEST(BarrierRegistry, CreatesABarrierOnFirstMentionOnly) {
-    const TestGraph graph("");
-    EXPECT_EQ(GetBarrier("net", false), nullptr);
-    InitBarrier* net = GetBarrier("net", true);
+TEST(Graph, CreatesABarrierOnFirstMentionOnly) {
+    TestGraph empty("");
+    Graph& graph = empty.graph;
+    EXPECT_EQ(graph.GetBarrier("net", false), nullptr);
+    InitBarrier* net = graph.GetBarrier("net", true);
     ASSERT_NE(net, nullptr);
-    EXPECT_EQ(GetBarrier("net", true), net);
-    EXPECT_EQ(GetBarrier("net", false), net);
+    EXPECT_EQ(graph.GetBarrier("net", true), net);
+    EXPECT_EQ(graph.GetBarrier("net", false), net);
     EXPECT_EQ(net->ScheduleClass(), 1U);
+    EXPECT_EQ(graph.Size(), 1U);
 }
 
-TEST(BarrierRegistry, ListsBarriersInByteWiseOrderOfTheirNames) {
-    const TestGraph graph("");
+TEST(Graph, ListsBarriersInByteWiseOrderOfTheirNames) {
+    TestGraph empty("");
     for (const char* name : {"b", "a", "\xc3\xa4", "B", "a b", ""}) {
-        GetBarrier(name, true);
+        empty.graph.GetBarrier(name, true);
     }
-    EXPECT_EQ(BarrierNames(), " B a a b b \xc3\xa4");
+    EXPECT_EQ(BarrierNames(empty.graph), " B a a b b \xc3\xa4");
 }
 
-TEST(BarrierRegistry, ReplacesAnEarlierEntryOfTheSameName) {
-    const TestGraph graph("");
-    InitBarrier* first = GetBarrier("net", true);
-    InitBarrier* other = GetBarrier("other", true);
-    RegisterBarrier(other, "net");
-    EXPECT_EQ(GetBarrier("net", false), other);
+TEST(Graph, ReplacesAnEarlierEntryOfTheSameName) {
+    TestGraph empty("");
+    Graph& graph = empty.graph;
+    InitBarrier* first = graph.GetBarrier("net", true);
+    InitBarrier* other = graph.GetBarrier("other", true);
+    graph.RegisterBarrier(other, "net");
+    EXPECT_EQ(graph.GetBarrier("net", false), other);
     EXPECT_EQ(first->Name(), "net");
+}
+
+TEST(Graph, SharesNothingWithAnotherOne) {
+    TestGraph first("a: provides net priority 1");
+    TestGraph second("b: requires net\nc: priority 1");
+    EXPECT_NE(&first.Barrier("net"), &second.Barrier("net"));
+    EXPECT_EQ(Names(second.graph.GetPriorityBarrier(1)->Dependencies()), "c");
+    EXPECT_EQ(first.Starts(), "a");
+    EXPECT_EQ(second["b"].State(), NodeState::Idle);
 }
 
 TEST(InitBarrier, ThatNobodyProvidesIsReportedAndPassesAllTheSame) {
@@ -54,7 +65,7 @@ TEST(InitBarrier, ThatNobodyProvidesIsReportedAndPassesAllTheSame) {
         "b: requires network");
     LogCapture log;
     EXPECT_EQ(graph.Starts(), "a b");
-    EXPECT_EQ(GetBarrier("network", false)->State(), NodeState::Started);
+    EXPECT_EQ(graph.Barrier("network").State(), NodeState::Started);
     EXPECT_EQ(log.Lines(115), std::vector<std::string>{
                                   "Lofter dependency error: Initialization barrier \"network\" is not provided by any "
                                   "plugin but the following plugins require it: \"a\", \"b\""});
@@ -72,9 +83,8 @@ TEST(InitBarrier, RaisesTheReportAsTheHostsAlert) {
 TEST(InitBarrier, RaisesNoAlertWhenOneMethodIsInvoked) {
     TestGraph graph("a: requires network");
     LogCapture log;
-    Settings::Instance().invoke = true;
+    graph.settings.invoke = true;
     graph.Starts();
-    Settings::Instance().invoke = false;
     EXPECT_TRUE(log.Alerts().empty());
     EXPECT_EQ(log.Lines(115).size(), 1U);
 }
@@ -108,7 +118,7 @@ TEST(InitBarrier, ThatIsOnlyProvidedHasNoEffect) {
     LogCapture log;
     EXPECT_EQ(graph.Starts(), "a b");
     EXPECT_TRUE(log.Lines().empty());
-    EXPECT_EQ(GetBarrier("unused", false)->DotAttributes(), " shape=box");
+    EXPECT_EQ(graph.Barrier("unused").DotAttributes(), " shape=box");
 }
 
 TEST(InitBarrier, ThatIsOnlyProvidedStartsAfterItsProvidersWhenItIsAskedTo) {
@@ -116,7 +126,7 @@ TEST(InitBarrier, ThatIsOnlyProvidedStartsAfterItsProvidersWhenItIsAskedTo) {
         "a: provides unused\n"
         "b: provides unused");
     LogCapture log;
-    InitBarrier* unused = GetBarrier("unused", false);
+    InitBarrier* unused = &graph.Barrier("unused");
     Executor executor(0, false);
     unused->ScheduleStart(executor);
     EXPECT_EQ(graph["a"].State(), NodeState::StartQueued);
@@ -133,7 +143,7 @@ TEST(InitBarrier, WhoseComplaintFindsNoMemoryHoldsNothingUp) {
     TestGraph graph("a: requires nothing");
     LogCapture log;
     Executor executor(0, false);
-    InitBarrier* nothing = GetBarrier("nothing", false);
+    InitBarrier* nothing = &graph.Barrier("nothing");
     graph["a"].ScheduleStart(executor);
     {
         const test::FailingCall failing(test::Call::OperatorNew, 0, 1);
@@ -154,14 +164,15 @@ TEST(InitBarrier, StartsAfterAllItsProviders) {
 }
 
 TEST(PriorityBarrier, IsNamedAfterItsPriority) {
-    const TestGraph graph("");
-    PriorityBarrier* barrier = GetPriorityBarrier(20);
+    TestGraph empty("");
+    Graph& graph = empty.graph;
+    PriorityBarrier* barrier = graph.GetPriorityBarrier(20);
     EXPECT_EQ(barrier->Name(), "_<->_priority_<->_20");
     EXPECT_EQ(barrier->Priority(), 20U);
     EXPECT_EQ(barrier->DotAttributes(), " shape=trapezium");
-    EXPECT_EQ(GetPriorityBarrier(20), barrier);
-    EXPECT_EQ(GetBarrier("_<->_priority_<->_20", false), barrier);
-    EXPECT_EQ(GetPriorityBarrier(4294967295U)->Name(), "_<->_priority_<->_4294967295");
+    EXPECT_EQ(graph.GetPriorityBarrier(20), barrier);
+    EXPECT_EQ(graph.GetBarrier("_<->_priority_<->_20", false), barrier);
+    EXPECT_EQ(graph.GetPriorityBarrier(4294967295U)->Name(), "_<->_priority_<->_4294967295");
 }
 
 TEST(PriorityBarrier, CreatedOutOfOrderStillFormsAnAscendingChain) {
@@ -170,10 +181,10 @@ TEST(PriorityBarrier, CreatedOutOfOrderStillFormsAnAscendingChain) {
         "a: priority 10\n"
         "b: priority 20");
     EXPECT_EQ(graph.Starts(), "a b c");
-    EXPECT_EQ(Names(GetPriorityBarrier(20)->Dependencies()), "_<->_priority_<->_10 b");
+    EXPECT_EQ(Names(graph.Priority(20).Dependencies()), "_<->_priority_<->_10 b");
     // The plugin of group 30 waits for barrier 20, and keeps the link to barrier 10 that it had before.
     EXPECT_EQ(Names(graph["c"].Dependencies()), "_<->_priority_<->_10 _<->_priority_<->_20");
-    EXPECT_EQ(Names(GetPriorityBarrier(30)->Dependencies()), "c _<->_priority_<->_10 _<->_priority_<->_20");
+    EXPECT_EQ(Names(graph.Priority(30).Dependencies()), "c _<->_priority_<->_10 _<->_priority_<->_20");
 }
 
 TEST(PriorityBarrier, LetsTheLowestGroupWaitForNothing) {
@@ -185,9 +196,9 @@ TEST(PriorityBarrier, LetsTheLowestGroupWaitForNothing) {
 }
 
 TEST(PriorityBarrier, ReportsNoMissingProviders) {
-    const TestGraph graph("");
+    TestGraph graph("");
     LogCapture log;
-    GetPriorityBarrier(7)->Start();
+    graph.Priority(7).Start();
     EXPECT_TRUE(log.Lines().empty());
 }
 
@@ -222,10 +233,10 @@ TEST(PriorityBarrier, StopsGroupsInDescendingOrder) {
 
 TEST(PriorityBarrier, TakesTheNameFromABarrierThatAPluginMentionedBefore) {
     TestGraph graph("a: requires _<->_priority_<->_9");
-    InitBarrier* mentioned = GetBarrier("_<->_priority_<->_9", false);
-    PriorityBarrier* barrier = GetPriorityBarrier(9);
+    InitBarrier* mentioned = &graph.Barrier("_<->_priority_<->_9");
+    PriorityBarrier* barrier = graph.graph.GetPriorityBarrier(9);
     EXPECT_NE(static_cast<InitBarrier*>(barrier), mentioned);
-    EXPECT_EQ(GetBarrier("_<->_priority_<->_9", false), barrier);
+    EXPECT_EQ(&graph.Barrier("_<->_priority_<->_9"), barrier);
     EXPECT_EQ(Names(graph["a"].Dependencies()), "_<->_priority_<->_9");
 }
 

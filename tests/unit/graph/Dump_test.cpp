@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/Barriers.h"
 #include "support/TestGraph.h"
 
 namespace lofter {
@@ -14,7 +13,7 @@ using test::TestGraph;
 
 std::string Dump(const TestGraph& graph) {
     std::ostringstream output;
-    DumpGraph(graph.Nodes(), output);
+    DumpGraph(graph.graph, graph.Nodes(), output);
     return output.str();
 }
 
@@ -22,8 +21,8 @@ std::string Id(const Node& node) {
     return std::to_string(reinterpret_cast<std::uintptr_t>(&node));
 }
 
-std::string Id(const std::string& barrier) {
-    return Id(*GetBarrier(barrier, false));
+std::string Id(TestGraph& graph, const std::string& barrier) {
+    return Id(graph.Barrier(barrier));
 }
 
 TEST(Dump, OfNothingIsAnEmptyDigraph) {
@@ -35,18 +34,18 @@ TEST(Dump, DrawsEdgesInTheDirectionOfExecution) {
     TestGraph graph(
         "b: requires x\n"
         "a: provides x");
-    EXPECT_EQ(Dump(graph), "digraph g {\n" +                                //
-                               Id(graph["b"]) + " [label=\"b\"];\n" +       //
-                               Id(graph["a"]) + " [label=\"a\"];\n" +       //
-                               Id(graph["a"]) + " -> " + Id("x") + ";\n" +  //
-                               Id("x") + " [label=\"x\" shape=box];\n" +    //
-                               Id("x") + " -> " + Id(graph["b"]) + ";\n}\n");
+    EXPECT_EQ(Dump(graph), "digraph g {\n" +                                       //
+                               Id(graph["b"]) + " [label=\"b\"];\n" +              //
+                               Id(graph["a"]) + " [label=\"a\"];\n" +              //
+                               Id(graph["a"]) + " -> " + Id(graph, "x") + ";\n" +  //
+                               Id(graph, "x") + " [label=\"x\" shape=box];\n" +    //
+                               Id(graph, "x") + " -> " + Id(graph["b"]) + ";\n}\n");
 }
 
 TEST(Dump, HasABarrierThatNobodyProvides) {
     TestGraph graph("a: requires missing");
-    EXPECT_NE(Dump(graph).find(Id("missing") + " [label=\"missing\" shape=box];\n" + Id("missing") + " -> " +
-                               Id(graph["a"]) + ";\n"),
+    EXPECT_NE(Dump(graph).find(Id(graph, "missing") + " [label=\"missing\" shape=box];\n" + Id(graph, "missing") +
+                               " -> " + Id(graph["a"]) + ";\n"),
               std::string::npos);
 }
 
@@ -81,8 +80,9 @@ TEST(Dump, FlushesEveryLineAndTakesTheLockForTheEdgesOnly) {
     std::ostream output(&recorder);
     DumpNode(graph["a"], output);
     const std::string a = Id(graph["a"]);
-    EXPECT_EQ(recorder.flushed, (std::vector<std::string>{a + " [label=\"a\"];\n", "*" + a + " -> " + Id("x") + ";\n",
-                                                          "*" + a + " -> " + Id("y") + ";\n"}));
+    EXPECT_EQ(recorder.flushed,
+              (std::vector<std::string>{a + " [label=\"a\"];\n", "*" + a + " -> " + Id(graph, "x") + ";\n",
+                                        "*" + a + " -> " + Id(graph, "y") + ";\n"}));
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/Barriers.h"
 #include "graph/GraphRun.h"
 #include "plugins/Exception.h"
 #include "support/Faults.h"
@@ -196,21 +195,20 @@ TEST(Executor, RunsAChainLongerThanAnyStack) {
         void Start() override {}
         std::string DotAttributes() const override { return {}; }
     };
-    std::vector<std::unique_ptr<Link>> chain;
+    const Settings settings;
+    Graph graph(settings);
     std::vector<Node*> backwards;
     for (int i = 0; i < kLength; ++i) {
-        chain.push_back(std::make_unique<Link>());
+        Link& link = graph.Add(std::make_unique<Link>());
         if (i > 0) {
-            chain.back()->AddDependency(*backwards.back());
+            link.AddDependency(*backwards.back());
         }
-        backwards.push_back(chain.back().get());
+        backwards.push_back(&link);
     }
     std::reverse(backwards.begin(), backwards.end());
     Executor executor(2, false);
-    StartRun(backwards, executor);
-    EXPECT_EQ(chain.back()->State(), NodeState::Started);
-    chain.clear();
-    ForgetGraph();
+    StartRun(graph, backwards, executor);
+    EXPECT_EQ(backwards.front()->State(), NodeState::Started);
 }
 
 TEST(Executor, LetsAWorkerFinishItsNodeWhenItIsDestroyed) {
@@ -257,13 +255,13 @@ TEST(Executor, SaysHowManyThreadsItCouldCreate) {
 }
 
 TEST(Executor, SaysHowManyThreadsItHadMemoryFor) {
-    for (const int allocations : {0, 1, 2, 3}) {
-        const test::FailingCall failing(test::Call::OperatorNew, 1 + allocations, 1);  // the first is for the queue
+    for (const int allocations : {0, 1}) {
+        const test::FailingCall failing(test::Call::OperatorNew, allocations, 1);
         try {
             Executor executor(2, false);
             FAIL() << "no exception";
         } catch (const Exception& e) {
-            const std::string created = std::to_string(allocations / 2);  // two for each thread
+            const std::string created = std::to_string(allocations);  // one for each thread
             EXPECT_EQ(e.what(), "Could not create enough execution threads. (" + created + " created, 2requested)");
         }
     }

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/Barriers.h"
 #include "graph/Executor.h"
 
 namespace lofter {
@@ -102,7 +101,6 @@ TEST_P(ReadyQueueAgainstTheWalk, TakesExactlyTheSameNodes) {
         EXPECT_TRUE(queue.Empty());
         ASSERT_EQ(fromQueue, fromWalk) << "seed " << seed;
     }
-    ForgetGraph();
 }
 
 INSTANTIATE_TEST_SUITE_P(InOrderAndAtRandom, ReadyQueueAgainstTheWalk, testing::Bool());

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Activation.h"
 #include "Settings.h"
 #include "plugins/Exception.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
+#include "support/WillingOperator.h"
 
 namespace lofter {
 namespace {
@@ -17,7 +19,8 @@ using Lines = std::vector<std::string>;
 
 class TestDaemon : public DaemonPlugin {
   public:
-    TestDaemon() : DaemonPlugin("crond", 20, kInitScriptClass) {}
+    explicit TestDaemon(Activator& pluginActivator)
+        : DaemonPlugin("crond", 20, kInitScriptClass, {true, 40, environ}, pluginActivator) {}
 
     void StartsWith(const std::string& command) { operations[2] = command; }
     void StopsWith(const std::string& command) { operations[4] = command; }
@@ -25,11 +28,6 @@ class TestDaemon : public DaemonPlugin {
 
 class DaemonPluginTest : public testing::Test {
   protected:
-    DaemonPluginTest() {
-        Settings::Instance().daemonWait = true;
-        Settings::Instance().environment = environ;
-    }
-
     // The text of what the operation throws, which has to be of exactly this type.
     template <typename Type>
     std::string Thrown(void (DaemonPlugin::*operation)()) {
@@ -45,7 +43,10 @@ class DaemonPluginTest : public testing::Test {
     const test::TemporaryDirectory folder;
     const std::string succeeds = folder.WriteScript("succeeds", "exit 0");
     const std::string fails = folder.WriteScript("fails", "exit 1");
-    TestDaemon daemon;
+    const Settings settings;
+    test::WillingOperator willing;
+    Activation activation{settings, willing};
+    TestDaemon daemon{activation};
     test::LogCapture log;
 };
 

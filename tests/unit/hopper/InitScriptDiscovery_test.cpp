@@ -13,14 +13,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "graph/Barriers.h"
-#include "graph/NodeStore.h"
+#include "Settings.h"
+#include "graph/Graph.h"
 #include "hopper/LegacyDaemonPlugin.h"
 #include "plugins/Exception.h"
 #include "support/BreakingStream.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
+#include "support/Plugins.h"
+#include "support/TestGraph.h"
 
 namespace lofter {
 namespace {
@@ -182,17 +184,18 @@ TEST(InitScriptListDeathTest, CannotBeReadFromStandardInput) {
 
 class DaemonPluginsTest : public testing::Test {
   protected:
-    DaemonPluginsTest() { ForgetGraph(); }
-    ~DaemonPluginsTest() override { ForgetGraph(); }
+    std::vector<Plugin*> Make(const std::vector<InitScript>& scripts, int startStopFlag = 0) {
+        return MakeDaemonPlugins(scripts, startStopFlag, {graph, test::NoActivator::Instance(), {}});
+    }
 
     // The names of the plugins made.
-    static std::string Made(const std::vector<InitScript>& scripts, int startStopFlag = 0) {
-        std::string names;
-        for (const std::unique_ptr<Plugin>& plugin : MakeDaemonPlugins(scripts, startStopFlag)) {
-            names += (names.empty() ? "" : " ") + plugin->Name();
-        }
-        return names;
+    std::string Made(const std::vector<InitScript>& scripts, int startStopFlag = 0) {
+        const std::vector<Plugin*> plugins = Make(scripts, startStopFlag);
+        return test::Names({plugins.begin(), plugins.end()});
     }
+
+    const Settings settings;
+    Graph graph{settings};
 };
 
 TEST_F(DaemonPluginsTest, AreNamedAfterTheFileOfTheScriptInTheOrderOfTheList) {
@@ -203,7 +206,7 @@ TEST_F(DaemonPluginsTest, LeaveOutWhatTheBootRunStartsWhereverItIs) {
     EXPECT_EQ(
         Made({{"/etc/init.d/tssyslogd", 1}, {"/opt/hxed", 90}, {"/etc/init.d/hxed", 5}, {"/etc/init.d/hxed2", 7}}),
         "hxed2");
-    EXPECT_EQ(AllBarriers().size(), 1U);
+    EXPECT_EQ(graph.AllBarriers().size(), 1U);
 }
 
 TEST_F(DaemonPluginsTest, IncludeEveryScriptWhenStopping) {
@@ -213,47 +216,49 @@ TEST_F(DaemonPluginsTest, IncludeEveryScriptWhenStopping) {
 
 TEST_F(DaemonPluginsTest, ShareTheBarrierOfAnEqualPriority) {
     EXPECT_EQ(Made({{"/etc/init.d/sshd", 10}, {"/etc/init.d/crond", 10}}), "sshd crond");
-    EXPECT_EQ(AllBarriers().size(), 1U);
-    EXPECT_EQ(GetPriorityBarrier(10)->Dependencies().size(), 2U);
+    EXPECT_EQ(graph.AllBarriers().size(), 1U);
+    EXPECT_EQ(graph.GetPriorityBarrier(10)->Dependencies().size(), 2U);
 }
 
 // The first script's plugin cannot be made: once for its own sake, once for the sake of its group's barrier.
 TEST_F(DaemonPluginsTest, AreMadeBesideOneThatCannotBe) {
     for (const int made : {0, 1}) {
-        ForgetGraph();
+        Graph ownGraph(settings);
         const test::LogCapture log;
         const test::FailingCall noCondition(test::Call::PthreadCondInit, made, 1);
-        EXPECT_EQ(Made({{"/etc/init.d/sshd", 10}, {"/etc/init.d/crond", 20}}), "crond") << made;
+        const std::vector<Plugin*> plugins = MakeDaemonPlugins({{"/etc/init.d/sshd", 10}, {"/etc/init.d/crond", 20}}, 0,
+                                                               {ownGraph, test::NoActivator::Instance(), {}});
+        EXPECT_EQ(test::Names({plugins.begin(), plugins.end()}), "crond") << made;
         EXPECT_EQ(log.Entries(),
                   (std::vector<test::LogCapture::Entry>{{115,
                                                          "Failed to create init.d daemon plugin: sshd because: "
                                                          "Condition variable for Node could not be initialized"}}))
             << made;
-        EXPECT_EQ(AllBarriers().size(), 1U) << made;
+        EXPECT_EQ(ownGraph.AllBarriers().size(), 1U) << made;
     }
+}
+
+TEST_F(DaemonPluginsTest, WaitForTheGroupBeforeTheirOwn) {
+    const std::vector<Plugin*> plugins =
+        Make({{"/etc/init.d/late", 30}, {"/etc/init.d/early", 10}, {"/etc/init.d/between", 20}});
+    EXPECT_EQ(test::Names(plugins[1]->Dependencies()), "");
+    EXPECT_EQ(test::Names(plugins[1]->Dependents()), "_<->_priority_<->_10");
+    EXPECT_EQ(test::Names(plugins[2]->Dependencies()), "_<->_priority_<->_10");
+    // The link from before the group between was made stays.
+    EXPECT_EQ(test::Names(plugins[0]->Dependencies()), "_<->_priority_<->_10 _<->_priority_<->_20");
 }
 
 TEST_F(DaemonPluginsTest, PutANegativePriorityBehindEveryOther) {
-    const auto plugins = MakeDaemonPlugins({{"/etc/init.d/odd", -1}, {"/etc/init.d/last", 2147483647}}, 0);
+    const std::vector<Plugin*> plugins = Make({{"/etc/init.d/odd", -1}, {"/etc/init.d/last", 2147483647}});
     EXPECT_EQ(static_cast<DaemonPlugin&>(*plugins[0]).Priority(), 4294967295U);
-    EXPECT_EQ(plugins[0]->Dependencies(), std::vector<Node*>{GetPriorityBarrier(2147483647)});
-    EXPECT_NE(GetBarrier("_<->_priority_<->_4294967295", false), nullptr);
-}
-
-// Keeps the plugins as a run does; they go with the graph.
-std::size_t MakeAndKeep(const std::vector<InitScript>& scripts) {
-    std::size_t made = 0;
-    for (std::unique_ptr<Plugin>& plugin : MakeDaemonPlugins(scripts, 0)) {
-        NodeStore::Keep(std::move(plugin));
-        ++made;
-    }
-    return made;
+    EXPECT_EQ(plugins[0]->Dependencies(), std::vector<Node*>{graph.GetPriorityBarrier(2147483647)});
+    EXPECT_NE(graph.GetBarrier("_<->_priority_<->_4294967295", false), nullptr);
 }
 
 TEST_F(DaemonPluginsTest, MayBeThousandsInOneGroup) {
     const std::vector<InitScript> scripts(20'000, {"/etc/init.d/many", 10});
-    EXPECT_EQ(MakeAndKeep(scripts), 20'000U);
-    EXPECT_EQ(GetPriorityBarrier(10)->Dependencies().size(), 20'000U);
+    EXPECT_EQ(Make(scripts).size(), 20'000U);
+    EXPECT_EQ(graph.GetPriorityBarrier(10)->Dependencies().size(), 20'000U);
 }
 
 TEST_F(DaemonPluginsTest, MayBeThousandsOfGroups) {
@@ -261,8 +266,8 @@ TEST_F(DaemonPluginsTest, MayBeThousandsOfGroups) {
     for (int priority = 2000; priority > 0; --priority) {
         scripts.push_back({"/etc/init.d/many", priority});
     }
-    EXPECT_EQ(MakeAndKeep(scripts), 2000U);
-    EXPECT_EQ(AllBarriers().size(), 2000U);
+    EXPECT_EQ(Make(scripts).size(), 2000U);
+    EXPECT_EQ(graph.AllBarriers().size(), 2000U);
 }
 
 }  // namespace

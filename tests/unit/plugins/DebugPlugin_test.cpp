@@ -1,15 +1,15 @@
 #include "plugins/DebugPlugin.h"
 
 #include <filesystem>
+#include <memory>
 
 #include <gtest/gtest.h>
 
-#include "graph/Barriers.h"
 #include "plugins/Exception.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
+#include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
-#include "support/TestGraph.h"
 
 namespace lofter {
 namespace {
@@ -18,30 +18,27 @@ using Entries = std::vector<test::LogCapture::Entry>;
 
 class DebugPluginTest : public testing::Test {
   protected:
-    ~DebugPluginTest() override { ForgetGraph(); }
-
-    static void Run(const std::string& command) { DebugPlugin({"step", {}, {}, command}).StartPlugin(); }
+    static std::unique_ptr<DebugPlugin> Step(const std::string& command) {
+        PluginDescription description("step");
+        description.version = 1;
+        description.startCommands = {command};
+        return test::MakePlugin<DebugPlugin>(description);
+    }
+    static void Run(const std::string& command) { Step(command)->StartPlugin(); }
 
     test::LogCapture log;
     test::TemporaryDirectory folder;
 };
 
-TEST_F(DebugPluginTest, LinksToTheBarriersOfItsEntryInTheirOrder) {
-    const DebugPlugin plugin({"step", {"b", "a"}, {"d", "c"}, "true"});
-    EXPECT_EQ(plugin.Name(), "step");
-    EXPECT_EQ(test::Names(plugin.Dependencies()), "b a");
-    EXPECT_EQ(test::Names(plugin.Dependents()), "d c");
-}
-
 TEST_F(DebugPluginTest, IsOfVersionOneAndNeedsNoFlags) {
-    const DebugPlugin plugin({"step", {}, {}, "true"});
-    EXPECT_EQ(plugin.GetVersion(), 1);
-    EXPECT_EQ(plugin.PluginVersion(), "");
-    EXPECT_FALSE(plugin.RunOnce());
-    EXPECT_TRUE(plugin.RequiredFlags().empty());
-    EXPECT_TRUE(plugin.DisablingFlags().empty());
-    EXPECT_EQ(plugin.ScheduleClass(), 1U);
-    EXPECT_EQ(plugin.DotAttributes(), "");
+    const auto plugin = Step("true");
+    EXPECT_EQ(plugin->GetVersion(), 1);
+    EXPECT_EQ(plugin->PluginVersion(), "");
+    EXPECT_FALSE(plugin->RunOnce());
+    EXPECT_TRUE(plugin->RequiredFlags().empty());
+    EXPECT_TRUE(plugin->DisablingFlags().empty());
+    EXPECT_EQ(plugin->ScheduleClass(), 1U);
+    EXPECT_EQ(plugin->DotAttributes(), "");
 }
 
 TEST_F(DebugPluginTest, RunsItsCommandThroughTheShell) {
@@ -51,7 +48,7 @@ TEST_F(DebugPluginTest, RunsItsCommandThroughTheShell) {
 }
 
 TEST_F(DebugPluginTest, DoesNotRunItsCommandBeforeItIsStarted) {
-    const DebugPlugin plugin({"step", {}, {}, "echo > '" + (folder / "out") + "'"});
+    const auto plugin = Step("echo > '" + (folder / "out") + "'");
     EXPECT_EQ(folder.Read("out"), "");
     EXPECT_FALSE(std::filesystem::exists(folder / "out"));
 }
@@ -74,10 +71,10 @@ TEST_F(DebugPluginTest, LogsAShellThatCouldNotBeRun) {
 }
 
 TEST_F(DebugPluginTest, TakesNoPartInHostProfiles) {
-    DebugPlugin plugin({"step", {}, {}, "true"});
-    EXPECT_FALSE(plugin.HasApplyHostProfile());
+    const auto plugin = Step("true");
+    EXPECT_FALSE(plugin->HasApplyHostProfile());
     try {
-        plugin.ApplyHostProfile();
+        plugin->ApplyHostProfile();
         FAIL() << "was applied";
     } catch (const NotImplementedException& failure) {
         EXPECT_STREQ(failure.what(), "method `DebugPlugin::ApplyHostProfile' is not implemented");

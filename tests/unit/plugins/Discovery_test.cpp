@@ -6,12 +6,13 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/Barriers.h"
+#include "Settings.h"
 #include "graph/Executor.h"
 #include "graph/GraphRun.h"
 #include "plugins/DebugPlugin.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
+#include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestGraph.h"
 
@@ -33,14 +34,15 @@ class DiscoveryTest : public testing::Test {
         input.pluginDirectory = plugins;
         input.debugConfiguration = configuration;
     }
-    ~DiscoveryTest() override { ForgetGraph(); }
 
     void Install(const std::string& fixture, const std::string& fileName) const {
         fs::copy_file(std::string(NATIVE_FIXTURES) + "/" + fixture + ".so", plugins + "/" + fileName);
     }
 
-    void DiscoverAll() { Discovery(input, runOnce, list).DiscoverAll(); }
-    void DiscoverListed(const Names& fileNames) { Discovery(input, runOnce, list).DiscoverListed(fileNames); }
+    void DiscoverAll() { Discovery(input, graph, test::NoActivator::Instance(), runOnce, list).DiscoverAll(); }
+    void DiscoverListed(const Names& fileNames) {
+        Discovery(input, graph, test::NoActivator::Instance(), runOnce, list).DiscoverListed(fileNames);
+    }
 
     std::string Found() const { return test::Names({list.begin(), list.end()}); }
 
@@ -58,6 +60,8 @@ class DiscoveryTest : public testing::Test {
     const std::string configuration = folder / "debug.conf";
     test::LogCapture log;
     DiscoveryInput input;
+    Settings settings;
+    Graph graph{settings};
     std::set<std::string> runOnce;
     PluginList list;
 };
@@ -295,14 +299,47 @@ TEST_F(DiscoveryTest, LetsARejectedPluginBlockNobodyWhoWaitsForItsBarriers) {
     input.disabledPlugins = {"disabled"};
     DiscoverAll();
     EXPECT_EQ(Found(), "waiter");
-    const Node::Links providers = GetBarrier("clock", false)->Dependencies();
+    const Node::Links providers = graph.GetBarrier("clock", false)->Dependencies();
     ASSERT_EQ(providers.size(), 2U);
     for (const Node* provider : providers) {
         EXPECT_EQ(provider->State(), NodeState::Started);
     }
     Executor executor(1, false);
-    StartRun({list.begin(), list.end()}, executor);
+    StartRun(graph, {list.begin(), list.end()}, executor);
     EXPECT_EQ(list[0]->State(), NodeState::Started);
+}
+
+TEST_F(DiscoveryTest, KeepsTheLinksOfAFileThatIsRejectedHalfWayAsThoseOfAStartedNode) {
+    folder.Write("debug.conf", "before::in:true\nafter:out::true\n");
+    folder.Write("plugins/broken.json",
+                 R"({"metadata": {"version": 1, "requires": ["in"], "provides": ["out"]}, "operations": {}})");
+    DiscoverAll();
+    EXPECT_EQ(Found(), "before after");
+    const Node::Links providers = graph.GetBarrier("out", false)->Dependencies();
+    EXPECT_EQ(test::Names(providers), "broken");
+    EXPECT_EQ(providers.at(0)->State(), NodeState::Started);
+    EXPECT_EQ(test::Names(providers.at(0)->Dependencies()), "in");
+    Executor executor(1, false);
+    StartRun(graph, {list.begin(), list.end()}, executor);
+    EXPECT_EQ(list[1]->State(), NodeState::Started);
+    EXPECT_EQ(log.Lines(115).size(), 1U);  // no complaint about a barrier that nobody provides
+}
+
+TEST_F(DiscoveryTest, LinksAPluginInTheOrderOfItsDescription) {
+    folder.Write("debug.conf", "step:b,a:d,c:true\n");
+    DiscoverAll();
+    EXPECT_EQ(test::Names(list.at(0)->Dependencies()), "b a");
+    EXPECT_EQ(test::Names(list.at(0)->Dependents()), "d c");
+    EXPECT_EQ(test::Names(graph.GetBarrier("b", false)->Dependents()), "step");
+}
+
+TEST_F(DiscoveryTest, LogsTheLinesOfTheDebugConfigurationThatItSkips) {
+    folder.Write("debug.conf", "a:b:c\nb:::echo \\x\n%n\n");
+    DiscoverAll();
+    EXPECT_EQ(log.Entries(),
+              (Entries{{125, "ignoring malformed debug entry at line 1: a:b:c"},
+                       {115, "skipping debug entry at line 2: b:::echo \\x (unknown escape sequence)"},
+                       {125, "ignoring malformed debug entry at line 3: %n"}}));
 }
 
 // ---- Boot flags
@@ -346,7 +383,7 @@ TEST_F(BootFlags, RejectAPluginForBothReasonsWithBothLines) {
               (Entries{{115, "ignoring plugin 'p', disabled due to boot flags: y ."},
                        {115, "ignoring plugin 'p', disabled due to missing required boot flags: a ."}}));
     EXPECT_EQ(Found(), "");
-    EXPECT_EQ(GetBarrier("clock", false)->Dependencies().at(0)->State(), NodeState::Started);
+    EXPECT_EQ(graph.GetBarrier("clock", false)->Dependencies().at(0)->State(), NodeState::Started);
 }
 
 TEST_F(BootFlags, AdmitAPluginThatKnowsNone) {

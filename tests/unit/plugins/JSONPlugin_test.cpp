@@ -11,9 +11,10 @@
 #include <sys/stat.h>
 
 #include "Logging.h"
-#include "graph/Barriers.h"
 #include "plugins/Exception.h"
+#include "plugins/description/JsonDescription.h"
 #include "support/LogCapture.h"
+#include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
 
 namespace lofter {
@@ -22,14 +23,6 @@ namespace {
 using Words = std::vector<std::string>;
 using Flags = std::set<std::string>;
 using test::LogCapture;
-
-Words NamesOf(const std::vector<Node*>& nodes) {
-    Words names;
-    for (const Node* node : nodes) {
-        names.push_back(node->Name());
-    }
-    return names;
-}
 
 // The document with these members, without the outer braces of either part.
 std::string Document(const std::string& metadata, const std::string& operations = R"("start": [])") {
@@ -44,7 +37,10 @@ std::string WithVersion(const std::string& version, const std::string& more = ""
 class JsonPlugin : public testing::Test {
   protected:
     std::unique_ptr<JSONPlugin> Load(const std::string& text) {
-        return std::make_unique<JSONPlugin>("net", directory.Write("net.json", text));
+        return test::MakePlugin<JSONPlugin>(DescribeJsonPlugin("net", directory.Write("net.json", text)));
+    }
+    PluginDescription Describe(const std::string& text) {
+        return DescribeJsonPlugin("net", directory.Write("net.json", text));
     }
     // Why the file is not a plugin.
     std::string ReasonOf(const std::string& text) {
@@ -55,7 +51,7 @@ class JsonPlugin : public testing::Test {
         const std::string path = directory / name;
         const std::string head = "plugin `" + path + "' is invalid: ";
         try {
-            const JSONPlugin plugin("net", path);
+            test::MakePlugin<JSONPlugin>(DescribeJsonPlugin("net", path));
         } catch (const InvalidPluginException& e) {
             const std::string message = e.what();
             EXPECT_EQ(message.substr(0, head.size()), head);
@@ -69,18 +65,18 @@ class JsonPlugin : public testing::Test {
 
 TEST_F(JsonPlugin, HoldsTheCommandsOfItsFileInOrder) {
     const auto plugin = Load(WithVersion("2", "", R"("start": ["c", "a", "a"], "apply_host_profile": ["z", "y"])"));
-    EXPECT_EQ(plugin->StartCommands(), Words({"c", "a", "a"}));
-    EXPECT_EQ(plugin->HostProfileCommands(), Words({"z", "y"}));
+    EXPECT_EQ(plugin->Description().startCommands, Words({"c", "a", "a"}));
+    EXPECT_EQ(plugin->Description().hostProfileCommands, Words({"z", "y"}));
     EXPECT_EQ(plugin->GetVersion(), 2);
     EXPECT_EQ(plugin->Name(), "net");
 }
 
-TEST_F(JsonPlugin, IsLinkedToItsBarriersInArrayOrder) {
-    const auto plugin = Load(Document(R"("version": 1, "requires": ["r2", "r1"], "provides": ["p2", "p1"])"));
-    EXPECT_EQ(NamesOf(plugin->Dependencies()), Words({"r2", "r1"}));
-    EXPECT_EQ(NamesOf(plugin->Dependents()), Words({"p2", "p1"}));
-    EXPECT_EQ(NamesOf(GetBarrier("r1", false)->Dependents()), Words({"net"}));
-    EXPECT_EQ(NamesOf(GetBarrier("p1", false)->Dependencies()), Words({"net"}));
+TEST_F(JsonPlugin, NamesItsBarriersInArrayOrderTheRequiredOnesFirst) {
+    const PluginDescription plugin =
+        Describe(Document(R"("provides": ["p2", "p1"], "requires": ["r2", "r1"], "version": 1)"));
+    using enum BarrierLink::Direction;
+    EXPECT_EQ(plugin.links,
+              (std::vector<BarrierLink>{{Requires, "r2"}, {Requires, "r1"}, {Provides, "p2"}, {Provides, "p1"}}));
 }
 
 TEST_F(JsonPlugin, KeepsTheDefaultsForWhatItsFileOmits) {
@@ -90,7 +86,7 @@ TEST_F(JsonPlugin, KeepsTheDefaultsForWhatItsFileOmits) {
     EXPECT_EQ(plugin->RequiredFlags(), Flags());
     EXPECT_EQ(plugin->DisablingFlags(), Flags());
     EXPECT_FALSE(plugin->HasApplyHostProfile());
-    EXPECT_EQ(plugin->StartCommands(), Words());
+    EXPECT_EQ(plugin->Description().startCommands, Words());
 }
 
 TEST_F(JsonPlugin, OfVersion3ReadsFlagsAndRunOnceData) {
@@ -126,7 +122,7 @@ TEST_F(JsonPlugin, OfVersion3WithoutRunOnceIsRejected) {
 TEST_F(JsonPlugin, OfVersion1IgnoresItsHostProfileCommands) {
     const auto plugin = Load(WithVersion("1", "", R"("start": [], "apply_host_profile": ["a"])"));
     EXPECT_FALSE(plugin->HasApplyHostProfile());
-    EXPECT_EQ(plugin->HostProfileCommands(), Words());
+    EXPECT_EQ(plugin->Description().hostProfileCommands, Words());
     try {
         plugin->ApplyHostProfile();
         FAIL();
@@ -208,7 +204,7 @@ TEST_F(JsonPlugin, RejectsObjectsThatHaveTheSameKeyTwice) {
 
 TEST_F(JsonPlugin, AllowsCommentsOfBothForms) {
     EXPECT_NO_THROW(Load("// first\n/* of\n two */" + WithVersion("1 /* one */") + "// last"));
-    EXPECT_EQ(Load(WithVersion("1", "", R"("start": ["a // b", "/* c */"])"))->StartCommands(),
+    EXPECT_EQ(Load(WithVersion("1", "", R"("start": ["a // b", "/* c */"])"))->Description().startCommands,
               Words({"a // b", "/* c */"}));
 }
 
@@ -305,16 +301,16 @@ TEST_F(JsonPlugin, ReportsTheFirstFaultOfSeveral) {
     EXPECT_EQ(ReasonOf(WithVersion("2", "", faulty)), "operations is corrupt (unable to parse start)");
 }
 
-TEST_F(JsonPlugin, LeavesBarrierEdgesOfARejectedFileInPlace) {
-    EXPECT_EQ(ReasonOf(Document(R"("version": 1, "requires": ["before"], "provides": ["after", 7])")),
-              "provides tag is not a string");
-    EXPECT_NE(GetBarrier("before", false), nullptr);
-    // No name of a list is linked before the whole list was read.
-    EXPECT_EQ(GetBarrier("after", false), nullptr);
+TEST_F(JsonPlugin, KeepsTheLinksOfAFileThatIsRejectedFurtherDown) {
+    const PluginDescription half =
+        Describe(Document(R"("version": 1, "requires": ["before"], "provides": ["after", 7])"));
+    EXPECT_NE(half.failure, nullptr);
+    EXPECT_EQ(test::Required(half), Words({"before"}));
+    EXPECT_EQ(test::Provided(half), Words());  // no name of a list counts before the whole list was read
 
-    EXPECT_EQ(ReasonOf(Document(R"("version": 1, "requires": [], "provides": ["done"])", "")),
-              "operations is corrupt (unable to parse start)");
-    EXPECT_EQ(NamesOf(GetBarrier("done", false)->Dependencies()), Words({"net"}));
+    const PluginDescription whole = Describe(Document(R"("version": 1, "requires": [], "provides": ["done"])", ""));
+    EXPECT_NE(whole.failure, nullptr);
+    EXPECT_EQ(test::Provided(whole), Words({"done"}));
 }
 
 TEST_F(JsonPlugin, SurvivesNestingOf100000Levels) {
@@ -335,7 +331,8 @@ TEST_F(JsonPlugin, SurvivesNestingOf100000Levels) {
 
 TEST_F(JsonPlugin, ReadsALongCommand) {
     const std::string command(4U << 20U, 'x');
-    EXPECT_EQ(Load(WithVersion("1", "", R"("start": [")" + command + R"("])"))->StartCommands(), Words({command}));
+    EXPECT_EQ(Load(WithVersion("1", "", R"("start": [")" + command + R"("])"))->Description().startCommands,
+              Words({command}));
 }
 
 TEST_F(JsonPlugin, RejectsAFileOf50MegabytesThatIsNoDocument) {

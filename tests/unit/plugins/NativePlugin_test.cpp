@@ -25,10 +25,10 @@
 #include <unistd.h>
 
 #include "Paths.h"
-#include "graph/Barriers.h"
-#include "graph/NodeStore.h"
 #include "plugins/Exception.h"
+#include "plugins/description/NativeDescription.h"
 #include "posix/Descriptor.h"
+#include "support/Plugins.h"
 #include "support/SpawnControl.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
@@ -48,15 +48,17 @@ std::string Example(const std::string& name) {
     return std::string(NATIVE_EXAMPLES) + "/" + name + ".so";
 }
 
-// Plugins live as long as the barriers they are linked to: until the process ends.
+// They live until the process ends.
 NativePlugin& Load(const std::string& path, const std::string& name = "p") {
-    return *NodeStore::Keep(std::make_unique<NativePlugin>(name, path));
+    static std::vector<std::unique_ptr<NativePlugin>> loaded;
+    return *loaded.emplace_back(test::MakePlugin<NativePlugin>(DescribeNativePlugin(name, path)));
 }
 
-Texts Names(const std::vector<Node*>& nodes) {
-    Texts names;
-    std::transform(nodes.begin(), nodes.end(), std::back_inserter(names), [](Node* node) { return node->Name(); });
-    return names;
+Texts Requires(const NativePlugin& plugin) {
+    return test::Required(plugin.Description());
+}
+Texts Provides(const NativePlugin& plugin) {
+    return test::Provided(plugin.Description());
 }
 
 bool IsLoaded(const std::string& path) {
@@ -112,12 +114,12 @@ class NativePluginTest : public testing::Test {
 
 // ---- Reading the object
 
-TEST_F(NativePluginTest, LinksToTheBarriersOfItsMetadataInTheirOrder) {
+TEST_F(NativePluginTest, NamesTheBarriersOfItsMetadataInTheirOrder) {
     for (const std::string name : {"barriers", "barriers_cxx"}) {
         const NativePlugin& plugin = Load(Fixture(name), name);
         EXPECT_EQ(plugin.Name(), name);
-        EXPECT_EQ(Names(plugin.Dependencies()), (Texts{"network", "disk"}));
-        EXPECT_EQ(Names(plugin.Dependents()), (Texts{"clock", "names"}));
+        EXPECT_EQ(Requires(plugin), (Texts{"network", "disk"}));
+        EXPECT_EQ(Provides(plugin), (Texts{"clock", "names"}));
         EXPECT_EQ(plugin.GetVersion(), 1);
         EXPECT_EQ(plugin.ScheduleClass(), 1U);
         EXPECT_EQ(plugin.DotAttributes(), "");
@@ -153,14 +155,13 @@ TEST_F(NativePluginTest, IgnoresRunOnceAndFlagsOfAVersionTwoObject) {
     EXPECT_EQ(plugin.PluginVersion(), "");
     EXPECT_TRUE(plugin.RequiredFlags().empty());
     EXPECT_TRUE(plugin.DisablingFlags().empty());
-    EXPECT_EQ(Names(plugin.Dependents()), Texts{"clock"});
+    EXPECT_EQ(Provides(plugin), Texts{"clock"});
 }
 
 TEST_F(NativePluginTest, TakesNullListsForEmptyOnes) {
     const NativePlugin& plugin = Load(Fixture("null_lists"));
     EXPECT_EQ(plugin.GetVersion(), 3);
-    EXPECT_TRUE(plugin.Dependencies().empty());
-    EXPECT_TRUE(plugin.Dependents().empty());
+    EXPECT_TRUE(plugin.Description().links.empty());
     EXPECT_TRUE(plugin.RequiredFlags().empty());
     EXPECT_TRUE(plugin.DisablingFlags().empty());
     EXPECT_EQ(plugin.PluginVersion(), "");
@@ -168,12 +169,11 @@ TEST_F(NativePluginTest, TakesNullListsForEmptyOnes) {
 }
 
 TEST_F(NativePluginTest, RejectsInterfaceVersionsOtherThanOneToFour) {
-    const std::size_t barriers = AllBarriers().size();
     for (const std::string name : {"version0", "version5", "version_huge"}) {
         EXPECT_EQ(LoadFailure<InvalidPluginException>(Fixture(name)),
                   "plugin `" + Fixture(name) + "' is invalid: Unsupported API version");
+        EXPECT_TRUE(DescribeNativePlugin("p", Fixture(name)).links.empty());
     }
-    EXPECT_EQ(AllBarriers().size(), barriers);
 }
 
 TEST_F(NativePluginTest, ReportsAMissingSymbolAsAPlainException) {
@@ -198,11 +198,11 @@ TEST_F(NativePluginTest, ReportsASymbolWithoutAnAddress) {
 }
 
 TEST_F(NativePluginTest, IsNotMisledByAnErrorThatAConstructorLeftInTheLoader) {
-    EXPECT_EQ(Names(Load(Fixture("stale_error")).Dependents()), Texts{"clock"});
+    EXPECT_EQ(Provides(Load(Fixture("stale_error"))), Texts{"clock"});
 }
 
 TEST_F(NativePluginTest, LoadsAnObjectThatLacksAFunctionSinceBindingIsLazy) {
-    EXPECT_EQ(Names(Load(Fixture("unresolved_function")).Dependents()), Texts{"clock"});
+    EXPECT_EQ(Provides(Load(Fixture("unresolved_function"))), Texts{"clock"});
 }
 
 TEST_F(NativePluginTest, LoadsAnObjectForAllToSee) {
@@ -257,12 +257,12 @@ TEST_F(NativePluginTest, LeavesNoDescriptorBehindWhenLoadingFails) {
 TEST_F(NativePluginTest, LoadsTheWorkedExamples) {
     const NativePlugin& hello = Load(Example("hello"), "hello");
     EXPECT_EQ(hello.GetVersion(), 1);
-    EXPECT_EQ(Names(hello.Dependents()), Texts{"hello"});
+    EXPECT_EQ(Provides(hello), Texts{"hello"});
 
     const NativePlugin& inventory = Load(Example("inventory"), "inventory");
     EXPECT_EQ(inventory.GetVersion(), 1);
-    EXPECT_EQ(Names(inventory.Dependencies()), Texts{"hello"});
-    EXPECT_EQ(Names(inventory.Dependents()), Texts{"inventory"});
+    EXPECT_EQ(Requires(inventory), Texts{"hello"});
+    EXPECT_EQ(Provides(inventory), Texts{"inventory"});
 
     const NativePlugin& identity = Load(Example("identity"), "identity");
     EXPECT_EQ(identity.GetVersion(), 3);

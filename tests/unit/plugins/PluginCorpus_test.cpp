@@ -8,6 +8,8 @@
 
 #include "plugins/Exception.h"
 #include "plugins/JSONPlugin.h"
+#include "plugins/description/JsonDescription.h"
+#include "support/Plugins.h"
 
 namespace lofter {
 namespace {
@@ -25,7 +27,7 @@ TEST(PluginCorpus, GoodFilesAreLoaded) {
     const auto files = Files("good");
     EXPECT_GT(files.size(), 10U);
     for (const std::filesystem::path& file : files) {
-        EXPECT_NO_THROW(JSONPlugin("corpus", file)) << file;
+        EXPECT_EQ(DescribeJsonPlugin("corpus", file).failure, nullptr) << file;
     }
 }
 
@@ -33,7 +35,7 @@ TEST(PluginCorpus, BadFilesAreRejected) {
     const auto files = Files("bad");
     EXPECT_GT(files.size(), 10U);
     for (const std::filesystem::path& file : files) {
-        EXPECT_THROW(JSONPlugin("corpus", file), InvalidPluginException) << file;
+        EXPECT_THROW(test::MakePlugin<JSONPlugin>(DescribeJsonPlugin("corpus", file)), InvalidPluginException) << file;
     }
 }
 

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
-#include "graph/Barriers.h"
 #include "graph/GraphRun.h"
 
 namespace lofter::test {
@@ -27,14 +27,14 @@ std::string Joined(const Range& names) {
 
 class TestGraph::WorkNode : public Node {
   public:
-    WorkNode(TestGraph& owner, const std::string& nodeName, std::uint32_t nodeClass)
-        : Node(nodeName, nodeClass), graph(owner) {}
-    void Start() override { graph.Work(Name()); }
-    void Stop() override { graph.Work(Name()); }
+    WorkNode(TestGraph& testGraph, const std::string& nodeName, std::uint32_t nodeClass)
+        : Node(nodeName, nodeClass), owner(testGraph) {}
+    void Start() override { owner.Work(Name()); }
+    void Stop() override { owner.Work(Name()); }
     std::string DotAttributes() const override { return {}; }
 
   private:
-    TestGraph& graph;
+    TestGraph& owner;
 };
 
 TestGraph::TestGraph(const std::string& text) {
@@ -42,11 +42,6 @@ TestGraph::TestGraph(const std::string& text) {
     for (std::string line; std::getline(lines, line);) {
         AddNode(line);
     }
-}
-
-TestGraph::~TestGraph() {
-    nodes.clear();
-    ForgetGraph();
 }
 
 void TestGraph::AddNode(const std::string& line) {
@@ -70,16 +65,17 @@ void TestGraph::AddNode(const std::string& line) {
     const std::uint32_t nodeClass = clauses.contains("class")
                                         ? static_cast<std::uint32_t>(std::stoul(clauses["class"].at(0)))
                                         : Node::kDefaultClass;
-    Node& node = *nodes.emplace_back(std::make_unique<WorkNode>(*this, name, nodeClass));
+    Node& node = graph.Add(std::make_unique<WorkNode>(*this, name, nodeClass));
+    nodes.push_back(&node);
     byName[name] = &node;
     for (const std::string& barrier : clauses["requires"]) {
-        node.AddDependency(*GetBarrier(barrier, true));
+        graph.Require(node, barrier);
     }
     for (const std::string& barrier : clauses["provides"]) {
-        node.AddDependent(*GetBarrier(barrier, true));
+        graph.Provide(node, barrier);
     }
     for (const std::string& priority : clauses["priority"]) {
-        GetPriorityBarrier(static_cast<std::uint32_t>(std::stoul(priority)))->AddPlugin(node);
+        graph.GetPriorityBarrier(static_cast<std::uint32_t>(std::stoul(priority)))->AddPlugin(node);
     }
 }
 
@@ -87,23 +83,23 @@ Node& TestGraph::operator[](const std::string& name) {
     return *byName.at(name);
 }
 
-std::vector<Node*> TestGraph::Nodes() const {
-    std::vector<Node*> list;
-    for (const auto& node : nodes) {
-        list.push_back(node.get());
-    }
-    return list;
+InitBarrier& TestGraph::Barrier(const std::string& name) {
+    return *graph.GetBarrier(name, false);
+}
+
+PriorityBarrier& TestGraph::Priority(std::uint32_t priority) {
+    return *graph.GetPriorityBarrier(priority);
 }
 
 std::string TestGraph::Starts(int threads, bool randomize) {
     Executor executor(threads, randomize);
-    StartRun(Nodes(), executor);
+    StartRun(graph, nodes, executor);
     return Ran();
 }
 
 std::string TestGraph::Stops(int threads, bool randomize) {
     Executor executor(threads, randomize);
-    StopRun(Nodes(), executor);
+    StopRun(graph, nodes, executor);
     return Ran();
 }
 

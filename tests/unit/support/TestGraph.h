@@ -12,27 +12,27 @@
 
 #include <condition_variable>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "Settings.h"
 #include "graph/Executor.h"
-#include "graph/Node.h"
+#include "graph/Graph.h"
 
 namespace lofter::test {
 
 class TestGraph {
   public:
     explicit TestGraph(const std::string& text);
-    // Forgets the barriers as well.
-    ~TestGraph();
     TestGraph(const TestGraph&) = delete;
     TestGraph& operator=(const TestGraph&) = delete;
 
     Node& operator[](const std::string& name);
-    std::vector<Node*> Nodes() const;
+    InitBarrier& Barrier(const std::string& name);
+    PriorityBarrier& Priority(std::uint32_t priority);
+    const std::vector<Node*>& Nodes() const { return nodes; }
 
     // Runs the graph and returns the names in the order in which the work of the nodes began, separated by blanks.
     std::string Starts(int threads = 1, bool randomize = false);
@@ -47,13 +47,16 @@ class TestGraph {
     // The names that are at work now, sorted.
     std::string Working() const;
 
+    Settings settings;
+    Graph graph{settings};
+
   private:
     class WorkNode;
 
     void AddNode(const std::string& line);
     void Work(const std::string& name);
 
-    std::vector<std::unique_ptr<WorkNode>> nodes;
+    std::vector<Node*> nodes;
     std::map<std::string, Node*> byName;
 
     mutable std::mutex mutex;

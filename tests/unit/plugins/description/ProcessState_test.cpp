@@ -1,4 +1,4 @@
-#include "plugins/ProcessState.h"
+#include "plugins/description/ProcessState.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,4 +1,4 @@
-#include "plugins/SharedObject.h"
+#include "plugins/description/SharedObject.h"
 
 #include <dlfcn.h>
 #include <sys/stat.h>

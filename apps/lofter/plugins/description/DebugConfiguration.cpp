@@ -1,4 +1,4 @@
-#include "plugins/DebugConfiguration.h"
+#include "plugins/description/DebugConfiguration.h"
 
 #include <utility>
 
@@ -7,7 +7,6 @@
 #include <boost/tokenizer.hpp>
 #include <fcntl.h>
 
-#include "Logging.h"
 #include "posix/File.h"
 #include "posix/FileBuffer.h"
 
@@ -34,10 +33,23 @@ std::vector<std::string> BarrierNames(const std::string& field) {
     return Split(boost::algorithm::trim_copy(field), ",");
 }
 
+PluginDescription Describe(std::vector<std::string>& fields) {
+    PluginDescription plugin(std::move(fields[0]));
+    plugin.version = 1;
+    for (std::string& barrier : BarrierNames(fields[1])) {
+        plugin.Require(std::move(barrier));
+    }
+    for (std::string& barrier : BarrierNames(fields[2])) {
+        plugin.Provide(std::move(barrier));
+    }
+    plugin.startCommands.push_back(std::move(fields[3]));
+    return plugin;
+}
+
 }  // namespace
 
-std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
-    std::vector<DebugEntry> entries;
+DebugConfiguration ParseDebugConfiguration(std::istream& input) {
+    DebugConfiguration configuration;
     std::string line;
     for (int number = 1; std::getline(input, line); ++number) {
         boost::algorithm::trim(line);
@@ -46,23 +58,20 @@ std::vector<DebugEntry> ParseDebugConfiguration(std::istream& input) {
         }
         try {
             std::vector<std::string> fields = Split(line, ":");
-            if (fields.size() != kFields) {
-                Log_Level(kInfo, "ignoring malformed debug entry at line %d: %s\n", number, line.c_str());
-                continue;
+            if (fields.size() == kFields) {
+                configuration.entries.push_back(Describe(fields));
+            } else {
+                configuration.skipped.push_back({number, line, {}});
             }
-            entries.push_back(
-                {std::move(fields[0]), BarrierNames(fields[1]), BarrierNames(fields[2]), std::move(fields[3])});
         } catch (const boost::escaped_list_error& e) {
-            Log_Level(kWarning, "skipping debug entry at line %d: %s (%s)\n", number, line.c_str(), e.what());
+            configuration.skipped.push_back({number, line, e.what()});
         }
     }
-    if (input.bad()) {
-        Log_Level(kWarning, "unable to read all debug entries\n");
-    }
-    return entries;
+    configuration.isCutShort = input.bad();
+    return configuration;
 }
 
-std::vector<DebugEntry> ReadDebugConfiguration(const std::string& path) {
+DebugConfiguration ReadDebugConfiguration(const std::string& path) {
     // A pipe would be waited for, and a device read without end.
     posix::Descriptor file = posix::OpenRegularFile(path, O_RDONLY);
     if (!file) {

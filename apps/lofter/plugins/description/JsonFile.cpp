@@ -1,4 +1,4 @@
-#include "plugins/JsonFile.h"
+#include "plugins/description/JsonFile.h"
 
 #include <set>
 #include <vector>

@@ -1,0 +1,17 @@
+// Whoever has a say in what a run does, plugin by plugin.
+#pragma once
+
+#include <string>
+
+namespace lofter {
+
+class Operator {
+  public:
+    // Called in front of every plugin, on the thread that is going to run it. False when the plugin is to be skipped.
+    virtual bool MayExecute(const std::string& plugin) = 0;
+
+  protected:
+    ~Operator() = default;
+};
+
+}  // namespace lofter

@@ -1,0 +1,14 @@
+// JSON plugins, described by their file.
+#pragma once
+
+#include <string>
+
+#include "plugins/description/PluginDescription.h"
+
+namespace lofter {
+
+// Failures are InvalidPluginException, for a file that cannot be opened or does not describe a plugin. The links of a
+// list are there when the whole list could be read.
+PluginDescription DescribeJsonPlugin(const std::string& name, const std::string& path);
+
+}  // namespace lofter
