@@ -15,10 +15,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/Exception.h"
 #include "executor/ControlSocket.h"
 #include "executor/QorcliDispatcher.h"
 #include "executor/QorcliExecutor.h"
-#include "plugins/Exception.h"
 #include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
 

@@ -8,7 +8,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "Settings.h"
+#include "base/Settings.h"
 #include "graph/Executor.h"
 #include "graph/Graph.h"
 #include "graph/GraphRun.h"

@@ -5,11 +5,11 @@
 
 #include <sys/time.h>
 
-#include "KernelBootLog.h"
-#include "Logging.h"
-#include "Paths.h"
-#include "graph/GraphLock.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/GraphLock.h"
+#include "base/KernelBootLog.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 
 namespace lofter {
 

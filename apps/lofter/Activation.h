@@ -11,8 +11,8 @@
 #include <optional>
 #include <string>
 
-#include "Operator.h"
-#include "Settings.h"
+#include "base/Settings.h"
+#include "console/Operator.h"
 #include "plugins/Plugin.h"
 
 namespace lofter {

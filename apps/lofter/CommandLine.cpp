@@ -9,8 +9,8 @@
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 #include <getopt.h>
 
-#include "Logging.h"
-#include "Paths.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 
 namespace lofter {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "Settings.h"
+#include "base/Settings.h"
 
 namespace lofter {
 

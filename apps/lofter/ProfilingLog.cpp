@@ -7,8 +7,8 @@
 #include <exception>
 #include <stdexcept>
 
-#include "Logging.h"
-#include "Settings.h"
+#include "base/Logging.h"
+#include "base/Settings.h"
 #include "plugins/Plugin.h"
 #include "util/afstream.h"
 

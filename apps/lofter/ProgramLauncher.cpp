@@ -7,7 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "posix/ChildProcess.h"
 
 namespace lofter {

@@ -18,18 +18,18 @@
 #include <unistd.h>
 
 #include "ExitWatch.h"
-#include "Logging.h"
-#include "Paths.h"
 #include "ProgramLauncher.h"
-#include "Progress.h"
 #include "SyslogReload.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
+#include "console/Progress.h"
 #include "executor/QorcliExecutor.h"
 #include "graph/Dump.h"
 #include "graph/Executor.h"
 #include "graph/GraphRun.h"
 #include "hopper/InitScriptDiscovery.h"
 #include "hostkernel/hostkernel.h"
-#include "plugins/Exception.h"
 #include "posix/File.h"
 #include "util/RunOnceRecord.h"
 

@@ -20,9 +20,9 @@
 
 #include "Activation.h"
 #include "CommandLine.h"
-#include "InteractiveMode.h"
 #include "ProfilingLog.h"
-#include "Settings.h"
+#include "base/Settings.h"
+#include "console/InteractiveMode.h"
 #include "graph/Graph.h"
 #include "plugins/Discovery.h"
 

@@ -8,8 +8,8 @@
 #include <sstream>
 #include <string>
 
-#include "Logging.h"
-#include "Paths.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 #include "posix/File.h"
 
 namespace lofter {

@@ -12,11 +12,11 @@
 #include <unistd.h>
 
 #include "CommandLine.h"
-#include "Logging.h"
-#include "Paths.h"
 #include "ProfilingLog.h"
 #include "RunSequence.h"
-#include "Settings.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
+#include "base/Settings.h"
 #include "posix/AcrossSignals.h"
 #include "posix/Descriptor.h"
 

@@ -1,30 +1,41 @@
-"""docs/architecture.md has a line for every source file."""
+"""docs/architecture.md is a map: one line for every source file, in its own folder's section."""
+import collections
 import itertools
 import re
 
 from sources import REPOSITORY, Tracked
 
-FOLDERS = ("apps", "platform", "posix", "sdk", "host", "tests", "bench")
+FOLDERS = ("apps", "platform", "posix", "sdk", "host", "tests", "bench", "scripts")
 
 
 def Expand(name):
     """`graph/Node.{h,cpp}` stands for two files."""
     parts = [part.split(",") if index % 2 else [part] for index, part in enumerate(re.split(r"\{([^}]*)\}", name))]
-    return {"".join(choice) for choice in itertools.product(*parts)}
+    return ["".join(choice) for choice in itertools.product(*parts)]
 
 
-def Listed():
-    """A line is "- `path`: what lives there"; several paths may share one; a path that ends in a slash stands for what is below."""
-    names = set()
+def Lines():
+    """(section, path) for each path of the lines "- `path`: what lives there"."""
+    section = None
     for line in (REPOSITORY / "docs" / "architecture.md").read_text().splitlines():
-        if line.startswith("- `"):
-            for name in re.findall(r"`([^`]+)`", line.split("`: ")[0] + "`"):
-                names |= Expand(name)
-    return names
+        if heading := re.match(r"##+ ([\w./-]+): ", line):
+            section = heading.group(1)
+        elif entry := re.match(r"- `([^`]+)`: ", line):
+            yield from ((section, name) for name in Expand(entry.group(1)))
+
+
+LINES = list(Lines())
+SECTIONS = {section for section, _ in LINES}
+
+
+def SectionOf(path):
+    """The section of the nearest folder around; the last one also has what lies at the root."""
+    around = [section for section in SECTIONS if path.startswith(section + "/")]
+    return max(around, key=len, default="docs")
 
 
 def test_every_source_file_is_listed():
-    listed = Listed()
+    listed = {name for _, name in LINES}
     folders = tuple(name for name in listed if name.endswith("/"))
     missing = [path.as_posix() for path in Tracked(*FOLDERS)
                if path.as_posix() not in listed and not path.as_posix().startswith(folders)]
@@ -32,8 +43,22 @@ def test_every_source_file_is_listed():
 
 
 def test_what_is_listed_exists():
-    assert [name for name in sorted(Listed()) if not (REPOSITORY / name).exists()] == []
+    assert [name for _, name in LINES if not (REPOSITORY / name).exists()] == []
+
+
+def test_nothing_is_listed_twice():
+    assert [name for name, times in collections.Counter(name for _, name in LINES).items() if times > 1] == []
+
+
+def test_every_line_is_in_its_own_section():
+    assert [f"{name} in {section}" for section, name in LINES if section != SectionOf(name)] == []
+
+
+def test_the_lines_of_a_section_are_in_order():
+    for section in SECTIONS:
+        names = [name.lower() for where, name in LINES if where == section]
+        assert [name.rsplit(".", 1)[0] for name in names] == sorted(name.rsplit(".", 1)[0] for name in names), section
 
 
 def test_braces_expand():
-    assert Expand("a/B.{h,cpp}") == {"a/B.h", "a/B.cpp"}
+    assert Expand("a/B.{h,cpp}") == ["a/B.h", "a/B.cpp"]

@@ -45,7 +45,7 @@ def LongestPiece(message):
 
 def test_the_manual_page_has_every_file():
     page = Page("lofter.8.scd")
-    paths = re.findall(r'"(/[^" ]+)', (REPOSITORY / "apps" / "lofter" / "Paths.h").read_text())
+    paths = re.findall(r'"(/[^" ]+)', (REPOSITORY / "apps" / "lofter" / "base" / "Paths.h").read_text())
     assert len(paths) > 15
     assert [path for path in paths if Plain(path) not in page] == []
 

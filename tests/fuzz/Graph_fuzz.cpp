@@ -17,7 +17,7 @@
 #include <sched.h>
 
 #include "GraphModel.h"
-#include "Settings.h"
+#include "base/Settings.h"
 #include "graph/Executor.h"
 #include "graph/Graph.h"
 #include "graph/GraphRun.h"

@@ -8,7 +8,7 @@
 #include <optional>
 #include <sstream>
 
-#include "Settings.h"
+#include "base/Settings.h"
 #include "graph/Graph.h"
 #include "hopper/DaemonPlugin.h"
 #include "hopper/InitScriptDiscovery.h"

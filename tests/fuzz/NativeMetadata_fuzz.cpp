@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "plugins/description/NativeDescription.h"
 #include "support/Bytes.h"
 #include "support/Plugins.h"

@@ -7,9 +7,9 @@
 #include <memory>
 #include <string_view>
 
-#include "Settings.h"
+#include "base/Exception.h"
+#include "base/Settings.h"
 #include "plugins/Discovery.h"
-#include "plugins/Exception.h"
 #include "plugins/JSONPlugin.h"
 #include "plugins/description/JsonDescription.h"
 #include "support/Bytes.h"

@@ -15,11 +15,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "Settings.h"
+#include "base/Exception.h"
+#include "base/GraphLock.h"
+#include "base/Settings.h"
 #include "graph/Executor.h"
-#include "graph/GraphLock.h"
 #include "graph/GraphRun.h"
-#include "plugins/Exception.h"
 #include "plugins/Plugin.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"

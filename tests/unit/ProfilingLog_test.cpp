@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "Settings.h"
+#include "base/Settings.h"
 #include "plugins/Plugin.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"

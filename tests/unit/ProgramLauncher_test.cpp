@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "posix/Descriptor.h"
 #include "support/ChildOutcome.h"
 #include "support/TemporaryDirectory.h"

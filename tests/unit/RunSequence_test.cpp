@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
-#include "Paths.h"
+#include "base/Paths.h"
 #include "executor/ControlSocket.h"
 #include "posix/Descriptor.h"
 #include "support/ChildOutcome.h"

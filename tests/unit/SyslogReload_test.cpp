@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "Logging.h"
-#include "Paths.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"

@@ -2,10 +2,10 @@
 
 #include <list>
 
-#include "Logging.h"
 #include "autocli/autocli.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
 #include "executor/QorcliDispatcher.h"
-#include "plugins/Exception.h"
 
 namespace lofter {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "Logging.h"
-#include "Paths.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 
 namespace lofter {
 

@@ -14,11 +14,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Logging.h"
-#include "Paths.h"
+#include "base/Exception.h"
+#include "base/GraphLock.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 #include "executor/ControlSocket.h"
-#include "graph/GraphLock.h"
-#include "plugins/Exception.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
 

@@ -15,11 +15,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Logging.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
 #include "executor/CommandLineRun.h"
 #include "executor/ControlSocket.h"
 #include "executor/QorcliExecutor.h"
-#include "plugins/Exception.h"
 #include "poll/poll.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"

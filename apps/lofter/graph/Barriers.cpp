@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <vector>
 
-#include "Logging.h"
-#include "Settings.h"
+#include "base/Logging.h"
+#include "base/Settings.h"
 #include "graph/Graph.h"
 #include "krxctl/SystemInfoImpl.h"
 

@@ -3,7 +3,7 @@
 #include <new>
 #include <string>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 
 namespace lofter {
 

@@ -18,7 +18,7 @@
 
 #include <pthread.h>
 
-#include "graph/GraphLock.h"
+#include "base/GraphLock.h"
 #include "graph/ReadyQueue.h"
 
 namespace lofter {

@@ -4,7 +4,7 @@
 #include <exception>
 #include <utility>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "graph/Executor.h"
 
 namespace lofter {

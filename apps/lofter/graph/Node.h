@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-#include "graph/GraphLock.h"
+#include "base/GraphLock.h"
 
 namespace lofter {
 

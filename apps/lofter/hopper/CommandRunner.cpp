@@ -11,11 +11,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Logging.h"
-#include "Paths.h"
-#include "Settings.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
+#include "base/Settings.h"
 #include "hostkernel/hostkernel.h"
-#include "plugins/Exception.h"
 #include "posix/AcrossSignals.h"
 #include "posix/Descriptor.h"
 #include "posix/File.h"

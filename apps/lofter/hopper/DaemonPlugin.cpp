@@ -1,9 +1,9 @@
 #include "hopper/DaemonPlugin.h"
 
-#include "KernelBootLog.h"
-#include "Logging.h"
+#include "base/Exception.h"
+#include "base/KernelBootLog.h"
+#include "base/Logging.h"
 #include "krxctl/KernelProgressScreenImpl.h"
-#include "plugins/Exception.h"
 
 namespace lofter {
 

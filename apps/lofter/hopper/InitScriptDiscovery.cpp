@@ -15,10 +15,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Logging.h"
-#include "Paths.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 #include "hopper/LegacyDaemonPlugin.h"
-#include "plugins/Exception.h"
 #include "posix/AcrossSignals.h"
 #include "posix/Printable.h"
 

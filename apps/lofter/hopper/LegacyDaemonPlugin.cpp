@@ -1,6 +1,6 @@
 #include "hopper/LegacyDaemonPlugin.h"
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 
 namespace lofter {
 

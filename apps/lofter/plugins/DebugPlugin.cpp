@@ -4,8 +4,8 @@
 
 #include <sys/wait.h>
 
-#include "Logging.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
 
 namespace lofter {
 

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <utility>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "plugins/DebugPlugin.h"
 #include "plugins/JSONPlugin.h"
 #include "plugins/NativePlugin.h"

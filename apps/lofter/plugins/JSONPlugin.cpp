@@ -2,9 +2,9 @@
 
 #include <exception>
 
-#include "Logging.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
 #include "executor/QorcliExecutor.h"
-#include "plugins/Exception.h"
 
 namespace lofter {
 

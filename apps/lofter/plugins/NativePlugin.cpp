@@ -7,9 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Paths.h"
+#include "base/Exception.h"
+#include "base/Paths.h"
 #include "krxuser/spawn.h"
-#include "plugins/Exception.h"
 
 namespace lofter {
 

@@ -22,9 +22,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Logging.h"
-#include "Paths.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
+#include "base/Paths.h"
 #include "plugins/description/NativeDescription.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"

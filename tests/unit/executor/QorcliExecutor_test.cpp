@@ -26,10 +26,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Logging.h"
+#include "base/Exception.h"
+#include "base/GraphLock.h"
+#include "base/Logging.h"
 #include "executor/ControlSocket.h"
-#include "graph/GraphLock.h"
-#include "plugins/Exception.h"
 #include "poll/poll.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/Exception.h"
 #include "graph/GraphRun.h"
-#include "plugins/Exception.h"
 #include "support/Faults.h"
 #include "support/ForkedChild.h"
 #include "support/TestGraph.h"

@@ -16,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "posix/Descriptor.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"

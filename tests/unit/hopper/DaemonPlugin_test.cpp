@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include "Activation.h"
-#include "Settings.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/Settings.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WillingOperator.h"

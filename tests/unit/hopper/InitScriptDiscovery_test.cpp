@@ -13,10 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Settings.h"
+#include "base/Exception.h"
+#include "base/Settings.h"
 #include "graph/Graph.h"
 #include "hopper/LegacyDaemonPlugin.h"
-#include "plugins/Exception.h"
 #include "support/BreakingStream.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"

@@ -4,8 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Settings.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/Settings.h"
 #include "support/LogCapture.h"
 #include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
 #include "support/Plugins.h"

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Settings.h"
+#include "base/Settings.h"
 #include "graph/Executor.h"
 #include "graph/GraphRun.h"
 #include "plugins/DebugPlugin.h"
@@ -336,10 +336,9 @@ TEST_F(DiscoveryTest, LinksAPluginInTheOrderOfItsDescription) {
 TEST_F(DiscoveryTest, LogsTheLinesOfTheDebugConfigurationThatItSkips) {
     folder.Write("debug.conf", "a:b:c\nb:::echo \\x\n%n\n");
     DiscoverAll();
-    EXPECT_EQ(log.Entries(),
-              (Entries{{125, "ignoring malformed debug entry at line 1: a:b:c"},
-                       {115, "skipping debug entry at line 2: b:::echo \\x (unknown escape sequence)"},
-                       {125, "ignoring malformed debug entry at line 3: %n"}}));
+    EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring malformed debug entry at line 1: a:b:c"},
+                                      {115, "skipping debug entry at line 2: b:::echo \\x (unknown escape sequence)"},
+                                      {125, "ignoring malformed debug entry at line 3: %n"}}));
 }
 
 // ---- Boot flags

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "Logging.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/Logging.h"
 #include "plugins/description/JsonDescription.h"
 #include "support/LogCapture.h"
 #include "support/Plugins.h"

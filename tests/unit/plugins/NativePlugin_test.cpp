@@ -24,8 +24,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Paths.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/Paths.h"
 #include "plugins/description/NativeDescription.h"
 #include "posix/Descriptor.h"
 #include "support/Plugins.h"

@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "plugins/NativeInterface.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"

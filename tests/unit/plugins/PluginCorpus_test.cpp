@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "plugins/JSONPlugin.h"
 #include "plugins/description/JsonDescription.h"
 #include "support/Plugins.h"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "support/Faults.h"
 #include "support/Plugins.h"
 

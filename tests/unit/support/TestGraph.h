@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "Settings.h"
+#include "base/Settings.h"
 #include "graph/Executor.h"
 #include "graph/Graph.h"
 

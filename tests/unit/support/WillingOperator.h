@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "Operator.h"
+#include "console/Operator.h"
 
 namespace lofter::test {
 

@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "plugins/description/JsonFile.h"
 
 namespace lofter {

@@ -2,7 +2,7 @@
 
 #include <lofter/plugin.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "plugins/description/ProcessState.h"
 #include "plugins/description/SharedObject.h"
 

@@ -3,7 +3,7 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 
 namespace lofter {
 

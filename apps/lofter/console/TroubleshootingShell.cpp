@@ -1,4 +1,4 @@
-#include "TroubleshootingShell.h"
+#include "console/TroubleshootingShell.h"
 
 #include <array>
 #include <cerrno>
@@ -9,8 +9,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Logging.h"
-#include "Terminal.h"
+#include "base/Logging.h"
+#include "console/Terminal.h"
 #include "posix/ChildProcess.h"
 
 namespace lofter {

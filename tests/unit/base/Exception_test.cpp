@@ -1,4 +1,4 @@
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 
 #include <type_traits>
 

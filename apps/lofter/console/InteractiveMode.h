@@ -8,10 +8,10 @@
 
 #include <string>
 
-#include "Operator.h"
-#include "Paths.h"
-#include "Settings.h"
-#include "Terminal.h"
+#include "base/Paths.h"
+#include "base/Settings.h"
+#include "console/Operator.h"
+#include "console/Terminal.h"
 
 namespace lofter {
 

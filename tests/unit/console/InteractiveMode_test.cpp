@@ -1,4 +1,4 @@
-#include "InteractiveMode.h"
+#include "console/InteractiveMode.h"
 
 #include <array>
 #include <csignal>
@@ -12,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Progress.h"
+#include "console/Progress.h"
 #include "support/LogCapture.h"
 #include "support/SyscallFilter.h"
 #include "support/TerminalProcess.h"

@@ -1,11 +1,11 @@
-#include "KernelBootLog.h"
+#include "base/KernelBootLog.h"
 
 #include <cstdarg>
 #include <cstdlib>
 #include <exception>
 #include <memory>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "krxctl/Sysinfo.h"
 #include "tslibs/str.h"
 

@@ -1,4 +1,4 @@
-#include "VirtualConsole.h"
+#include "console/VirtualConsole.h"
 
 #include <cerrno>
 #include <csignal>

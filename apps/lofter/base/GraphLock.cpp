@@ -1,10 +1,10 @@
-#include "graph/GraphLock.h"
+#include "base/GraphLock.h"
 
 #include <atomic>
 
 #include <unistd.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 
 namespace lofter {
 

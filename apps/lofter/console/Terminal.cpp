@@ -1,4 +1,4 @@
-#include "Terminal.h"
+#include "console/Terminal.h"
 
 #include <cerrno>
 #include <climits>
@@ -9,7 +9,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "posix/AcrossSignals.h"
 #include "posix/Descriptor.h"
 

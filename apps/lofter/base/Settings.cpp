@@ -1,9 +1,9 @@
-#include "Settings.h"
+#include "base/Settings.h"
 
 #include <atomic>
 #include <ctime>
 
-#include "graph/GraphLock.h"
+#include "base/GraphLock.h"
 
 namespace lofter {
 

@@ -1,7 +1,7 @@
 // The host's virtual terminals: which one the console shows.
 #pragma once
 
-#include "Paths.h"
+#include "base/Paths.h"
 
 namespace lofter {
 

@@ -1,4 +1,4 @@
-#include "VirtualConsole.h"
+#include "console/VirtualConsole.h"
 
 #include <linux/vt.h>
 #include <sys/ioctl.h>

@@ -1,11 +1,11 @@
-#include "graph/GraphLock.h"
+#include "base/GraphLock.h"
 
 #include <future>
 #include <thread>
 
 #include <gtest/gtest.h>
 
-#include "plugins/Exception.h"
+#include "base/Exception.h"
 #include "support/Faults.h"
 
 namespace lofter {

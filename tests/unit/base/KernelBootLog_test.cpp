@@ -1,10 +1,10 @@
-#include "KernelBootLog.h"
+#include "base/KernelBootLog.h"
 
 #include <filesystem>
 
 #include <gtest/gtest.h>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
 #include "support/SyslogSocket.h"

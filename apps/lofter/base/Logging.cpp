@@ -1,4 +1,4 @@
-#include "Logging.h"
+#include "base/Logging.h"
 
 #include <cstdio>
 #include <memory>
@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Paths.h"
-#include "plugins/Exception.h"
+#include "base/Exception.h"
+#include "base/Paths.h"
 #include "posix/AcrossSignals.h"
 #include "posix/Descriptor.h"
 #include "posix/File.h"

@@ -1,14 +1,14 @@
-#include "InteractiveMode.h"
+#include "console/InteractiveMode.h"
 
 #include <algorithm>
 #include <array>
 #include <optional>
 
-#include "Logging.h"
-#include "Progress.h"
-#include "Terminal.h"
-#include "TroubleshootingShell.h"
-#include "VirtualConsole.h"
+#include "base/Logging.h"
+#include "console/Progress.h"
+#include "console/Terminal.h"
+#include "console/TroubleshootingShell.h"
+#include "console/VirtualConsole.h"
 
 namespace lofter {
 

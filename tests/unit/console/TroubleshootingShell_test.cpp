@@ -1,4 +1,4 @@
-#include "TroubleshootingShell.h"
+#include "console/TroubleshootingShell.h"
 
 #include <array>
 #include <cerrno>
@@ -11,7 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "support/SyscallFilter.h"
 #include "support/TerminalProcess.h"
 #include "tslibs/dictionary.h"

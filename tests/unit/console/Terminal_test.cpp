@@ -1,4 +1,4 @@
-#include "Terminal.h"
+#include "console/Terminal.h"
 
 #include <array>
 #include <cerrno>
@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Logging.h"
+#include "base/Logging.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TerminalProcess.h"
