@@ -15,6 +15,7 @@
 #include "posix/Descriptor.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
+#include "support/OpenDescriptors.h"
 #include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
 
@@ -179,14 +180,11 @@ TEST_F(StandardStreams, AreOpenAfterwardsAlsoWhenTheyWereClosedBefore) {
 }
 
 TEST_F(StandardStreams, AreAllThatRedirectionLeavesOpen) {
-    const auto extra = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
     EXPECT_EQ(InForkedChild([&] {
-                  const auto before = extra();
+                  const std::set<int> before = test::OpenDescriptors();
                   RedirectStandardStreams(log);
                   RedirectStandardStreams(folder / "missing/log");
-                  return extra() == before ? "none" : "some";
+                  return test::OpenDescriptors() == before ? "none" : "some";
               }),
               "none");
 }

@@ -32,8 +32,10 @@
 #include "executor/ControlSocket.h"
 #include "poll/poll.h"
 #include "support/ChildOutcome.h"
+#include "support/FailureOf.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
+#include "support/OpenDescriptors.h"
 #include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
@@ -42,21 +44,9 @@ namespace lofter {
 namespace {
 
 using Lines = std::vector<std::string>;
+using test::FailureOf;
 using test::LogCapture;
-
-std::string FailureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e.what();
-    }
-    return {};
-}
-
-std::size_t OpenDescriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
+using test::OpenDescriptors;
 
 // Attributes of threads whose stacks are too small for a forked child to use them again: the thread sanitizer would
 // take the child's new thread for the parent's.
@@ -392,7 +382,7 @@ TEST_F(CommandExecutor, InheritsNoConnectionOfItsParent) {
 
 TEST_F(CommandExecutor, LeavesNoDescriptorBehindInItsClient) {
     executor.Reset();
-    const std::size_t before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     Send("--help");
     Send("unknown");
     Send("");
@@ -447,7 +437,7 @@ TEST_F(CommandExecutor, IsNotReachedByAClientThatGetsNoSocket) {
 TEST_F(CommandExecutor, DoesNotStartWhenItCannotListen) {
     EXPECT_EQ(test::InForkedChild([&] {
                   test::FilterSyscalls({{.number = SYS_listen, .error = EADDRINUSE}});
-                  const std::size_t before = OpenDescriptors();
+                  const std::set<int> before = OpenDescriptors();
                   const std::string failure = FailureOf([&] { executor.SetupSocket(); });
                   return failure + (OpenDescriptors() == before ? "" : ", and left a descriptor");
               }),
@@ -661,7 +651,7 @@ TEST_F(ExecutorConnection, ThatCannotBeReadIsLogged) {
 
 TEST_F(ExecutorConnection, LeavesNoDescriptorBehind) {
     StatusOf("--help");
-    const std::size_t before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     StatusOf("--help");
     StatusOf("a -b");
     EXPECT_EQ(OpenDescriptors(), before);

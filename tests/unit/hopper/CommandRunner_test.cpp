@@ -18,7 +18,9 @@
 
 #include "base/Exception.h"
 #include "posix/Descriptor.h"
+#include "support/FailureOf.h"
 #include "support/LogCapture.h"
+#include "support/OpenDescriptors.h"
 #include "support/TemporaryDirectory.h"
 #include "tslibs/log.h"
 
@@ -32,18 +34,9 @@ CommandSettings Waiting(std::int32_t seconds) {
     return {true, seconds, environ};
 }
 
-std::string FailureOf(const std::string& command, const CommandSettings& settings = Waiting(40),
-                      const std::function<void()>& pause = SleepBetweenPolls) {
-    try {
-        RunCommand(command, settings, pause);
-    } catch (const Exception& failure) {
-        return failure.what();
-    }
-    return "no failure";
-}
-
-std::ptrdiff_t OpenDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+std::string RunFailure(const std::string& command, const CommandSettings& settings = Waiting(40),
+                       const std::function<void()>& pause = SleepBetweenPolls) {
+    return test::FailureOf<Exception>([&] { RunCommand(command, settings, pause); });
 }
 
 // A script that says its process id and then runs until it is released.
@@ -89,33 +82,33 @@ class RunningScript {
 TEST(CommandRunner, ReturnsWhenTheCommandExitsWithZero) {
     const test::TemporaryDirectory folder;
     const std::string script = folder.WriteScript("succeeds", "echo \"$1\" > ${0%/*}/argument");
-    EXPECT_EQ(FailureOf(script + " start"), "no failure");
+    EXPECT_EQ(RunFailure(script + " start"), test::kNoFailure);
     EXPECT_EQ(folder.Read("argument"), "start\n");
 }
 
 TEST(CommandRunner, SaysTheStatusOfACommandThatFails) {
     const test::TemporaryDirectory folder;
     const std::string command = folder.WriteScript("fails", "exit 3") + " start";
-    EXPECT_EQ(FailureOf(command), "Execution of command: " + command + " failed with status: 3");
-    EXPECT_EQ(FailureOf(command, NotWaiting()), "Execution of command: " + command + " failed with status: 3");
+    EXPECT_EQ(RunFailure(command), "Execution of command: " + command + " failed with status: 3");
+    EXPECT_EQ(RunFailure(command, NotWaiting()), "Execution of command: " + command + " failed with status: 3");
 }
 
 TEST(CommandRunner, SaysTheSignalThatKilledTheCommand) {
     const test::TemporaryDirectory folder;
     const std::string command = folder.WriteScript("dies", "kill -9 $$") + " start";
-    EXPECT_EQ(FailureOf(command), "Execution of command: " + command + " failed with signal: 9");
+    EXPECT_EQ(RunFailure(command), "Execution of command: " + command + " failed with signal: 9");
 }
 
 TEST(CommandRunner, LeavesACommandThatIsNotWaitedForRunningAfterFiftyPolls) {
     const test::TemporaryDirectory folder;
     RunningScript script(folder);
     int polls = 0;
-    EXPECT_EQ(FailureOf(script.Path(), NotWaiting(),
-                        [&] {
-                            ++polls;
-                            ASSERT_GT(script.Id(), 0);
-                        }),
-              "no failure");
+    EXPECT_EQ(RunFailure(script.Path(), NotWaiting(),
+                         [&] {
+                             ++polls;
+                             ASSERT_GT(script.Id(), 0);
+                         }),
+              test::kNoFailure);
     EXPECT_EQ(polls, 50);
 
     script.Release();
@@ -129,11 +122,11 @@ TEST(CommandRunner, GivesUpWaitingAfterOneSecondOfPollsAndLeavesTheCommandRunnin
     const test::TemporaryDirectory folder;
     RunningScript script(folder);
     int polls = 0;
-    EXPECT_EQ(FailureOf(script.Path() + " start", Waiting(1),
-                        [&] {
-                            ++polls;
-                            ASSERT_GT(script.Id(), 0);
-                        }),
+    EXPECT_EQ(RunFailure(script.Path() + " start", Waiting(1),
+                         [&] {
+                             ++polls;
+                             ASSERT_GT(script.Id(), 0);
+                         }),
               "Execution of command: '" + script.Path() + " start' timed out.");
     EXPECT_EQ(polls, 5);
 
@@ -147,7 +140,7 @@ TEST(CommandRunner, LetsATimeOutOfOneSecondLastOneSecond) {
     const test::TemporaryDirectory folder;
     RunningScript script(folder);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(FailureOf(script.Path(), Waiting(1)), "Execution of command: '" + script.Path() + "' timed out.");
+    EXPECT_EQ(RunFailure(script.Path(), Waiting(1)), "Execution of command: '" + script.Path() + "' timed out.");
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     script.Release();
     EXPECT_EQ(waitpid(script.Id(), nullptr, 0), script.Id());
@@ -159,13 +152,13 @@ TEST_P(WaitWithoutEnd, LastsUntilTheCommandEnds) {
     const test::TemporaryDirectory folder;
     RunningScript script(folder);
     int polls = 0;
-    EXPECT_EQ(FailureOf(script.Path(), Waiting(GetParam()),
-                        [&] {
-                            if (++polls == 1000) {
-                                script.Release();
-                            }
-                        }),
-              "no failure");
+    EXPECT_EQ(RunFailure(script.Path(), Waiting(GetParam()),
+                         [&] {
+                             if (++polls == 1000) {
+                                 script.Release();
+                             }
+                         }),
+              test::kNoFailure);
     EXPECT_EQ(polls, 1000);
 }
 
@@ -185,7 +178,7 @@ TEST(CommandRunner, IgnoresExtraBlanksAndKnowsNoQuotes) {
     const test::TemporaryDirectory folder;
     const std::string script =
         folder.WriteScript("prints", "for word in \"$@\"; do echo \"$word\"; done > ${0%/*}/words");
-    EXPECT_EQ(FailureOf("  " + script + " \t start\n 'a  b' \"c\\ "), "no failure");
+    EXPECT_EQ(RunFailure("  " + script + " \t start\n 'a  b' \"c\\ "), test::kNoFailure);
     EXPECT_EQ(folder.Read("words"), "start\n'a\nb'\n\"c\\\n");
 }
 
@@ -194,7 +187,7 @@ TEST(CommandRunner, RunsTheCommandInTheRootDirectoryAwayFromTheCallersStreams) {
     const std::string script = folder.WriteScript(
         "looks",
         "seen=$(for what in cwd fd/0 fd/1 fd/2; do readlink /proc/$$/$what; done); echo \"$seen\" > ${0%/*}/seen");
-    EXPECT_EQ(FailureOf(script), "no failure");
+    EXPECT_EQ(RunFailure(script), test::kNoFailure);
     // Only where the log is something that can be opened, such as a pipe, do error messages go there.
     const posix::Descriptor log(open("/dev/log", O_WRONLY | O_CLOEXEC));
     const std::string error = log ? std::filesystem::canonical("/dev/log").string() : "/dev/null";
@@ -206,7 +199,7 @@ TEST(CommandRunner, GivesTheChildThatEnvironmentAndNoOther) {
     const std::string script = folder.WriteScript("prints", "echo \"$COLOUR $HOME\" > ${0%/*}/environment");
     char colour[] = "COLOUR=green";
     char* environment[] = {colour, nullptr};
-    EXPECT_EQ(FailureOf(script, {true, 40, environment}), "no failure");
+    EXPECT_EQ(RunFailure(script, {true, 40, environment}), test::kNoFailure);
     EXPECT_EQ(folder.Read("environment"), "green \n");
 }
 
@@ -218,29 +211,29 @@ TEST(CommandRunner, SaysWhyAProgramCannotBeRun) {
     const std::string orphan = folder.WriteScript("orphan", "");
     folder.Write("orphan", "#!/no/such/interpreter\n");
     folder.Write("shapeless", "exit 0\n");
-    EXPECT_EQ(FailureOf(missing + " start"), "failed to ForkExec '" + missing + " start' : No such file or directory");
-    EXPECT_EQ(FailureOf(plain + " start"), "failed to ForkExec '" + plain + " start' : Permission denied");
-    EXPECT_EQ(FailureOf(shapeless), "failed to ForkExec '" + shapeless + "' : Exec format error");
-    EXPECT_EQ(FailureOf(orphan), "failed to ForkExec '" + orphan + "' : No such file or directory");
-    EXPECT_EQ(FailureOf(""), "failed to ForkExec '' : No such file or directory");
+    EXPECT_EQ(RunFailure(missing + " start"), "failed to ForkExec '" + missing + " start' : No such file or directory");
+    EXPECT_EQ(RunFailure(plain + " start"), "failed to ForkExec '" + plain + " start' : Permission denied");
+    EXPECT_EQ(RunFailure(shapeless), "failed to ForkExec '" + shapeless + "' : Exec format error");
+    EXPECT_EQ(RunFailure(orphan), "failed to ForkExec '" + orphan + "' : No such file or directory");
+    EXPECT_EQ(RunFailure(""), "failed to ForkExec '' : No such file or directory");
 }
 
 TEST(CommandRunner, LeavesNoDescriptorOpen) {
     const test::TemporaryDirectory folder;
     const std::string succeeds = folder.WriteScript("succeeds", "exit 0");
     const std::string fails = folder.WriteScript("fails", "exit 1");
-    const std::ptrdiff_t before = OpenDescriptors();
-    FailureOf(succeeds);
-    FailureOf(fails);
-    FailureOf(folder / "missing");
-    EXPECT_EQ(OpenDescriptors(), before);
+    const std::set<int> before = test::OpenDescriptors();
+    RunFailure(succeeds);
+    RunFailure(fails);
+    RunFailure(folder / "missing");
+    EXPECT_EQ(test::OpenDescriptors(), before);
 }
 
 TEST(CommandRunner, LeavesNoChildUncollected) {
     const test::TemporaryDirectory folder;
-    FailureOf(folder.WriteScript("succeeds", "exit 0"));
-    FailureOf(folder.WriteScript("fails", "exit 1"));
-    FailureOf(folder / "missing");
+    RunFailure(folder.WriteScript("succeeds", "exit 0"));
+    RunFailure(folder.WriteScript("fails", "exit 1"));
+    RunFailure(folder / "missing");
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
 }
@@ -249,7 +242,7 @@ TEST(CommandRunner, KnowsNothingOfAChildThatCannotBeWaitedFor) {
     const test::TemporaryDirectory folder;
     const std::string script = folder.WriteScript("succeeds", "exit 0");
     const auto before = std::signal(SIGCHLD, SIG_IGN);
-    EXPECT_EQ(FailureOf(script), "Execution of command: " + script + " failed <unknown_error>");
+    EXPECT_EQ(RunFailure(script), "Execution of command: " + script + " failed <unknown_error>");
     std::signal(SIGCHLD, before);
 }
 
@@ -260,9 +253,9 @@ TEST(CommandRunner, RunsTheChildAsTheRealUser) {
     if (getuid() == 0) {
         ASSERT_EQ(seteuid(65534), 0);
     }
-    const std::string failure = FailureOf(script);
+    const std::string failure = RunFailure(script);
     ASSERT_EQ(seteuid(effective), 0);
-    EXPECT_EQ(failure, "no failure");
+    EXPECT_EQ(failure, test::kNoFailure);
     EXPECT_EQ(folder.Read("user"), std::to_string(getuid()) + "\n");
 }
 
@@ -273,13 +266,14 @@ TEST(CommandRunner, RunsSeveralCommandsAtOnce) {
     std::vector<std::string> failures(8);
     std::vector<std::thread> threads;
     for (std::size_t i = 0; i < failures.size(); ++i) {
-        threads.emplace_back([&, i] { failures[i] = FailureOf(i % 2 == 0 ? succeeds : fails); });
+        threads.emplace_back([&, i] { failures[i] = RunFailure(i % 2 == 0 ? succeeds : fails); });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
     for (std::size_t i = 0; i < failures.size(); ++i) {
-        EXPECT_EQ(failures[i], i % 2 == 0 ? "no failure" : "Execution of command: " + fails + " failed with status: 7");
+        EXPECT_EQ(failures[i],
+                  i % 2 == 0 ? test::kNoFailure : "Execution of command: " + fails + " failed with status: 7");
     }
 }
 
@@ -289,7 +283,7 @@ TEST(CommandRunner, RunsSeveralCommandsAtOnce) {
     // all.
     Log_SetStderrLevel(115);
     Log_Level(115, "taking the descriptors\n");
-    FailureOf(script);
+    RunFailure(script);
     int last = 0;
     while (last < 40) {
         last = dup(STDERR_FILENO);
@@ -298,7 +292,7 @@ TEST(CommandRunner, RunsSeveralCommandsAtOnce) {
     const auto limit = static_cast<rlim_t>(last) + 2;
     const rlimit limits{limit, limit};
     setrlimit(RLIMIT_NOFILE, &limits);
-    _exit(FailureOf(script) == "no failure" ? 0 : 1);
+    _exit(RunFailure(script) == test::kNoFailure ? 0 : 1);
 }
 
 TEST(CommandRunnerDeathTest, GivesTheChildTheRootDirectoryWhenThereIsNoNullDevice) {
@@ -315,7 +309,7 @@ TEST(CommandRunnerDeathTest, PanicsWhenTheRootDirectoryWouldBecomeStandardInput)
         {
             close(STDIN_FILENO);
             Log_SetStderrLevel(110);
-            FailureOf("/bin/true");
+            RunFailure("/bin/true");
         },
         testing::KilledBySignal(SIGABRT), "VERIFY apps/lofter/hopper/DaemonPlugin:86\n");
 }

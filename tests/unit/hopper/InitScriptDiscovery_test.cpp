@@ -21,6 +21,7 @@
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
+#include "support/OpenDescriptors.h"
 #include "support/Plugins.h"
 #include "support/TestGraph.h"
 
@@ -131,14 +132,10 @@ TEST(InitScriptList, CountsWithoutAnExitStatusOfTheTool) {
 }
 
 TEST(InitScriptList, LeavesNoDescriptorAndNoChildBehind) {
-    const auto count = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                             std::filesystem::directory_iterator());
-    };
-    const auto before = count();
+    const std::set<int> before = test::OpenDescriptors();
     ListInitScripts("echo /etc/init.d/sshd 10");
     ListInitScripts("exit 3");
-    EXPECT_EQ(count(), before);
+    EXPECT_EQ(test::OpenDescriptors(), before);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
 }

@@ -13,6 +13,7 @@
 #include "base/Exception.h"
 #include "base/Logging.h"
 #include "plugins/description/JsonDescription.h"
+#include "support/FailureOf.h"
 #include "support/LogCapture.h"
 #include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
@@ -354,7 +355,7 @@ TEST_F(JsonPlugin, RejectsWhatIsNoFileAtOnce) {
 class CommandList : public testing::Test {
   protected:
     std::string FailureOf(const Words& commands) {
-        try {
+        return test::FailureOf<MethodFailedException>([&] {
             RunCommandList("start", "net", commands, [this](const std::string& command) {
                 sent.push_back(command);
                 if (command.starts_with("fail")) {
@@ -364,10 +365,7 @@ class CommandList : public testing::Test {
                     throw 7;  // NOLINT: anything may be thrown
                 }
             });
-        } catch (const MethodFailedException& e) {
-            return e.what();
-        }
-        return {};
+        });
     }
 
     Words sent;
@@ -375,7 +373,7 @@ class CommandList : public testing::Test {
 };
 
 TEST_F(CommandList, SendsEveryCommandInOrder) {
-    EXPECT_EQ(FailureOf({"b", "a", "b"}), "");
+    EXPECT_EQ(FailureOf({"b", "a", "b"}), test::kNoFailure);
     EXPECT_EQ(sent, Words({"b", "a", "b"}));
     EXPECT_EQ(log.Lines(), Words());
 }

@@ -28,6 +28,8 @@
 #include "base/Paths.h"
 #include "plugins/description/NativeDescription.h"
 #include "posix/Descriptor.h"
+#include "support/FailureOf.h"
+#include "support/OpenDescriptors.h"
 #include "support/Plugins.h"
 #include "support/SpawnControl.h"
 #include "support/TemporaryDirectory.h"
@@ -37,6 +39,8 @@ namespace lofter {
 namespace {
 
 namespace fs = std::filesystem;
+using test::FailureOf;
+using test::OpenDescriptors;
 using test::SpawnControl;
 using Texts = std::vector<std::string>;
 
@@ -76,23 +80,8 @@ std::string LoaderReason(const std::string& path) {
     return dlerror();
 }
 
-std::size_t OpenDescriptors() {
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-}
-
 bool HasChildren() {
     return waitpid(-1, nullptr, WNOHANG) != -1;
-}
-
-template <typename Expected>
-std::string FailureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Expected& failure) {
-        EXPECT_EQ(typeid(failure), typeid(Expected)) << failure.what();
-        return failure.what();
-    }
-    return "did not fail";
 }
 
 template <typename Expected>
@@ -247,7 +236,7 @@ TEST_F(NativePluginTest, GivesTheLoadersReasonForAnObjectOfAnotherArchitecture) 
 
 TEST_F(NativePluginTest, LeavesNoDescriptorBehindWhenLoadingFails) {
     folder.Write("text.so", std::string(200, '.'));
-    const std::size_t before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     LoadFailure<InvalidPluginException>(folder / "text.so");
     LoadFailure<InvalidPluginException>(Fixture("version5"));
     LoadFailure<Exception>(Fixture("no_metadata"));
@@ -470,7 +459,7 @@ TEST_F(NativeOperationTest, ReportsAChildThatCannotBeWaitedFor) {
 }
 
 TEST_F(NativeOperationTest, LeavesNoDescriptorBehind) {
-    const std::size_t before = OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     Actor("return 0").StartPlugin();
     StartFailure("abort");
     control.program = folder / "absent";
@@ -497,7 +486,7 @@ TEST_F(NativeOperationTest, RunsBesideOthers) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(results, std::vector<std::string>(kOperations, "did not fail"));
+    EXPECT_EQ(results, std::vector<std::string>(kOperations, test::kNoFailure));
     EXPECT_EQ(control.LiveFileActions(), 0);
     EXPECT_FALSE(HasChildren());
 }
@@ -538,7 +527,7 @@ TEST_F(NativeOperationTest, IsWaitedForAcrossSignals) {
     }
     const posix::Descriptor go = LetGo();
     waiting.join();
-    EXPECT_EQ(result, "did not fail");
+    EXPECT_EQ(result, test::kNoFailure);
     ASSERT_EQ(sigaction(SIGUSR1, &previous, nullptr), 0);
 }
 

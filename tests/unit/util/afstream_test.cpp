@@ -13,22 +13,17 @@
 #include <sys/syscall.h>
 
 #include "support/ChildOutcome.h"
+#include "support/FailureOf.h"
+#include "support/OpenDescriptors.h"
 #include "support/SyscallFilter.h"
 #include "support/TemporaryDirectory.h"
 
 namespace lofter {
 namespace {
 
-namespace fs = std::filesystem;
+using test::FailureOf;
 
-std::string FailureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::runtime_error& failure) {
-        return failure.what();
-    }
-    return "did not fail";
-}
+namespace fs = std::filesystem;
 
 mode_t ModeOf(const std::string& path) {
     struct stat status {};
@@ -134,16 +129,17 @@ TEST_F(AtomicFileStream, LeavesEverythingAsItWasWithoutACommit) {
 
 TEST_F(AtomicFileStream, RefusesToCommitWhatWasNeverOpened) {
     afstream stream;
-    EXPECT_EQ(FailureOf([&] { stream.commit(); }), "commit invoked on an unknown destination");
-    EXPECT_NE(FailureOf([&] { stream.open((folder / "missing/log").c_str(), std::ios_base::out); }), "did not fail");
-    EXPECT_EQ(FailureOf([&] { stream.commit(); }), "commit invoked on an unknown destination");
+    EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.commit(); }), "commit invoked on an unknown destination");
+    EXPECT_NE(FailureOf<std::runtime_error>([&] { stream.open((folder / "missing/log").c_str(), std::ios_base::out); }),
+              test::kNoFailure);
+    EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.commit(); }), "commit invoked on an unknown destination");
 }
 
 TEST_F(AtomicFileStream, RefusesASecondCommit) {
     afstream stream;
     stream.open(path.c_str(), std::ios_base::out);
     stream.commit();
-    EXPECT_EQ(FailureOf([&] { stream.commit(); }), "commit invoked on an unknown destination");
+    EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.commit(); }), "commit invoked on an unknown destination");
 }
 
 TEST_F(AtomicFileStream, SaysWhyNoTemporaryFileCanBeCreated) {
@@ -152,17 +148,18 @@ TEST_F(AtomicFileStream, SaysWhyNoTemporaryFileCanBeCreated) {
     const std::string underFile = folder / "file/log";
     afstream stream;
     errno = 0;
-    EXPECT_EQ(FailureOf([&] { stream.open(missing.c_str(), std::ios_base::out); }),
+    EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.open(missing.c_str(), std::ios_base::out); }),
               "unable to create temporary file to write '" + missing + "': No such file or directory");
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(FailureOf([&] { stream.open(underFile.c_str(), std::ios_base::out); }),
+    EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.open(underFile.c_str(), std::ios_base::out); }),
               "unable to create temporary file to write '" + underFile + "': Not a directory");
     EXPECT_EQ(errno, ENOTDIR);
 }
 
 TEST_F(AtomicFileStream, CanBeOpenedAfterAFailedOpen) {
     afstream stream;
-    EXPECT_NE(FailureOf([&] { stream.open((folder / "missing/log").c_str(), std::ios_base::out); }), "did not fail");
+    EXPECT_NE(FailureOf<std::runtime_error>([&] { stream.open((folder / "missing/log").c_str(), std::ios_base::out); }),
+              test::kNoFailure);
     stream.open(path.c_str(), std::ios_base::out);
     stream << "new";
     stream.commit();
@@ -196,7 +193,7 @@ TEST_F(AtomicFileStream, ReopensWithACopyOfTheOldContent) {
 TEST_F(AtomicFileStream, ReopenNeedsAnOldFileWithContent) {
     {
         afstream stream;
-        EXPECT_EQ(FailureOf([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
+        EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
                   "failed to write to temp file: No such file or directory");
         EXPECT_EQ(errno, ENOENT);
     }
@@ -204,7 +201,7 @@ TEST_F(AtomicFileStream, ReopenNeedsAnOldFileWithContent) {
     {
         afstream stream;
         errno = EBUSY;
-        EXPECT_EQ(FailureOf([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
+        EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
                   std::string("failed to write to temp file: ") + std::strerror(0));
     }
     EXPECT_TRUE(Others().empty());
@@ -215,7 +212,7 @@ TEST_F(AtomicFileStream, ReopenOfADirectoryFails) {
     fs::create_directory(path);
     {
         afstream stream;
-        EXPECT_EQ(FailureOf([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
+        EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
                   "failed to write to temp file: Is a directory");
     }
     EXPECT_TRUE(Others().empty());
@@ -225,7 +222,7 @@ TEST_F(AtomicFileStream, ReopenOfAPipeFailsAtOnce) {
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
     {
         afstream stream;
-        EXPECT_EQ(FailureOf([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
+        EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.reopen(path.c_str(), std::ios_base::out); }),
                   "failed to write to temp file: No such device or address");
     }
     EXPECT_TRUE(Others().empty());
@@ -237,7 +234,7 @@ TEST_F(AtomicFileStream, ReopenReportsACopyThatBreaksOff) {
         const std::string outcome = test::InForkedChild([&] {
             test::LimitFileSize(limit);
             afstream stream;
-            return FailureOf([&] { stream.reopen(path.c_str(), std::ios_base::out); });
+            return FailureOf<std::runtime_error>([&] { stream.reopen(path.c_str(), std::ios_base::out); });
         });
         EXPECT_EQ(outcome, "failed to write to temp file: File too large") << limit;
     }
@@ -264,7 +261,7 @@ TEST_F(AtomicFileStream, SaysWhyTheDestinationCannotBeReplaced) {
         afstream stream;
         stream.open(path.c_str(), std::ios_base::out);
         temporary = folder / Others().at(0);
-        EXPECT_EQ(FailureOf([&] { stream.commit(); }),
+        EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.commit(); }),
                   "unable to rename '" + temporary + "' to '" + path + "': Is a directory");
         EXPECT_TRUE(fs::exists(temporary));
     }
@@ -277,7 +274,7 @@ TEST_F(AtomicFileStream, ReportsATemporaryFileThatWasTakenAway) {
     stream.open(path.c_str(), std::ios_base::out);
     const std::string temporary = folder / Others().at(0);
     fs::remove(temporary);
-    EXPECT_EQ(FailureOf([&] { stream.commit(); }),
+    EXPECT_EQ(FailureOf<std::runtime_error>([&] { stream.commit(); }),
               "unable to rename '" + temporary + "' to '" + path + "': No such file or directory");
     EXPECT_EQ(Read(), "old");
 }
@@ -288,7 +285,7 @@ TEST_F(AtomicFileStream, ReportsPermissionsThatCouldNotBeRead) {
     stream.open(path.c_str(), std::ios_base::out);
     stream << "new";
     EXPECT_EQ(
-        FailureOf([&] { stream.commit(); }),
+        FailureOf<std::runtime_error>([&] { stream.commit(); }),
         "failed to restore file permissions, file permissions may be incorrect: Too many levels of symbolic links");
     EXPECT_EQ(Read(), "new");
     EXPECT_EQ(ModeOf(path), 0600U);
@@ -302,7 +299,7 @@ TEST_F(AtomicFileStream, ReportsPermissionsThatCouldNotBeSet) {
         stream.open(path.c_str(), std::ios_base::out);
         stream << "new";
         test::FilterSyscalls({{.number = SYS_fchmod, .error = EPERM}});
-        return FailureOf([&] { stream.commit(); });
+        return FailureOf<std::runtime_error>([&] { stream.commit(); });
     });
     EXPECT_EQ(outcome,
               "failed to restore file permissions, file permissions may be incorrect: Operation not permitted");
@@ -318,7 +315,7 @@ TEST_F(AtomicFileStream, LeavesTheOldFileWhenTheNewOneDoesNotReachTheDisk) {
         stream << "new";
         const std::string temporary = folder / Others().at(0);
         test::FilterSyscalls({{.number = SYS_fsync, .error = EIO}});
-        const std::string failure = FailureOf([&] { stream.commit(); });
+        const std::string failure = FailureOf<std::runtime_error>([&] { stream.commit(); });
         return failure == "unable to sync '" + temporary + "': Input/output error" ? "as expected" : failure;
     });
     EXPECT_EQ(outcome, "as expected");
@@ -332,7 +329,7 @@ TEST_F(AtomicFileStream, SaysWhyTheTemporaryFileCannotBeOpened) {
         // The stream gets a descriptor of its own; the file is created by another call.
         test::FilterSyscalls({{.number = SYS_fcntl, .second = F_DUPFD_CLOEXEC, .error = EMFILE}});
         afstream stream;
-        return FailureOf([&] { stream.open(path.c_str(), std::ios_base::out); });
+        return FailureOf<std::runtime_error>([&] { stream.open(path.c_str(), std::ios_base::out); });
     });
     EXPECT_EQ(outcome, "failed to create temp file: Too many open files");
     EXPECT_EQ(Read(), "old");
@@ -354,20 +351,18 @@ TEST_F(AtomicFileStream, LetsTheLastOfTwoWritersWin) {
 }
 
 TEST_F(AtomicFileStream, LeavesNoDescriptorBehind) {
-    const auto descriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
-    const auto before = descriptors();
+    const std::set<int> before = test::OpenDescriptors();
     {
         afstream committed;
         committed.open(path.c_str(), std::ios_base::out);
         committed.commit();
         afstream failed;
-        EXPECT_NE(FailureOf([&] { failed.reopen(path.c_str(), std::ios_base::out); }), "did not fail");
+        EXPECT_NE(FailureOf<std::runtime_error>([&] { failed.reopen(path.c_str(), std::ios_base::out); }),
+                  test::kNoFailure);
         afstream uncommitted;
         uncommitted.open(path.c_str(), std::ios_base::out);
     }
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(test::OpenDescriptors(), before);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "autocli/CommandRun.h"
 #include "autocli/autocli.h"
 #include "posix/Descriptor.h"
+#include "support/OpenDescriptors.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
 
@@ -38,11 +39,6 @@ class StandardErrorFile {
   private:
     posix::Descriptor saved;
 };
-
-std::size_t OpenDescriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
 
 class Dispatcher : public testing::Test {
   protected:
@@ -227,11 +223,11 @@ TEST_F(Dispatcher, DoesNotWaitForABackgroundChildAndSavesWhatItWritesLater) {
 TEST_F(Dispatcher, LeavesNoDescriptorAndNoChildBehind) {
     directory.WriteScript("fail", "echo one >&2; exit 3");
     directory.WriteScript("daemon", "sleep 0.1 & exit 0");
-    const std::size_t before = OpenDescriptors();
+    const std::set<int> before = lofter::test::OpenDescriptors();
     ErrorsOf("fail");
     ErrorsOf("daemon");
     ErrorsOf("unknown");
-    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_EQ(lofter::test::OpenDescriptors(), before);
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
 }

@@ -8,25 +8,16 @@
 
 #include "krxctl/Sysinfo.h"
 #include "posix/Descriptor.h"
+#include "support/FailureOf.h"
 #include "support/OpenDescriptors.h"
 #include "support/TemporaryDirectory.h"
 
 namespace platform {
 namespace {
 
+using lofter::test::FailureOf;
 using lofter::test::OpenDescriptors;
 using lofter::test::TemporaryDirectory;
-
-// The text of what it throws; empty when it throws nothing.
-template <typename Action>
-std::string FailureOf(Action action) {
-    try {
-        action();
-    } catch (const std::runtime_error& failure) {
-        return failure.what();
-    }
-    return {};
-}
 
 TEST(KernelLog, AppendsEachTextAsARecordOfLofterThatIsComplete) {
     const TemporaryDirectory directory;
