@@ -1,4 +1,5 @@
 """Fixtures: every test gets a host root of its own, copied with hard links from one that is assembled once."""
+import fcntl
 import os
 import re
 import shutil
@@ -9,20 +10,28 @@ import pytest
 from support.host import BUILD, MKHOST, Host
 
 
-def MakeTemplate(name, *options):
+def MakeTemplate(testrun_uid, name, *options):
+    """Assembled once for each run of the tests, by whichever of its processes comes first."""
     path = BUILD / "host-tests" / name
-    subprocess.run([MKHOST, "--build", BUILD, "--dest", path, *options], check=True)
+    path.parent.mkdir(exist_ok=True)
+    with open(path.with_suffix(".run"), "a+") as run:
+        fcntl.flock(run, fcntl.LOCK_EX)
+        run.seek(0)
+        if run.read() != testrun_uid:
+            subprocess.run([MKHOST, "--build", BUILD, "--dest", path, *options], check=True)
+            run.truncate(0)
+            run.write(testrun_uid)
     return path
 
 
 @pytest.fixture(scope="session")
-def template():
-    return MakeTemplate("template", "--bare")
+def template(testrun_uid):
+    return MakeTemplate(testrun_uid, "template", "--bare")
 
 
 @pytest.fixture(scope="session")
-def demo_template():
-    return MakeTemplate("demo-template")
+def demo_template(testrun_uid):
+    return MakeTemplate(testrun_uid, "demo-template")
 
 
 def Provide(request, template):

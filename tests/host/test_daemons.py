@@ -364,8 +364,8 @@ def test_two_thousand_scripts_are_no_burden(host, arguments):
 # chkconfig for Linux.
 
 @pytest.fixture(scope="session")
-def daemons_template():
-    return MakeTemplate("daemons-template", "--bare", "--daemons")
+def daemons_template(testrun_uid):
+    return MakeTemplate(testrun_uid, "daemons-template", "--bare", "--daemons")
 
 
 @pytest.fixture
