@@ -346,7 +346,7 @@ def test_lines_that_do_not_fit_are_quoted_and_skipped(host):
     assert host.Lofter(*START).status == 0
     skipped = [text for text in syslog.Texts(WARNING) if text.startswith("Skipping a line")]
     assert skipped == [f"Skipping a line that is not an init.d script and its priority: '{line}'"
-                       for line in (*bad[:3], "%s%n ?[2J")]
+                       for line in (*bad[:3], r"%s%n \x1b[2J")]
     assert syslog.Texts().count("crond started.") == 1
 
 
