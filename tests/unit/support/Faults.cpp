@@ -19,6 +19,7 @@ struct Plan {
     std::atomic<int> failures = INT_MAX;
 };
 std::array<Plan, 4> plans;
+std::atomic<int> joins = 0;
 
 Plan& PlanOf(Call call) {
     return plans.at(static_cast<std::size_t>(call));
@@ -44,6 +45,10 @@ FailingCall::~FailingCall() {
     PlanOf(call).successesLeft = kNeverFails;
 }
 
+int Joins() {
+    return joins;
+}
+
 }  // namespace lofter::test
 
 // The linker sends calls here and keeps the real functions under the other names.
@@ -51,10 +56,12 @@ extern "C" {
 
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*);
+int __real_pthread_join(pthread_t, void**);
 int __real_system(const char*);
 DIR* __real_opendir(const char*);
 int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_cond_init(pthread_cond_t*, const pthread_condattr_t*);
+int __wrap_pthread_join(pthread_t, void**);
 int __wrap_system(const char*);
 DIR* __wrap_opendir(const char*);
 void* __real__Znwm(std::size_t);  // operator new
@@ -66,6 +73,11 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
         return EAGAIN;
     }
     return __real_pthread_create(thread, attributes, function, argument);
+}
+
+int __wrap_pthread_join(pthread_t thread, void** result) {
+    ++lofter::test::joins;
+    return __real_pthread_join(thread, result);
 }
 
 int __wrap_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) {
