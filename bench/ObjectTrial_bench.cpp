@@ -3,8 +3,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "plugins/NativeInterface.h"
 #include "plugins/ObjectTrial.h"
+#include "plugins/description/NativeDescription.h"
 
 namespace lofter {
 namespace {
@@ -26,7 +26,7 @@ void TrialOfObject(benchmark::State& state) {
 
 void RealLoad(benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
-        benchmark::DoNotOptimize(LoadNativeInterface(BENCH_OBJECT));
+        benchmark::DoNotOptimize(DescribeNativePlugin("p", BENCH_OBJECT));
     }
 }
 

@@ -6,7 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <nlohmann/json.hpp>
 
-#include "plugins/JsonFile.h"
+#include "plugins/description/JsonFile.h"
 
 namespace {
 

@@ -22,16 +22,11 @@ mode_t KindOf(const Descriptor& file) {
 }
 
 Descriptor OpenKind(const std::string& path, int flags, mode_t mode, bool (*isWanted)(mode_t)) {
-    Descriptor file = OpenFile(path, flags | O_NONBLOCK, mode);
-    if (!file) {
-        return file;
-    }
-    const mode_t kind = KindOf(file);
-    if (!isWanted(kind)) {
+    Descriptor file = OpenAtOnce(path, flags, mode);
+    const mode_t kind = file ? KindOf(file) : 0;
+    if (file && !isWanted(kind)) {
         file.Reset();
         errno = S_ISDIR(kind) ? EISDIR : ENXIO;
-    } else {
-        ::fcntl(file.Get(), F_SETFL, flags & ~O_NONBLOCK);
     }
     return file;
 }
@@ -40,6 +35,14 @@ Descriptor OpenKind(const std::string& path, int flags, mode_t mode, bool (*isWa
 
 Descriptor OpenFile(const std::string& path, int flags, mode_t mode) {
     return Descriptor(AcrossSignals([&] { return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, mode); }));
+}
+
+Descriptor OpenAtOnce(const std::string& path, int flags, mode_t mode) {
+    Descriptor file = OpenFile(path, flags | O_NONBLOCK, mode);
+    if (file) {
+        ::fcntl(file.Get(), F_SETFL, flags & ~O_NONBLOCK);
+    }
+    return file;
 }
 
 Descriptor OpenRegularFile(const std::string& path, int flags, mode_t mode) {

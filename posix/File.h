@@ -18,8 +18,12 @@ namespace posix {
 // Closed on exec, and never the controlling terminal. Owns nothing when the file cannot be opened.
 Descriptor OpenFile(const std::string& path, int flags, mode_t mode = 0);
 
-// The same for what has to be a regular file. Never waits for a pipe's other end: what is no regular file, but can be
-// opened, fails with ENXIO, or with EISDIR if it is a directory. Reading and writing wait as usual.
+// The same without ever waiting for a pipe's other end: writing to a pipe that nobody reads fails with ENXIO. Once it
+// is open, reading and writing wait as usual.
+Descriptor OpenAtOnce(const std::string& path, int flags, mode_t mode = 0);
+
+// The same for what has to be a regular file: what is none, but can be opened, fails with ENXIO, or with EISDIR if it
+// is a directory.
 Descriptor OpenRegularFile(const std::string& path, int flags, mode_t mode = 0);
 
 // The same for what may be a character device, too.

@@ -187,7 +187,7 @@ def test_a_pipe_in_the_place_of_the_debug_configuration_has_no_entries(host, pip
 
 
 @lonely_and_held
-def test_a_pipe_in_the_place_of_the_log_socket_takes_no_scripts_errors(host, pipes):
+def test_a_pipe_in_the_place_of_the_log_socket_keeps_no_script_from_running(host, pipes):
     pipes("/dev/log")
     Daemon(host)
     host.WriteScript("/etc/init.d/one", "echo ran >>/tmp/daemon; echo error >&2")

@@ -87,6 +87,9 @@ bool InteractiveMode::MayExecute(const std::string& plugin) {
     if (!settings.interactive) {
         return true;
     }
+    if (!streams) {
+        streams.emplace();
+    }
     if (!settings.interactiveModeRequirements.empty()) {
         StrikeOffRequirement(plugin);
         return true;
@@ -105,7 +108,7 @@ void InteractiveMode::StrikeOffRequirement(const std::string& plugin) {
 // A question whose terminal was hung up is asked again once the terminal is back.
 char InteractiveMode::AnswerTo(const std::string& plugin) const {
     for (;;) {
-        streams.AwaitTerminal();
+        streams->AwaitTerminal();
         if (const std::optional<char> answer = Prompt(plugin, console)) {
             return *answer;
         }

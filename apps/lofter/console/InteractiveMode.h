@@ -6,6 +6,7 @@
 //     on, requirements left ──(the last of them runs)──▶ on, asks ──(c)──▶ off, for the rest of the run
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "base/Paths.h"
@@ -18,7 +19,7 @@ namespace lofter {
 class InteractiveMode final : public Operator {
   public:
     // Changes the settings as the operator answers: the flag goes off, requirements are struck off the list. A terminal
-    // on the standard streams that is hung up later is opened again.
+    // that is on the standard streams in front of the first plugin is opened again when it is hung up later.
     explicit InteractiveMode(Settings& record, const char* consolePath = paths::kConsole)
         : settings(record), console(consolePath) {}
 
@@ -31,7 +32,7 @@ class InteractiveMode final : public Operator {
     bool Ask(const std::string& plugin);
     char AnswerTo(const std::string& plugin) const;
 
-    const StandardStreams streams;
+    std::optional<StandardStreams> streams;  // as they were in front of the first plugin
     Settings& settings;
     const char* console;
 };

@@ -50,7 +50,7 @@ struct ChildDescriptors {
         if (!null) {
             Log_Level(kWarning, "opening /dev/null failed\n");
         }
-        log = posix::OpenFileOrDevice(paths::kSyslogSocket, O_WRONLY);
+        log = posix::OpenAtOnce(paths::kSyslogSocket, O_WRONLY);
     }
 
     // Without /dev/null the child gets the root directory, which it can neither read nor write: kept on purpose.

@@ -622,7 +622,7 @@ TEST_F(ExecutorConnection, ThatFindsEveryDescriptorUsedIsServedThroughTheOneInRe
         }
         return told;
     });
-    EXPECT_EQ(story, "0 0; Error accepting connection on contol socket - Too many open files");
+    EXPECT_EQ(story, "0 0; Error accepting connection on contol socket - Too many open files\n");
 }
 
 TEST_F(ExecutorConnection, ThatCannotBeReadIsLogged) {

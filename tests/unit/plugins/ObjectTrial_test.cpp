@@ -12,10 +12,12 @@
 #include <unistd.h>
 
 #include "base/Exception.h"
-#include "plugins/NativeInterface.h"
+#include "plugins/NativePlugin.h"
+#include "plugins/description/NativeDescription.h"
 #include "support/ChildOutcome.h"
 #include "support/LogCapture.h"
 #include "support/OpenDescriptors.h"
+#include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
 
@@ -165,7 +167,7 @@ TEST(ObjectTrial, LetsNoObjectPassThatWasCutShortAndCrashes) {
             continue;
         }
         try {
-            EXPECT_TRUE(LoadNativeInterface(path).has_value());
+            test::MakePlugin<NativePlugin>(DescribeNativePlugin("p", path));
         } catch (const InvalidPluginException& failure) {
             EXPECT_NE(std::string(failure.what()).find(path + ": "), std::string::npos) << failure.what();
         }

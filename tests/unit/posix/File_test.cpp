@@ -55,6 +55,16 @@ TEST(OpenRegularFile, LeavesNoOtherFlagsThanWanted) {
     EXPECT_EQ(fcntl(file.Get(), F_GETFD), FD_CLOEXEC);
 }
 
+TEST(OpenAtOnce, TakesAPipeThatHasTwoEndsAndWaitsForNone) {
+    const test::TemporaryDirectory folder;
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    EXPECT_FALSE(posix::OpenAtOnce(folder / "pipe", O_WRONLY));
+    EXPECT_EQ(errno, ENXIO);
+    const Descriptor reader = posix::OpenAtOnce(folder / "pipe", O_RDONLY);
+    const Descriptor writer = posix::OpenAtOnce(folder / "pipe", O_WRONLY);
+    EXPECT_EQ(fcntl(writer.Get(), F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_WRONLY);
+}
+
 TEST(OpenFileOrDevice, TakesBothAndNothingElse) {
     const test::TemporaryDirectory folder;
     EXPECT_TRUE(posix::OpenFileOrDevice("/dev/null", O_RDWR));
