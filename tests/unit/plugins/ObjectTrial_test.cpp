@@ -62,7 +62,17 @@ bool HasChildren() {
     return waitpid(-1, nullptr, WNOHANG) != -1;
 }
 
-TEST(ObjectTrial, UsesOneProcessForManyObjectsAndNoneForNoObject) {
+class ObjectTrialTest : public testing::Test {
+  protected:
+    // A crash on purpose is no finding of a sanitizer.
+    ObjectTrialTest() {
+        for (const int number : {SIGSEGV, SIGBUS}) {
+            std::signal(number, SIG_DFL);
+        }
+    }
+};
+
+TEST_F(ObjectTrialTest, UsesOneProcessForManyObjectsAndNoneForNoObject) {
     ObjectTrial trial;
     EXPECT_EQ(Children(), Processes{});
     trial.Try(Fixture("barriers"));
@@ -74,7 +84,7 @@ TEST(ObjectTrial, UsesOneProcessForManyObjectsAndNoneForNoObject) {
     EXPECT_EQ(Children(), first);
 }
 
-TEST(ObjectTrial, LeavesTheLoadersRefusalsToTheRealLoad) {
+TEST_F(ObjectTrialTest, LeavesTheLoadersRefusalsToTheRealLoad) {
     const test::TemporaryDirectory folder;
     ObjectTrial trial;
     const std::string text = folder.Write("text.so", std::string(200, '.'));
@@ -85,7 +95,7 @@ TEST(ObjectTrial, LeavesTheLoadersRefusalsToTheRealLoad) {
     EXPECT_EQ(Children().size(), 1U);
 }
 
-TEST(ObjectTrial, TriesTheNextObjectInAnotherProcess) {
+TEST_F(ObjectTrialTest, TriesTheNextObjectInAnotherProcess) {
     ObjectTrial trial;
     trial.Try(Fixture("barriers"));
     const Processes first = Children();
@@ -99,7 +109,7 @@ TEST(ObjectTrial, TriesTheNextObjectInAnotherProcess) {
     EXPECT_NE(Children(), first);
 }
 
-TEST(ObjectTrial, HasALimit) {
+TEST_F(ObjectTrialTest, HasALimit) {
     ObjectTrial trial(std::chrono::seconds(1));
     for (const std::string name : {"sleep_loading", "close_all_and_sleep_loading"}) {
         EXPECT_EQ(Rejection(trial, Fixture(name)), Invalid(Fixture(name), "did not load within 1 s"));
@@ -107,7 +117,7 @@ TEST(ObjectTrial, HasALimit) {
     }
 }
 
-TEST(ObjectTrial, DoesNotWaitForAPipeForEver) {
+TEST_F(ObjectTrialTest, DoesNotWaitForAPipeForEver) {
     const test::TemporaryDirectory folder;
     const std::string path = folder / "pipe.so";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -115,7 +125,7 @@ TEST(ObjectTrial, DoesNotWaitForAPipeForEver) {
     EXPECT_EQ(Rejection(trial, path), Invalid(path, "did not load within 1 s"));
 }
 
-TEST(ObjectTrial, DoesNotBlameAnObjectForAProcessThatEndedBefore) {
+TEST_F(ObjectTrialTest, DoesNotBlameAnObjectForAProcessThatEndedBefore) {
     ObjectTrial trial;
     trial.Try(Fixture("barriers"));
     const Processes first = Children();
@@ -127,7 +137,7 @@ TEST(ObjectTrial, DoesNotBlameAnObjectForAProcessThatEndedBefore) {
     EXPECT_NE(Children(), first);
 }
 
-TEST(ObjectTrial, LeavesNoProcessAndNoDescriptorBehind) {
+TEST_F(ObjectTrialTest, LeavesNoProcessAndNoDescriptorBehind) {
     const std::set<int> before = test::OpenDescriptors();
     {
         ObjectTrial trial;
@@ -139,7 +149,7 @@ TEST(ObjectTrial, LeavesNoProcessAndNoDescriptorBehind) {
     EXPECT_EQ(test::OpenDescriptors(), before);
 }
 
-TEST(ObjectTrial, IsDoneWithoutWhereThereIsNoProcessForIt) {
+TEST_F(ObjectTrialTest, IsDoneWithoutWhereThereIsNoProcessForIt) {
     EXPECT_EQ(test::InForkedChild([] {
                   const test::LogCapture log;
                   test::ForbidProcesses();
@@ -152,7 +162,7 @@ TEST(ObjectTrial, IsDoneWithoutWhereThereIsNoProcessForIt) {
 }
 
 // The loader maps an object that was cut short without looking, and the first access beyond its end is a crash.
-TEST(ObjectTrial, LetsNoObjectPassThatWasCutShortAndCrashes) {
+TEST_F(ObjectTrialTest, LetsNoObjectPassThatWasCutShortAndCrashes) {
     const test::TemporaryDirectory folder;
     std::ifstream file(Fixture("barriers"), std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(file), {}};

@@ -2,7 +2,8 @@
 //
 // That is the working directory, the umask, the environment, the interval timers, and the dispositions and the mask of
 // signals. A copy of the process that such code forked and let go on is ended: there is one boot only. For a process
-// without other threads, in which nothing else changes any of these meanwhile.
+// without other threads, in which nothing else changes any of these meanwhile, and whose environment is still the array
+// that it was started with: one that setenv() has made is gone once it makes the next.
 #pragma once
 
 #include <array>

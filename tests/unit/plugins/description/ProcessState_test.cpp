@@ -3,10 +3,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/ForkedChild.h"
@@ -40,8 +40,10 @@ TEST(ProcessState, PutsTheFileModeMaskBack) {
 }
 
 TEST(ProcessState, PutsTheEnvironmentBack) {
-    ASSERT_EQ(setenv("changed", "before", 1), 0);
-    ASSERT_EQ(setenv("removed", "before", 1), 0);
+    std::string changed = "changed=before";
+    std::string removed = "removed=before";
+    char* own[] = {removed.data(), changed.data(), nullptr};
+    char** const before = std::exchange(environ, own);
     {
         const ProcessState state;
         static char variable[] = "changed=after";
@@ -52,6 +54,8 @@ TEST(ProcessState, PutsTheEnvironmentBack) {
     EXPECT_STREQ(getenv("changed"), "before");
     EXPECT_STREQ(getenv("removed"), "before");
     EXPECT_EQ(getenv("added"), nullptr);
+    EXPECT_EQ(environ, own);
+    environ = before;
 }
 
 TEST(ProcessState, PutsTimersBack) {
