@@ -186,13 +186,17 @@ def test_a_pipe_in_the_place_of_the_debug_configuration_has_no_entries(host, pip
     assert [line for line in outcome.Log() if not line.startswith("info ")] == []
 
 
-@lonely_and_held
-def test_a_pipe_in_the_place_of_the_log_socket_keeps_no_script_from_running(host, pipes):
-    pipes("/dev/log")
+def test_a_pipe_in_the_place_of_the_log_socket_takes_scripts_errors_if_somebody_reads(host):
+    lonely = Pipe(host, "/dev/log", hasPartner=False)
     Daemon(host)
     host.WriteScript("/etc/init.d/one", "echo ran >>/tmp/daemon; echo error >&2")
     Boot(host, "--daemon=wait", "--method=start")
-    assert host.Read("/tmp/daemon") == "ran\n"
+    lonely.Close()
+    held = Pipe(host, "/dev/log", hasPartner=True)
+    Boot(host, "--daemon=wait", "--method=start")
+    assert os.read(held.partner, 100) == b"error\n"
+    held.Close()
+    assert host.Read("/tmp/daemon") == "ran\nran\n"
 
 
 # What is missing altogether.
