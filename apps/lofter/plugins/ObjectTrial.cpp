@@ -239,7 +239,8 @@ class ObjectTrial::Process {
             }
             if (watched[0].revents != 0 && !ReceiveAnswer()) {
                 watched[0].fd = -1;
-            } else if (watched[0].revents != 0 && stage.Get() == Stage::kSurvived) {
+            }
+            if (watched[0].revents != 0 && stage.Get() == Stage::kSurvived) {
                 return Event::kAnswer;
             }
             if (watched[1].revents != 0) {
