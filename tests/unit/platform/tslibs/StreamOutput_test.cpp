@@ -335,19 +335,37 @@ TEST(StreamOutput, FollowsADescriptorThatIsRedirected) {
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
-TEST(StreamOutput, OpensAgainOnceAndForItselfAlone) {
-    const FullPipe pipe(0);
-    pipe.Drain();
+// The descriptors that writing has added to those before.
+std::set<int> OpenedByWriting(StreamOutput& output, std::string_view text) {
     const std::set<int> before = OpenDescriptors();
-    StreamOutput output(pipe.writer.Get(), "lofter", kPlain);
-    output.Write(125, "one");
-    output.Write(125, "two");
+    output.Write(125, text);
     std::set<int> opened = OpenDescriptors();
     for (const int number : before) {
         opened.erase(number);
     }
+    return opened;
+}
+
+TEST(StreamOutput, OpensAgainOnceAndForItselfAlone) {
+    const FullPipe pipe(0);
+    pipe.Drain();
+    StreamOutput output(pipe.writer.Get(), "lofter", kPlain);
+    const std::set<int> opened = OpenedByWriting(output, "one");
     ASSERT_EQ(opened.size(), 1U);
     EXPECT_EQ(::fcntl(*opened.begin(), F_GETFD), FD_CLOEXEC);
+    EXPECT_TRUE(OpenedByWriting(output, "two").empty());
+}
+
+TEST(StreamOutput, OpensOnceMoreWhenWhatItOpenedFails) {
+    const FullPipe pipe(0);
+    pipe.Drain();
+    StreamOutput output(pipe.writer.Get(), "lofter", kPlain);
+    const std::set<int> opened = OpenedByWriting(output, "before");
+    ASSERT_EQ(opened.size(), 1U);
+    // The same file, but one that takes nothing, as the description of a terminal that was hung up.
+    ASSERT_EQ(::dup3(pipe.reader.Get(), *opened.begin(), O_CLOEXEC), *opened.begin());
+    output.Write(125, "after");
+    EXPECT_EQ(pipe.Drain(), "info lofter: before\ninfo lofter: after\n");
 }
 
 TEST(StreamOutput, NeverTakesTheNumberOfAStandardStream) {
