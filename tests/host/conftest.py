@@ -11,16 +11,16 @@ from support.host import BUILD, MKHOST, Host
 
 
 def MakeTemplate(testrun_uid, name, *options):
-    """Assembled once for each run of the tests, by whichever of its processes comes first."""
+    """Assembled once for each run of the tests, by whichever of its processes comes first; one after the other, because
+    they fetch packages into the same place."""
     path = BUILD / "host-tests" / name
+    made = path.with_suffix(".run")
     path.parent.mkdir(exist_ok=True)
-    with open(path.with_suffix(".run"), "a+") as run:
-        fcntl.flock(run, fcntl.LOCK_EX)
-        run.seek(0)
-        if run.read() != testrun_uid:
+    with open(path.parent / "templates.lock", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not made.exists() or made.read_text() != testrun_uid:
             subprocess.run([MKHOST, "--build", BUILD, "--dest", path, *options], check=True)
-            run.truncate(0)
-            run.write(testrun_uid)
+            made.write_text(testrun_uid)
     return path
 
 

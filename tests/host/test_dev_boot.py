@@ -9,6 +9,9 @@ import pytest
 from support.host import BUILD, REPOSITORY
 from support.terminal import Terminal
 
+# They share one demo host, that of ./dev boot.
+pytestmark = pytest.mark.xdist_group("demo")
+
 # What goes around a command so that the kernel refuses it namespaces, and the kernel's words for that.
 REFUSALS = {
     "ordinary user": (1, "unshare --user --map-user=1000 --map-group=1000", "[Errno 28] unshare: No space left on device"),

@@ -13,6 +13,9 @@ import pytest
 from support.host import BUILD, ENTER, REPOSITORY
 from support.waiting import Eventually
 
+# They share one demo host, that of ./dev boot.
+pytestmark = pytest.mark.xdist_group("demo")
+
 RECORDING = REPOSITORY / "docs" / "interactive-boot.txt"
 README = REPOSITORY / "README.md"
 PROMPT = "current plugin: "
