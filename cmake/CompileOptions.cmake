@@ -1,4 +1,5 @@
 # One target, `lofter_options`, carries the language level, the warnings, the hardening and the sanitizers to every target.
+option(LOFTER_WARNINGS_AS_ERRORS "Let no warning pass; the presets do" OFF)
 option(LOFTER_FUZZERS "Give the programs of tests/fuzz clang's fuzzing engine; needs clang" OFF)
 set(LOFTER_SANITIZE "" CACHE STRING "Sanitizers to build with, comma separated: address,undefined or thread")
 
@@ -13,7 +14,7 @@ check_pie_supported()
 
 add_library(lofter_options INTERFACE)
 target_compile_options(lofter_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${LOFTER_WARNINGS_AS_ERRORS}>:-Werror>)
 # g++ 12 sees overlapping copies in plain string concatenation when it optimises.
 target_compile_options(lofter_options INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>)

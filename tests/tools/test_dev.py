@@ -18,7 +18,7 @@ COMMANDS = {
 }
 QUIET_BEFORE_THEIR_BUILD = ["soak", "bench"]
 # In place of the ones of this machine.
-INSTALLED = """cat debian-packages*.txt | sed 's/ .*//; s/$/ installed/'"""
+INSTALLED = """sed 's/ .*//; s/$/ installed/' debian-packages.txt"""
 OUT_OF_ORDER = """[ -d build ] && echo "$*" >>"$CALLS"; echo "cmake: out of order" >&2; exit 1"""
 APT = """case " $* " in
 *" -s "*) echo "Inst zlib1g-dev (1 Debian:12 [arm64])" ;;
