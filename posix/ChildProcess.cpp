@@ -2,10 +2,9 @@
 
 #include <cerrno>
 
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "posix/Descriptor.h"
 
 namespace posix {
 
@@ -18,6 +17,11 @@ void CloseDescriptorsFrom(int first) {
     for (int descriptor = first; descriptor < limit; ++descriptor) {
         Descriptor(descriptor).Reset();
     }
+}
+
+// By its number, because the C library's declaration is not usable from C++ in every version.
+Descriptor WatchProcess(pid_t process) {
+    return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
 }
 
 bool WaitForChild(pid_t child, int& status) {

@@ -289,12 +289,6 @@ void* realloc(void* old, size_t size) {
     return Fails(MALLOC) ? NULL : __libc_realloc(old, size);
 }
 
-/* Daemons are looked at five times a second; nothing is learnt by waiting for that in every run. */
-int usleep(useconds_t microseconds) {
-    NEXT(usleep)
-    return next(control != NULL ? microseconds / 100 : microseconds);
-}
-
 static bool IsWatched(void) {
     return strcmp(program_invocation_short_name, "lofter") == 0 ||
            strcmp(program_invocation_short_name, "nativeExecutor") == 0;

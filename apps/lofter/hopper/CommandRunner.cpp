@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "base/Settings.h"
 #include "hostkernel/hostkernel.h"
 #include "posix/AcrossSignals.h"
+#include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
 #include "posix/File.h"
 #include "tslibs/warning.h"
@@ -25,8 +27,7 @@ namespace lofter {
 
 namespace {
 
-constexpr useconds_t kPollMicroseconds = 200'000;
-constexpr std::int64_t kPollMilliseconds = kPollMicroseconds / 1000;
+constexpr int kPollMilliseconds = 200;
 constexpr std::int64_t kPollsWithoutWaiting = 50;
 constexpr std::uint32_t kSpawnFlags = 3;  // meaning known to the host's kernel only
 
@@ -83,12 +84,12 @@ pid_t StartChild(const std::string& command, char* const* environment) {
 
 // The child's wait status, or nothing when the budget was used up first. A status of all ones stands for a child that
 // cannot be waited for.
-std::optional<int> WaitForChild(pid_t child, std::int64_t budget, const std::function<void()>& pause) {
+std::optional<int> WaitForChild(pid_t child, std::int64_t budget, const std::function<void(pid_t child)>& pause) {
     for (;;) {
         int status = -1;
         const pid_t result = waitpid(child, &status, WNOHANG);
         if (result == 0) {
-            pause();
+            pause(child);
             // Compared with 0 only: a budget that starts at 0 or below lasts until the child ends.
             if (--budget == 0) {
                 return std::nullopt;
@@ -126,11 +127,15 @@ std::int64_t PollBudget(const CommandSettings& settings) {
     return (std::int64_t{settings.waitTimeoutSeconds} * 1000 + kPollMilliseconds - 1) / kPollMilliseconds;
 }
 
-void SleepBetweenPolls() {
-    usleep(kPollMicroseconds);
+void PauseBetweenPolls(pid_t child) {
+    // On a kernel without such descriptors nothing is watched, and the interval passes.
+    const posix::Descriptor end = posix::WatchProcess(child);
+    pollfd ended{end.Get(), POLLIN, 0};
+    ::poll(&ended, 1, kPollMilliseconds);
 }
 
-void RunCommand(const std::string& command, const CommandSettings& settings, const std::function<void()>& pause) {
+void RunCommand(const std::string& command, const CommandSettings& settings,
+                const std::function<void(pid_t child)>& pause) {
     const pid_t child = StartChild(command, settings.environment);
     const std::optional<int> status = WaitForChild(child, PollBudget(settings), pause);
     if (status) {

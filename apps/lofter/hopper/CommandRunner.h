@@ -12,6 +12,8 @@
 #include <functional>
 #include <string>
 
+#include <sys/types.h>
+
 namespace lofter {
 
 struct Settings;
@@ -29,13 +31,13 @@ CommandSettings CommandSettingsOf(const Settings& settings);
 // 0 or below is never used up.
 std::int64_t PollBudget(const CommandSettings& settings);
 
-// Sleeps for one poll interval.
-void SleepBetweenPolls();
+// Passes one poll interval, or less: it is over when the child has ended.
+void PauseBetweenPolls(pid_t child);
 
 // Returns when the command exited with status 0, or when it was not to be waited for and is still running after 10
 // seconds. Throws Exception otherwise: the program cannot be run, exited with another status, was killed by a signal,
 // or timed out. `pause` passes the time between two looks at the child.
 void RunCommand(const std::string& command, const CommandSettings& settings,
-                const std::function<void()>& pause = SleepBetweenPolls);
+                const std::function<void(pid_t child)>& pause = PauseBetweenPolls);
 
 }  // namespace lofter

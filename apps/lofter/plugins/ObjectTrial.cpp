@@ -18,7 +18,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -177,7 +176,7 @@ class ObjectTrial::Process {
         }
         if (child > 0) {
             setpgid(child, child);  // as the child does: it must have happened before either goes on
-            childEnd.Reset(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+            childEnd = posix::WatchProcess(child);
         }
     }
     ~Process() {

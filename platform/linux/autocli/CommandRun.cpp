@@ -12,11 +12,11 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "autocli/Streams.h"
+#include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
 
 namespace platform {
@@ -168,16 +168,9 @@ int Spawn(pid_t& child, const std::string& program, const std::vector<std::strin
                          Pointers(environment).data());
 }
 
-// A descriptor that becomes readable when the process ends. By its number, because the C library's declaration is not
-// usable from C++ in every version.
-int WatchProcess(pid_t child) {
-    return static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
-}
-
 int WaitForEnd(pid_t child) {
     int status = 0;
-    while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
-    }
+    posix::WaitForChild(child, status);
     return status;
 }
 
@@ -257,7 +250,7 @@ std::vector<std::string> RunCommand(const std::string& program, const std::vecto
     }
     errors.CloseWriteEnd();
 
-    const posix::Descriptor process(WatchProcess(child));
+    const posix::Descriptor process = posix::WatchProcess(child);
     if (!process) {
         // Nobody reads from here on, so the command ends instead of waiting for a reader.
         const int failure = errno;

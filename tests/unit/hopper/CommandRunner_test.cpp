@@ -35,7 +35,7 @@ CommandSettings Waiting(std::int32_t seconds) {
 }
 
 std::string RunFailure(const std::string& command, const CommandSettings& settings = Waiting(40),
-                       const std::function<void()>& pause = SleepBetweenPolls) {
+                       const std::function<void(pid_t)>& pause = PauseBetweenPolls) {
     return test::FailureOf<Exception>([&] { RunCommand(command, settings, pause); });
 }
 
@@ -104,7 +104,7 @@ TEST(CommandRunner, LeavesACommandThatIsNotWaitedForRunningAfterFiftyPolls) {
     RunningScript script(folder);
     int polls = 0;
     EXPECT_EQ(RunFailure(script.Path(), NotWaiting(),
-                         [&] {
+                         [&](pid_t) {
                              ++polls;
                              ASSERT_GT(script.Id(), 0);
                          }),
@@ -123,7 +123,7 @@ TEST(CommandRunner, GivesUpWaitingAfterOneSecondOfPollsAndLeavesTheCommandRunnin
     RunningScript script(folder);
     int polls = 0;
     EXPECT_EQ(RunFailure(script.Path() + " start", Waiting(1),
-                         [&] {
+                         [&](pid_t) {
                              ++polls;
                              ASSERT_GT(script.Id(), 0);
                          }),
@@ -146,6 +146,35 @@ TEST(CommandRunner, LetsATimeOutOfOneSecondLastOneSecond) {
     EXPECT_EQ(waitpid(script.Id(), nullptr, 0), script.Id());
 }
 
+// Of a child that has ended, a hundred pauses take no time; of one that runs, they would take twenty seconds.
+TEST(CommandRunner, PausesNoLongerThanTheCommandRuns) {
+    const test::TemporaryDirectory folder;
+    RunningScript script(folder);
+    EXPECT_EQ(RunFailure(script.Path(), Waiting(1)), "Execution of command: '" + script.Path() + "' timed out.");
+    script.Release();
+    const auto start = std::chrono::steady_clock::now();
+    for (int pauses = 0; pauses < 100; ++pauses) {
+        PauseBetweenPolls(script.Id());
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(waitpid(script.Id(), nullptr, 0), script.Id());
+}
+
+// Kept on purpose: the last pause counts against a command whether it ends in it or not.
+TEST(CommandRunner, CountsACommandThatEndsInTheLastPauseAsTimedOut) {
+    const test::TemporaryDirectory folder;
+    RunningScript script(folder);
+    int polls = 0;
+    EXPECT_EQ(RunFailure(script.Path(), Waiting(1),
+                         [&](pid_t) {
+                             if (++polls == 5) {
+                                 script.Release();
+                             }
+                         }),
+              "Execution of command: '" + script.Path() + "' timed out.");
+    EXPECT_EQ(waitpid(script.Id(), nullptr, 0), script.Id());
+}
+
 class WaitWithoutEnd : public testing::TestWithParam<std::int32_t> {};
 
 TEST_P(WaitWithoutEnd, LastsUntilTheCommandEnds) {
@@ -153,7 +182,7 @@ TEST_P(WaitWithoutEnd, LastsUntilTheCommandEnds) {
     RunningScript script(folder);
     int polls = 0;
     EXPECT_EQ(RunFailure(script.Path(), Waiting(GetParam()),
-                         [&] {
+                         [&](pid_t) {
                              if (++polls == 1000) {
                                  script.Release();
                              }
