@@ -337,14 +337,10 @@ def Process(running, terminal):
     raise AssertionError("not running")
 
 
-@pytest.fixture(params=[signal.SIGTERM, signal.SIGINT, signal.SIGHUP], ids=lambda number: number.name)
-def ending(request):
-    """A signal that ends a program; so it does here, too, even if whoever started the tests ignores it."""
-    before = signal.signal(request.param, signal.SIG_DFL)
-    yield request.param
-    signal.signal(request.param, before)
+ending_signals = pytest.mark.parametrize("ending", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP], ids=lambda number: number.name)
 
 
+@ending_signals
 @pytest.mark.parametrize("prompt", ["first", "after a shell"])
 def test_a_signal_that_ends_a_prompt_leaves_a_usable_terminal(host, ending, prompt):
     boot = Boot(host, "--interactive")
@@ -362,6 +358,7 @@ def test_a_signal_that_ends_a_prompt_leaves_a_usable_terminal(host, ending, prom
     assert boot.terminal.Everything()[boot.position:] == SHOW
 
 
+@ending_signals
 def test_a_signal_that_is_ignored_stays_so_at_a_prompt(host, ending):
     host.DebugConfiguration("a::a:true")
     terminal = host.Terminal()

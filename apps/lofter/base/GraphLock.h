@@ -1,6 +1,6 @@
 // The one program-wide lock.
 //
-// It guards the graph (links, depth caches, node states), the barrier registry, the executor's ready queue, the
+// It guards the graph (links, depth caches, node states, barriers by name), the executor's ready queue, the
 // creation of the settings record, the once-per-process host-profile check, the construction of init.d plugins and the
 // reset of the command executor process. It is recursive, because scheduling a node schedules its dependencies. There
 // is no other lock in the orchestrator, hence no lock order. Plugin work runs without it.

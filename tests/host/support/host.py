@@ -26,6 +26,8 @@ ENVIRONMENT = {
     "UBSAN_OPTIONS": f"log_path=/{REPORTS}/report:print_stacktrace=1",
     "TSAN_OPTIONS": f"log_path=/{REPORTS}/report:die_after_fork=0:second_deadlock_stack=1",
 }
+# Whoever started the tests may ignore signals, which they would pass on; a command in the background of a shell does.
+DEFAULT_SIGNALS = ["env", "--default-signal=INT,TERM,HUP"]
 
 
 @dataclasses.dataclass
@@ -166,7 +168,7 @@ class Host:
         options += [word for path in readOnly for word in ("--read-only", path)]
         options += [name for name, on in (("--net", net), ("--heed-modes", heedModes), ("--plain", plain), ("--wait", wait)) if on]
         running = Running(
-            [str(ENTER), *options, str(self.root), "--", *map(str, command)], leftovers,
+            [*DEFAULT_SIGNALS, str(ENTER), *options, str(self.root), "--", *map(str, command)], leftovers,
             stdin=stdin, stdout=stdout, stderr=stderr, pass_fds=[leftovers.fileno(), *passFds],
             env={**ENVIRONMENT, **(environment or {})},
             preexec_fn=terminal.BecomeControlling if terminal is not None else None)
