@@ -164,7 +164,8 @@ void RunSequence::DiscoverPlugins() {
     Discovery discovery(
         {settings.pluginDirectory, paths::kDebugConfiguration, settings.disabledPlugins, options.pluginFlags}, graph,
         activation, runOnce, plugins);
-    // The last defence against an object that gets past its trial: a boot that ends here is none that went well.
+    // The last defence against an object, where there is no process to load it in: a boot that ends here is none that
+    // went well.
     const ExitWatch watch([&] {
         Log_Level(kError, "lofter was made to exit whilst loading plugin %s, nothing was run\n",
                   discovery.CurrentFile().c_str());

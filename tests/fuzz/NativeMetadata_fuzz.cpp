@@ -120,7 +120,7 @@ void IsReadAsLaidOut(std::uint32_t version, Bytes& bytes) {
     }
     const bool known = version >= 3;
     Require(read.version == static_cast<std::int32_t>(version), "version");
-    Require(read.hasHostProfileOperation == (hostProfile != 0), "host-profile operation");
+    Require(read.hasHostProfileOperation == (version >= 2 && hostProfile != 0), "host-profile operation");
     Require(test::Required(read) == required.Strings(), "required barriers");
     Require(test::Provided(read) == provided.Strings(), "provided barriers");
     Require(read.release == (known && hasRelease ? release : ""), "release");

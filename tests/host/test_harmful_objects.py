@@ -104,13 +104,11 @@ def test_objects_that_never_finish_loading_are_given_up(host):
     assert not boot.outcome.leftovers
 
 
-def test_a_child_that_an_object_leaves_behind_in_the_trial_ends_with_it(host):
+def test_a_child_that_an_object_leaves_behind_ends_with_its_loader(host):
     Fixture(host, "leave_child_loading", "orphan.so")
     boot = Boot(host, "--invoke", "--method=none", "--plugin=orphan.so", grace=1)
     assert boot.loading == []
-    # The child of the real load remains; that is the object's own affair.
-    assert [line.split()[1:] for line in boot.outcome.leftovers] == \
-        [["/usr/sbin/lofter", "--init", "--invoke", "--method=none", "--plugin=orphan.so"]]
+    assert boot.outcome.leftovers == []
 
 
 def test_an_object_that_goes_on_twice_boots_the_host_once(host):
@@ -123,9 +121,9 @@ def test_an_object_that_goes_on_twice_boots_the_host_once(host):
     assert boot.outcome.output.count("Lofter executor signalled") <= 1
 
 
-def test_what_an_object_changes_in_its_loader_is_put_back(host):
+def test_what_an_object_changes_in_its_loader_reaches_nobody_else(host):
     Fixture(host, "change_process_loading", "change.so")
-    host.WriteScript("/usr/bin/report", "umask; pwd; echo ${LEFT_BY-nothing} $PATH; grep Sig[BI] /proc/self/status")
+    host.WriteScript("/usr/bin/report", "umask; pwd; echo ${LEFT_BY-nothing} $PATH; ulimit -a; grep Sig[BI] /proc/self/status")
     host.DebugConfiguration("look:::report >/run/before", "wait:clock::sleep 0.5", "look again:clock::report >/run/after")
     assert host.Lofter("--init", "--plugin=look.debug").status == 0
     host.Restart()
@@ -135,21 +133,23 @@ def test_what_an_object_changes_in_its_loader_is_put_back(host):
     assert host.Read("/run/after") == host.Read("/run/before")
 
 
-def test_a_thread_that_an_object_leaves_behind_does_not_end_the_boot(host):
-    Fixture(host, "leave_thread_loading", "thread.so")
+@pytest.mark.parametrize("name", ["leave_thread_loading", "stay_and_sleep"])
+def test_what_an_object_leaves_behind_does_not_end_the_boot(host, name):
+    Fixture(host, name)
     host.DebugConfiguration("wait:::sleep 0.5")
-    boot = Boot(host, "--plugin=thread.so,wait.debug")
+    # It is not run: what it does to the process that runs it is its own affair.
+    boot = Boot(host, f"--plugin={name}.so,wait.debug", f"--disable-plugins={name}")
     assert boot.loading == []
-    assert sorted(boot.activated) == ["thread", "wait"]
+    assert boot.activated == ["wait"]
 
 
-def test_an_exit_in_the_middle_of_discovery_is_a_failure_and_stops_the_executor(host):
-    Fixture(host, "exit_when_loaded_again_loading", "fickle.so")
-    Hello(host, "hello")
-    boot = Boot(host, "--plugin=hello.so,fickle.so", status=1)
-    assert boot.errors[-1] == f"lofter was made to exit whilst loading plugin fickle.so, nothing was run"
-    assert boot.activated == []
-    assert not boot.outcome.leftovers
+def test_an_object_is_not_blamed_for_what_one_before_it_left_behind(host):
+    """The first leaves a thread that crashes, its code being gone, while the next is loaded, which takes its time."""
+    Fixture(host, "leave_thread_loading")
+    Fixture(host, "slow_loading")
+    boot = Boot(host, "--plugin=leave_thread_loading.so,slow_loading.so")
+    assert boot.loading == []
+    assert sorted(boot.activated) == ["leave_thread_loading", "slow_loading"]
 
 
 def test_a_truncated_object_costs_only_itself(host):

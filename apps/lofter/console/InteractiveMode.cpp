@@ -87,9 +87,6 @@ bool InteractiveMode::MayExecute(const std::string& plugin) {
     if (!settings.interactive) {
         return true;
     }
-    if (!streams) {
-        streams.emplace();
-    }
     if (!settings.interactiveModeRequirements.empty()) {
         StrikeOffRequirement(plugin);
         return true;
@@ -108,7 +105,9 @@ void InteractiveMode::StrikeOffRequirement(const std::string& plugin) {
 // A question whose terminal was hung up is asked again once the terminal is back.
 char InteractiveMode::AnswerTo(const std::string& plugin) const {
     for (;;) {
-        streams->AwaitTerminal();
+        if (streams) {
+            streams->AwaitTerminal();
+        }
         if (const std::optional<char> answer = Prompt(plugin, console)) {
             return *answer;
         }

@@ -19,9 +19,13 @@ namespace lofter {
 class InteractiveMode final : public Operator {
   public:
     // Changes the settings as the operator answers: the flag goes off, requirements are struck off the list. A terminal
-    // that is on the standard streams in front of the first plugin is opened again when it is hung up later.
+    // that is on the standard streams now is opened again when it is hung up later.
     explicit InteractiveMode(Settings& record, const char* consolePath = paths::kConsole)
-        : settings(record), console(consolePath) {}
+        : settings(record), console(consolePath) {
+        if (settings.interactive) {
+            streams.emplace();
+        }
+    }
 
     // Asks about the plugin if it is one to ask about, and does what the operator wants done before it. False when the
     // plugin is to be skipped.
@@ -32,7 +36,7 @@ class InteractiveMode final : public Operator {
     bool Ask(const std::string& plugin);
     char AnswerTo(const std::string& plugin) const;
 
-    std::optional<StandardStreams> streams;  // as they were in front of the first plugin
+    std::optional<StandardStreams> streams;  // as they were at the start of an interactive run
     Settings& settings;
     const char* console;
 };

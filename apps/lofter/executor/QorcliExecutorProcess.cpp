@@ -179,6 +179,7 @@ void* QorcliExecutor::RunEventLoop(void* executor) {
         return nullptr;
     }
     Poll_Loop(true, &exitFlag, kPollMainClass);
+    relief = AcceptRelief();
     return nullptr;
 }
 

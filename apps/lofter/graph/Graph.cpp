@@ -8,9 +8,9 @@ namespace lofter {
 
 Graph::~Graph() = default;
 
-void Graph::Keep(std::unique_ptr<Node> node) {
+Node& Graph::Keep(std::unique_ptr<Node> node) {
     GraphLock lock;
-    nodes.push_back(std::move(node));
+    return *nodes.emplace_back(std::move(node));
 }
 
 std::size_t Graph::Size() const {

@@ -31,9 +31,7 @@ class Graph {
     // Takes ownership of the node and returns it.
     template <std::derived_from<Node> NodeType>
     NodeType& Add(std::unique_ptr<NodeType> node) {
-        NodeType& added = *node;
-        Keep(std::move(node));
-        return added;
+        return static_cast<NodeType&>(Keep(std::move(node)));
     }
 
     // How many nodes there are, barriers included.
@@ -61,7 +59,7 @@ class Graph {
     const std::vector<std::uint32_t>& Priorities() const { return priorities; }
 
   private:
-    void Keep(std::unique_ptr<Node> node);
+    Node& Keep(std::unique_ptr<Node> node);
     void TakePlace(PriorityBarrier& barrier);
 
     const Settings& settings;

@@ -11,7 +11,6 @@
 #include "plugins/JSONPlugin.h"
 #include "plugins/NativePlugin.h"
 #include "plugins/description/JsonDescription.h"
-#include "plugins/description/NativeDescription.h"
 #include "posix/Directory.h"
 
 namespace lofter {
@@ -86,10 +85,7 @@ void Discovery::ProcessFile(const std::string& fileName) {
     Plugin* plugin = nullptr;
     bool isLoaded = false;
     if (extension == "so") {
-        isLoaded = LoadContained(fileName, [&] {
-            trial.Try(path);
-            plugin = &AddPlugin<NativePlugin>(DescribeNativePlugin(name, path));
-        });
+        isLoaded = LoadContained(fileName, [&] { plugin = &AddPlugin<NativePlugin>(objects.Describe(name, path)); });
     } else if (extension == "json") {
         isLoaded = LoadContained(fileName, [&] { plugin = &AddPlugin<JSONPlugin>(DescribeJsonPlugin(name, path)); });
     } else if (extension == "debug") {

@@ -4,7 +4,7 @@
 // against the disabled plugins, the boot flags and the run-once record, in this order. A plugin that is rejected stays
 // in the graph, marked as started: its links count, and whoever waits on its barriers goes on. So do those of a file
 // that could be described in part only. Every rejection is logged with its reason; nothing about one file stops the
-// next. Shared objects are tried in another process before they are loaded into this one.
+// next. Shared objects are loaded in another process.
 #pragma once
 
 #include <deque>
@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "graph/Graph.h"
-#include "plugins/ObjectTrial.h"
+#include "plugins/ObjectReader.h"
 #include "plugins/Plugin.h"
 #include "plugins/description/DebugConfiguration.h"
 
@@ -66,7 +66,7 @@ class Discovery {
     Activator& activator;
     std::set<std::string>& runOnce;
     PluginList& plugins;
-    ObjectTrial trial;
+    ObjectReader objects;
     std::string currentFile;
 };
 

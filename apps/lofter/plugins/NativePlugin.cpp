@@ -15,8 +15,6 @@ namespace lofter {
 
 namespace {
 
-constexpr std::int32_t kHostProfileVersion = 2;
-
 struct DestroyFileActions {
     void operator()(KrxuserCompatSpawnFileActions* actions) const { KrxuserCompat_SpawnFileActionsDestroy(actions); }
 };
@@ -100,10 +98,6 @@ class OperationCall {
 
 void NativePlugin::StartPlugin() {
     RunOperation("start");
-}
-
-bool NativePlugin::HasApplyHostProfile() const {
-    return GetVersion() >= kHostProfileVersion && Description().hasHostProfileOperation;
 }
 
 void NativePlugin::ApplyHostProfile() {

@@ -1,7 +1,8 @@
 // A native plugin: a shared object that exports a block of metadata and a table of operations.
 //
-// The object is loaded into this process only while it is described. The operations run in the native executor program,
-// one process for each call, so a plugin that crashes fails alone. Several plugins may run their operations at once.
+// The object is loaded only while it is described, in a process of its own. The operations run in the native executor
+// program, one process for each call, so a plugin that crashes fails alone. Several plugins may run their operations at
+// once.
 #pragma once
 
 #include <string>
@@ -16,7 +17,7 @@ class NativePlugin : public Plugin {
 
     // These wait for the operation to end, however long that takes.
     void StartPlugin() override;
-    bool HasApplyHostProfile() const override;
+    bool HasApplyHostProfile() const override { return Description().hasHostProfileOperation; }
     void ApplyHostProfile() override;
 
   private:

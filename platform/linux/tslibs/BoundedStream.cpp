@@ -72,6 +72,11 @@ BoundedStream::~BoundedStream() {
     Forget();
 }
 
+void BoundedStream::AfterFork() {
+    static_cast<void>(second.Release());
+    hasFailed = true;  // so that the way is chosen anew
+}
+
 bool BoundedStream::Refresh() {
     struct stat status {};
     ::fstat(descriptor, &status);

@@ -33,6 +33,9 @@ class BoundedStream {
     BoundedStream(const BoundedStream&) = delete;
     BoundedStream& operator=(const BoundedStream&) = delete;
 
+    // Gives up the second description without closing it, in a forked child, where its number may be another's by now.
+    void AfterFork();
+
     // Returns whether the descriptor stands for another file than at the call before.
     bool Refresh();
 

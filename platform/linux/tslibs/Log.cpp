@@ -27,7 +27,17 @@ namespace {
 struct LogLibrary {
     LogLibrary() {
         pthread_atfork([] { Instance().lock.lock(); }, [] { Instance().lock.unlock(); },
-                       [] { Instance().lock.unlock(); });
+                       [] { Instance().GoOnInChild(); });
+    }
+
+    void GoOnInChild() {
+        for (const auto& output : outputs) {
+            output->AfterFork();
+        }
+        if (standardError) {
+            standardError->AfterFork();
+        }
+        lock.unlock();
     }
 
     // Never destroyed: threads may log until the process is gone.

@@ -21,6 +21,10 @@ struct LogOutput {
     // through. Called with the library's lock held; must not throw, log or fork.
     virtual void Write(int level, std::string_view message) = 0;
 
+    // This process has just been forked: what the output has opened may be closed, and its numbers be used for
+    // something else, by whoever makes the child what it is to be. Called with the lock held, before anything else is.
+    virtual void AfterFork() {}
+
     // Takes a message that needs someone's action at once. Outputs without a notion of that ignore it.
     virtual void Alert(std::string_view /*message*/) {}
 };

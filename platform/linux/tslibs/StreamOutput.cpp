@@ -70,15 +70,16 @@ void StreamOutput::Write(int level, std::string_view message) {
     const Clock::time_point deadline = isStuck ? now : now + kPatience;
     if (!ReportLoss(deadline) || !WriteLine(level, shown.Text(), deadline)) {
         ++lost;
-        loser = ::getpid();
     }
+}
+
+void StreamOutput::AfterFork() {
+    stream.AfterFork();
+    lost = 0;
 }
 
 // False when there is no room for that.
 bool StreamOutput::ReportLoss(Clock::time_point deadline) {
-    if (lost > 0 && loser != ::getpid()) {
-        lost = 0;
-    }
     if (lost == 0) {
         return true;
     }

@@ -13,8 +13,6 @@
 #include <string>
 #include <string_view>
 
-#include <sys/types.h>
-
 #include "tslibs/BoundedStream.h"
 #include "tslibs/LogOutput.h"
 
@@ -31,6 +29,7 @@ struct StreamOutput final : LogOutput {
     StreamOutput(int descriptor, std::string identifier, Form form);
 
     void Write(int level, std::string_view message) override;
+    void AfterFork() override;
 
   private:
     bool ReportLoss(BoundedStream::Clock::time_point deadline);
@@ -43,7 +42,6 @@ struct StreamOutput final : LogOutput {
     bool isStuck = false;     // took nothing for a whole wait, and nothing since
     bool isLineOpen = false;  // something of a line went out, but not its end
     unsigned long lost = 0;   // lines since the last one that went out
-    pid_t loser = 0;          // the process that lost them
 };
 
 }  // namespace platform

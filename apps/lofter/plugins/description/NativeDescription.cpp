@@ -3,7 +3,6 @@
 #include <lofter/plugin.h>
 
 #include "base/Exception.h"
-#include "plugins/description/ProcessState.h"
 #include "plugins/description/SharedObject.h"
 
 namespace lofter {
@@ -32,7 +31,8 @@ void ReadNativeInterface(const void* metadataSymbol, const void* operationsSymbo
         throw InvalidPluginException(plugin.path, "Unsupported API version");
     }
     plugin.version = static_cast<std::int32_t>(block.version);
-    plugin.hasHostProfileOperation = table.apply_host_profile != nullptr;
+    plugin.hasHostProfileOperation =
+        block.version >= LOFTER_VERSION_HOST_PROFILE && table.apply_host_profile != nullptr;
     for (std::string& barrier : Strings(block.provided_barriers)) {
         plugin.Provide(std::move(barrier));
     }
@@ -50,7 +50,6 @@ void ReadNativeInterface(const void* metadataSymbol, const void* operationsSymbo
 PluginDescription DescribeNativePlugin(const std::string& name, const std::string& path) {
     PluginDescription plugin(name, path);
     try {
-        const ProcessState state;
         const SharedObject object(path);
         const void* const operations = object.Symbol("operations");
         const void* const metadata = object.Symbol("metadata");

@@ -1,8 +1,7 @@
 // Native plugins, described by the two symbols that their object exports.
 //
-// The object is loaded into this process only while it is read. Loading it runs its constructors here: one that may end
-// the process that loads it is tried first, see ObjectTrial.h. What it does to the process in passing is put back, as
-// far as ProcessState goes.
+// Loading an object runs its constructors, and damage to it strikes where it likes. A program that has more to do than
+// to describe one object does it in another process.
 #pragma once
 
 #include <string>
@@ -21,7 +20,7 @@ PluginDescription DescribeNativePlugin(const std::string& name, const std::strin
 //
 // The block comes from outside and may end early, so nothing but the version is read before the version is known, and
 // the members of a release only when the version has them. Lists end with a null pointer and texts with a NUL; that the
-// plugin's pointers lead to such is taken for granted here: an object whose do not has not come through its trial.
+// plugin's pointers lead to such is taken for granted, as with everything that is loaded into a process.
 void ReadNativeInterface(const void* metadata, const void* operations, PluginDescription& plugin);
 
 }  // namespace lofter

@@ -37,8 +37,8 @@ struct PluginDescription {
     std::set<std::string> requiredFlags;
     std::set<std::string> disablingFlags;
 
-    // Operations: the host commands of a JSON plugin, the one shell command of a debug plugin, nothing but their
-    // presence for a native plugin.
+    // Operations: the host commands of a JSON plugin, the one shell command of a debug plugin. A native plugin says
+    // only whether there is one for host profiles, which its interface version must know of.
     std::vector<std::string> startCommands;
     std::vector<std::string> hostProfileCommands;
     bool hasHostProfileOperation = false;

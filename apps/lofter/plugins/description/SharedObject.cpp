@@ -1,7 +1,6 @@
 #include "plugins/description/SharedObject.h"
 
 #include <dlfcn.h>
-#include <sys/stat.h>
 
 #include "base/Exception.h"
 
@@ -15,12 +14,6 @@ void* Open(const char* path) noexcept {
     return dlopen(path, RTLD_LAZY | RTLD_GLOBAL);
 }
 
-// Those of this process and a constant; always the same where the process file system is missing.
-unsigned long ThreadCount() {
-    struct stat tasks {};
-    return stat("/proc/self/task", &tasks) == 0 ? tasks.st_nlink : 0;
-}
-
 std::string LoaderReason() {
     const char* reason = dlerror();
     return reason != nullptr ? reason : "";
@@ -29,13 +22,10 @@ std::string LoaderReason() {
 }  // namespace
 
 void SharedObject::Unload::operator()(void* object) const {
-    // The code must not be gone from under its own thread.
-    if (ThreadCount() <= threads) {
-        dlclose(object);
-    }
+    dlclose(object);
 }
 
-SharedObject::SharedObject(const std::string& objectPath) : path(objectPath), handle(nullptr, {ThreadCount()}) {
+SharedObject::SharedObject(const std::string& objectPath) : path(objectPath) {
     dlerror();
     handle.reset(Open(path.c_str()));
     if (handle == nullptr) {

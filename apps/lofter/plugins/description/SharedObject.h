@@ -1,5 +1,5 @@
 // A shared object in this process, unloaded when its owner goes: on every way out of whoever looks into it. One that
-// has started a thread which still runs then stays, as does one that refuses to go; that harms nobody.
+// refuses to go stays.
 //
 // Pointers obtained from it die with it. The loader keeps its error text per thread, so objects may be used on any
 // thread.
@@ -22,7 +22,6 @@ class SharedObject {
 
   private:
     struct Unload {
-        unsigned long threads;  // of this process, before the object was opened
         void operator()(void* object) const;
     };
 

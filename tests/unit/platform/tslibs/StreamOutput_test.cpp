@@ -420,6 +420,7 @@ TEST(StreamOutput, LetsOnlyTheProcessThatLostLinesSaySo) {
     output.Write(125, "dropped");
     pipe.Drain();
     ForkedChild child([&] {
+        output.AfterFork();
         output.Write(125, "child");
         return 0;
     });

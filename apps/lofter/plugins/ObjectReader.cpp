@@ -1,4 +1,4 @@
-#include "plugins/ObjectTrial.h"
+#include "plugins/ObjectReader.h"
 
 #include <algorithm>
 #include <array>
@@ -6,9 +6,12 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <optional>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -24,6 +27,7 @@
 #include "base/Exception.h"
 #include "base/Logging.h"
 #include "base/Paths.h"
+#include "plugins/description/DescriptionText.h"
 #include "plugins/description/NativeDescription.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
@@ -35,13 +39,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How much of an answer is sent at once.
+constexpr std::size_t kPiece = std::size_t{32} * 1024;
+
 // How long a process may take to end when it is asked to, and when it is killed.
 constexpr std::chrono::seconds kEndLimit{1};
 
 // The channel's number in the process that tries objects. The standard streams are the ones below.
 constexpr int kChannel = STDERR_FILENO + 1;
 
-// How far the trial of one object has come. In memory that both processes have: an object can close descriptors, but
+// How far the reading of one object has come. In memory that both processes have: an object can close descriptors, but
 // not this.
 enum class Stage { kGiven, kLoading, kSurvived, kDescriptorsDisturbed };
 
@@ -87,7 +94,7 @@ class OpenFiles {
             File& file = files[static_cast<std::size_t>(descriptor)];
             struct stat status {};
             if (fstat(descriptor, &status) == 0) {
-                file = {status.st_dev, status.st_ino, fcntl(descriptor, F_GETFL)};
+                file = {status.st_dev, status.st_ino};
             }
         }
     }
@@ -97,23 +104,31 @@ class OpenFiles {
     struct File {
         dev_t device = 0;
         ino_t number = 0;
-        int flags = -1;
         bool operator==(const File&) const = default;
     };
     std::array<File, kChannel + 1> files;
 };
 
-// A refusal of the loader's, or want of memory, is survived: the real load says so.
-void TryToLoad(const char* path) {
-    try {
-        DescribeNativePlugin({}, path);
-    } catch (const std::exception&) {
-        // No memory for the description itself.
+// In pieces that the channel takes. False when the other end has gone.
+bool Answer(std::string_view text) {
+    const std::uint64_t size = text.size();
+    const auto sendPiece = [](const void* piece, std::size_t length) {
+        return posix::AcrossSignals([&] { return send(kChannel, piece, length, MSG_NOSIGNAL); }) >= 0;
+    };
+    if (!sendPiece(&size, sizeof size)) {
+        return false;
     }
+    for (; !text.empty(); text.remove_prefix(std::min(text.size(), kPiece))) {
+        if (!sendPiece(text.data(), std::min(text.size(), kPiece))) {
+            return false;
+        }
+    }
+    return true;
 }
 
-void ServeTrials(const SharedStage& stage) {
+void ServeReads(const SharedStage& stage) {
     const OpenFiles before;
+    const pid_t process = getpid();
     std::array<char, PATH_MAX> path;
     for (;;) {
         const ssize_t length = posix::AcrossSignals([&] { return recv(kChannel, path.data(), path.size() - 1, 0); });
@@ -122,37 +137,42 @@ void ServeTrials(const SharedStage& stage) {
         }
         path[static_cast<std::size_t>(length)] = '\0';
         stage.Set(Stage::kLoading);
-        TryToLoad(path.data());
+        const std::string text = ToText(DescribeNativePlugin({}, path.data()));
+        if (getpid() != process) {
+            return;  // a copy that the object has made and let go on
+        }
         const bool isUndisturbed = OpenFiles() == before;
         stage.Set(isUndisturbed ? Stage::kSurvived : Stage::kDescriptorsDisturbed);
-        if (!isUndisturbed || posix::AcrossSignals([] { return send(kChannel, "", 1, MSG_NOSIGNAL); }) != 1) {
+        if (!isUndisturbed || !Answer(text)) {
             return;
         }
     }
 }
 
-// What the object prints is printed by the real load. Without the device, something else takes the streams' places.
-void RedirectStreams() {
+// Nothing that an operator types is for an object that is loaded. Without the device, something else takes its place.
+void TakeInputAway() {
     posix::Descriptor nowhere(open(paths::kNull, O_RDWR | O_CLOEXEC));
     if (!nowhere) {
         nowhere.Reset(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     }
-    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        dup2(nowhere.Get(), stream);
-    }
+    dup2(nowhere.Get(), STDIN_FILENO);
 }
 
 // Goes on in C++ after the fork, which is safe where the parent has one thread only.
-[[noreturn]] void RunTrialProcess(pid_t parent, int channel, const SharedStage& stage) {
+[[noreturn]] void RunReader(pid_t parent, int channel, const SharedStage& stage) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent || dup2(channel, kChannel) != kChannel) {
         _exit(EXIT_FAILURE);
     }
     posix::CloseDescriptorsFrom(kChannel + 1);
-    RedirectStreams();
-    ServeTrials(stage);
-    posix::Descriptor(kChannel).Reset();
+    TakeInputAway();
+    try {
+        ServeReads(stage);
+    } catch (const std::exception&) {
+        // No memory for what the object says: like an answer that is lost.
+        stage.Set(Stage::kGiven);
+    }
     _exit(EXIT_SUCCESS);
 }
 
@@ -160,7 +180,7 @@ void RedirectStreams() {
 
 // ---- This process's side
 
-class ObjectTrial::Process {
+class ObjectReader::Process {
   public:
     Process() {
         std::array<int, 2> ends{};
@@ -172,7 +192,7 @@ class ObjectTrial::Process {
         const pid_t parent = getpid();
         child = fork();
         if (child == 0) {
-            RunTrialProcess(parent, othersEnd.Get(), stage);
+            RunReader(parent, othersEnd.Get(), stage);
         }
         if (child > 0) {
             setpgid(child, child);  // as the child does: it must have happened before either goes on
@@ -199,30 +219,41 @@ class ObjectTrial::Process {
     explicit operator bool() const { return static_cast<bool>(childEnd); }
     bool IsRunning() const { return child > 0; }
 
-    // Why the object must not be loaded; an empty text when it may be. Nothing when the process had ended by itself
-    // before it got to the object.
-    std::optional<std::string> Load(const std::string& path, std::chrono::seconds limit) {
+    // What became of reading one object: what it says, or why nothing is to be had from it. Neither when the process
+    // was gone before it got to the object, or the answer was lost.
+    struct Result {
+        std::optional<std::string> text;
+        std::string rejection;
+        bool isFinal = false;  // a second process would come to the same
+    };
+    Result Read(const std::string& path, std::chrono::seconds limit) {
         stage.Set(Stage::kGiven);
+        answer.clear();
         const auto give = [&] {
             return send(channel.Get(), path.c_str(), path.size(), MSG_NOSIGNAL);
         };
         if (posix::AcrossSignals(give) < 0) {
-            return std::nullopt;
+            Reap();
+            return {};
         }
+        const bool isFirst = !std::exchange(hasServed, true);
         switch (Await(limit)) {
             case Event::kAnswer:
-                return "";
+                return {Text(), {}, true};
             case Event::kEnd:
-                return ReasonOfEnd();
+                return ResultOfEnd(isFirst);
+            case Event::kLost:
+                Reap();
+                return {};
             case Event::kNothing:
                 break;
         }
-        Kill();
-        return "did not load within " + std::to_string(limit.count()) + " s";
+        Reap();
+        return {std::nullopt, "did not load within " + std::to_string(limit.count()) + " s", true};
     }
 
   private:
-    enum class Event { kNothing, kAnswer, kEnd };
+    enum class Event { kNothing, kAnswer, kLost, kEnd };
 
     // The end of the channel says nothing: an object may close it, and a process that it left behind may hold it open.
     Event Await(std::chrono::seconds limit) {
@@ -236,10 +267,14 @@ class ObjectTrial::Process {
             if (poll(watched.data(), watched.size(), static_cast<int>(left.count())) <= 0) {
                 continue;
             }
-            if (watched[0].revents != 0 && !ReceiveAnswer()) {
-                watched[0].fd = -1;
+            if (watched[0].revents != 0) {
+                const ssize_t length = ReceivePiece();
+                if (length < 0 && errno != EAGAIN) {
+                    return Event::kLost;
+                }
+                watched[0].fd = length == 0 ? -1 : watched[0].fd;
             }
-            if (watched[0].revents != 0 && stage.Get() == Stage::kSurvived) {
+            if (IsComplete()) {
                 return Event::kAnswer;
             }
             if (watched[1].revents != 0) {
@@ -248,29 +283,51 @@ class ObjectTrial::Process {
         }
     }
 
-    bool ReceiveAnswer() const {
-        char answer = 0;
-        return posix::AcrossSignals([&] { return recv(channel.Get(), &answer, sizeof answer, MSG_DONTWAIT); }) > 0;
+    // What an object may have written into the channel itself does not count.
+    ssize_t ReceivePiece() {
+        std::array<char, kPiece> piece;
+        const ssize_t length =
+            posix::AcrossSignals([&] { return recv(channel.Get(), piece.data(), piece.size(), MSG_DONTWAIT); });
+        if (length > 0 && stage.Get() == Stage::kSurvived) {
+            answer.append(piece.data(), static_cast<std::size_t>(length));
+        }
+        return length;
     }
 
-    std::optional<std::string> ReasonOfEnd() {
+    // The size, then as many bytes.
+    bool IsComplete() const {
+        std::uint64_t size = 0;
+        if (answer.size() < sizeof size) {
+            return false;
+        }
+        std::memcpy(&size, answer.data(), sizeof size);
+        return answer.size() - sizeof size == size;
+    }
+    std::string Text() const { return answer.substr(sizeof(std::uint64_t)); }
+
+    // A process that has read other objects before may have ended by what one of them left behind.
+    Result ResultOfEnd(bool isFirst) {
+        while (!IsComplete() && ReceivePiece() > 0) {
+        }
         const int status = Reap();
+        if (IsComplete()) {
+            return {Text(), {}, true};
+        }
         switch (stage.Get()) {
             case Stage::kGiven:
-                return std::nullopt;
-            case Stage::kSurvived:
-                return "";
+                return {};
             case Stage::kDescriptorsDisturbed:
-                return "closed or replaced its loader's descriptors";
+                return {std::nullopt, "closed or replaced its loader's descriptors", true};
             case Stage::kLoading:
+            case Stage::kSurvived:
                 break;
         }
-        return EndOf(status);
+        return {std::nullopt, EndOf(status), isFirst};
     }
 
-    bool EndsWithin(std::chrono::milliseconds limit) const {
+    bool EndsWithin(std::chrono::milliseconds patience) const {
         pollfd watched{childEnd.Get(), POLLIN, 0};
-        return posix::AcrossSignals([&] { return poll(&watched, 1, static_cast<int>(limit.count())); }) > 0;
+        return posix::AcrossSignals([&] { return poll(&watched, 1, static_cast<int>(patience.count())); }) > 0;
     }
 
     // Its group too, which holds what objects have left behind, but may have been left by the process itself.
@@ -291,37 +348,45 @@ class ObjectTrial::Process {
     posix::Descriptor channel;
     pid_t child = 0;
     posix::Descriptor childEnd;  // readable once the child has ended
+    std::string answer;          // as far as it has come
+    bool hasServed = false;
 };
 
-ObjectTrial::ObjectTrial(std::chrono::seconds loadLimit) : limit(loadLimit) {}
+ObjectReader::ObjectReader(std::chrono::seconds limit) : loadLimit(limit) {}
 
-ObjectTrial::~ObjectTrial() = default;
+ObjectReader::~ObjectReader() = default;
 
-void ObjectTrial::Try(const std::string& path) {
-    if (path.size() >= PATH_MAX) {
-        return;  // no such file can be opened
-    }
-    constexpr int kProcesses = 2;  // one may have ended by itself after the last object
-    for (int number = 0; isPossible && number < kProcesses; ++number) {
+PluginDescription ObjectReader::Describe(const std::string& name, const std::string& path) {
+    constexpr int kProcesses = 2;  // the first may have ended by what an earlier object left behind
+    for (int number = 0; isPossible && path.size() < PATH_MAX && number < kProcesses; ++number) {
         if (process == nullptr && !Start()) {
             GiveUp(errno);
-            return;
+            break;
         }
-        const std::optional<std::string> reason = process->Load(path, limit);
-        if (!reason || !reason->empty() || !process->IsRunning()) {
+        const Process::Result result = process->Read(path, loadLimit);
+        if (!process->IsRunning()) {
             process.reset();
         }
-        if (reason && !reason->empty()) {
-            throw InvalidPluginException(path, *reason);
+        if (result.text) {
+            PluginDescription plugin(name, path);
+            try {
+                FromText(*result.text, plugin);
+            } catch (const std::invalid_argument&) {
+                throw InvalidPluginException(path, "damaged its loader");
+            }
+            return plugin;
         }
-        if (reason) {
-            return;
+        if (!result.rejection.empty() && (result.isFinal || number + 1 == kProcesses)) {
+            throw InvalidPluginException(path, result.rejection);
         }
     }
-    GiveUp(ESRCH);
+    if (isPossible && path.size() < PATH_MAX) {
+        GiveUp(ESRCH);
+    }
+    return DescribeNativePlugin(name, path);
 }
 
-bool ObjectTrial::Start() {
+bool ObjectReader::Start() {
     auto made = std::make_unique<Process>();
     if (!*made) {
         return false;
@@ -330,9 +395,9 @@ bool ObjectTrial::Start() {
     return true;
 }
 
-void ObjectTrial::GiveUp(int reason) {
+void ObjectReader::GiveUp(int reason) {
     if (std::exchange(isPossible, false)) {
-        Log_Level(kWarning, "unable to try native plugins before they are loaded: %s\n", std::strerror(reason));
+        Log_Level(kWarning, "unable to load native plugins in a process of their own: %s\n", std::strerror(reason));
     }
 }
 

@@ -1,4 +1,4 @@
-#include "plugins/ObjectTrial.h"
+#include "plugins/ObjectReader.h"
 
 #include <csignal>
 #include <fstream>
@@ -12,12 +12,12 @@
 #include <unistd.h>
 
 #include "base/Exception.h"
-#include "plugins/NativePlugin.h"
+#include "plugins/description/DescriptionText.h"
 #include "plugins/description/NativeDescription.h"
 #include "support/ChildOutcome.h"
+#include "support/FailureOf.h"
 #include "support/LogCapture.h"
 #include "support/OpenDescriptors.h"
-#include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WaitUntil.h"
 
@@ -31,9 +31,9 @@ std::string Fixture(const std::string& name) {
 }
 
 // Why the object is rejected; empty for one that survives.
-std::string Rejection(ObjectTrial& trial, const std::string& path) {
+std::string Rejection(ObjectReader& reader, const std::string& path) {
     try {
-        trial.Try(path);
+        reader.Describe("p", path);
         return "";
     } catch (const InvalidPluginException& failure) {
         return failure.what();
@@ -62,124 +62,128 @@ bool HasChildren() {
     return waitpid(-1, nullptr, WNOHANG) != -1;
 }
 
-class ObjectTrialTest : public testing::Test {
+class ObjectReaderTest : public testing::Test {
   protected:
     // A crash on purpose is no finding of a sanitizer.
-    ObjectTrialTest() {
+    ObjectReaderTest() {
         for (const int number : {SIGSEGV, SIGBUS}) {
             std::signal(number, SIG_DFL);
         }
     }
 };
 
-TEST_F(ObjectTrialTest, UsesOneProcessForManyObjectsAndNoneForNoObject) {
-    ObjectTrial trial;
+TEST_F(ObjectReaderTest, UsesOneProcessForManyObjectsAndNoneForNoObject) {
+    ObjectReader reader;
     EXPECT_EQ(Children(), Processes{});
-    trial.Try(Fixture("barriers"));
+    reader.Describe("p", Fixture("barriers"));
     const Processes first = Children();
     EXPECT_EQ(first.size(), 1U);
     for (const std::string name : {"release3", "staying", "barriers"}) {
-        trial.Try(Fixture(name));
+        reader.Describe("p", Fixture(name));
     }
     EXPECT_EQ(Children(), first);
 }
 
-TEST_F(ObjectTrialTest, LeavesTheLoadersRefusalsToTheRealLoad) {
+TEST_F(ObjectReaderTest, SaysWhatAReadingInThisProcessSays) {
     const test::TemporaryDirectory folder;
-    ObjectTrial trial;
+    ObjectReader reader;
     const std::string text = folder.Write("text.so", std::string(200, '.'));
-    for (const std::string& path : {text, folder / "absent.so", Fixture("version5"), Fixture("no_metadata"),
-                                    Fixture("unresolved_data"), "/" + std::string(1 << 16, 'x')}) {
-        EXPECT_EQ(Rejection(trial, path), "");
+    for (const std::string& path :
+         {Fixture("barriers"), Fixture("release3"), Fixture("release4"), Fixture("profile1"), Fixture("profile2"),
+          Fixture("null_lists"), Fixture("garbage_release"), text, folder / "absent.so", Fixture("version5"),
+          Fixture("no_metadata"), Fixture("unresolved_data"), "/" + std::string(1 << 16, 'x')}) {
+        const PluginDescription read = reader.Describe("p", path);
+        EXPECT_EQ(read.name, "p");
+        EXPECT_EQ(read.path, path);
+        EXPECT_EQ(ToText(read), ToText(DescribeNativePlugin("p", path))) << path;
     }
     EXPECT_EQ(Children().size(), 1U);
 }
 
-TEST_F(ObjectTrialTest, TriesTheNextObjectInAnotherProcess) {
-    ObjectTrial trial;
-    trial.Try(Fixture("barriers"));
+TEST_F(ObjectReaderTest, TriesTheNextObjectInAnotherProcess) {
+    ObjectReader reader;
+    reader.Describe("p", Fixture("barriers"));
     const Processes first = Children();
-    EXPECT_EQ(Rejection(trial, Fixture("exit_3_loading")),
+    EXPECT_EQ(Rejection(reader, Fixture("exit_3_loading")),
               Invalid(Fixture("exit_3_loading"), "exited its loader with status 3"));
     EXPECT_EQ(Children(), Processes{});
-    EXPECT_EQ(Rejection(trial, Fixture("throw_loading")),
+    EXPECT_EQ(Rejection(reader, Fixture("throw_loading")),
               Invalid(Fixture("throw_loading"), "ended its loader with signal 6 (Aborted)"));
-    trial.Try(Fixture("barriers"));
+    reader.Describe("p", Fixture("barriers"));
     EXPECT_EQ(Children().size(), 1U);
     EXPECT_NE(Children(), first);
 }
 
-TEST_F(ObjectTrialTest, HasALimit) {
-    ObjectTrial trial(std::chrono::seconds(1));
+TEST_F(ObjectReaderTest, HasALimit) {
+    ObjectReader reader(std::chrono::seconds(1));
     for (const std::string name : {"sleep_loading", "close_all_and_sleep_loading"}) {
-        EXPECT_EQ(Rejection(trial, Fixture(name)), Invalid(Fixture(name), "did not load within 1 s"));
+        EXPECT_EQ(Rejection(reader, Fixture(name)), Invalid(Fixture(name), "did not load within 1 s"));
         EXPECT_FALSE(HasChildren());
     }
 }
 
-TEST_F(ObjectTrialTest, DoesNotWaitForAPipeForEver) {
+TEST_F(ObjectReaderTest, DoesNotWaitForAPipeForEver) {
     const test::TemporaryDirectory folder;
     const std::string path = folder / "pipe.so";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    ObjectTrial trial(std::chrono::seconds(1));
-    EXPECT_EQ(Rejection(trial, path), Invalid(path, "did not load within 1 s"));
+    ObjectReader reader(std::chrono::seconds(1));
+    EXPECT_EQ(Rejection(reader, path), Invalid(path, "did not load within 1 s"));
 }
 
-TEST_F(ObjectTrialTest, DoesNotBlameAnObjectForAProcessThatEndedBefore) {
-    ObjectTrial trial;
-    trial.Try(Fixture("barriers"));
+TEST_F(ObjectReaderTest, DoesNotBlameAnObjectForAProcessThatEndedBefore) {
+    ObjectReader reader;
+    reader.Describe("p", Fixture("barriers"));
     const Processes first = Children();
     ASSERT_EQ(first.size(), 1U);
     ASSERT_EQ(kill(first.front(), SIGKILL), 0);
     ASSERT_TRUE(test::WaitUntil([&] { return StateOf(first.front()) == 'Z'; }));
-    EXPECT_EQ(Rejection(trial, Fixture("barriers")), "");
+    EXPECT_EQ(Rejection(reader, Fixture("barriers")), "");
     EXPECT_EQ(Children().size(), 1U);
     EXPECT_NE(Children(), first);
 }
 
-TEST_F(ObjectTrialTest, LeavesNoProcessAndNoDescriptorBehind) {
+TEST_F(ObjectReaderTest, LeavesNoProcessAndNoDescriptorBehind) {
     const std::set<int> before = test::OpenDescriptors();
     {
-        ObjectTrial trial;
-        Rejection(trial, Fixture("crash_unloading"));
-        Rejection(trial, Fixture("close_all_loading"));
-        trial.Try(Fixture("barriers"));
+        ObjectReader reader;
+        Rejection(reader, Fixture("crash_unloading"));
+        Rejection(reader, Fixture("close_all_loading"));
+        reader.Describe("p", Fixture("barriers"));
     }
     EXPECT_FALSE(HasChildren());
     EXPECT_EQ(test::OpenDescriptors(), before);
 }
 
-TEST_F(ObjectTrialTest, IsDoneWithoutWhereThereIsNoProcessForIt) {
+TEST_F(ObjectReaderTest, IsDoneWithoutWhereThereIsNoProcessForIt) {
     EXPECT_EQ(test::InForkedChild([] {
                   const test::LogCapture log;
                   test::ForbidProcesses();
-                  ObjectTrial trial;
-                  trial.Try(Fixture("barriers"));
-                  trial.Try(Fixture("crash_loading"));
+                  ObjectReader reader;
+                  reader.Describe("p", Fixture("barriers"));
+                  reader.Describe("p", Fixture("release3"));
                   return log.Lines().size() == 1 ? log.Lines(115).front() : "not one message";
               }),
-              "unable to try native plugins before they are loaded: Resource temporarily unavailable");
+              "unable to load native plugins in a process of their own: Resource temporarily unavailable");
 }
 
 // The loader maps an object that was cut short without looking, and the first access beyond its end is a crash.
-TEST_F(ObjectTrialTest, LetsNoObjectPassThatWasCutShortAndCrashes) {
+TEST_F(ObjectReaderTest, LetsNoObjectPassThatWasCutShortAndCrashes) {
     const test::TemporaryDirectory folder;
     std::ifstream file(Fixture("barriers"), std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    ObjectTrial trial;
+    ObjectReader reader;
     int rejected = 0;
     for (std::size_t length = 0; length < bytes.size(); length += 97) {
         const std::string path = folder.Write(std::to_string(length) + ".so", bytes.substr(0, length));
-        const std::string reason = Rejection(trial, path);
+        const std::string reason = Rejection(reader, path);
         if (!reason.empty()) {
             EXPECT_EQ(reason, Invalid(path, "ended its loader with signal 7 (Bus error)"));
             ++rejected;
             continue;
         }
-        try {
-            test::MakePlugin<NativePlugin>(DescribeNativePlugin("p", path));
-        } catch (const InvalidPluginException& failure) {
-            EXPECT_NE(std::string(failure.what()).find(path + ": "), std::string::npos) << failure.what();
+        if (const PluginDescription plugin = reader.Describe("p", path); plugin.failure) {
+            const std::string failure = test::FailureOf([&] { std::rethrow_exception(plugin.failure); });
+            EXPECT_NE(failure.find(path + ": "), std::string::npos) << failure;
         }
     }
     EXPECT_GT(rejected, 0);
