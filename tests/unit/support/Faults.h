@@ -1,7 +1,8 @@
 // Makes system calls and allocations of the library under test fail on request. The test program is linked so that its
 // calls go through here first. Process-wide; not synchronised with calls in progress.
 //
-// Without request, and always: joins are counted; a directory that was opened leaves an error in errno, which a success may.
+// Without request, and always: joins are counted; a directory that was opened leaves an error in errno, which a success
+// may.
 #pragma once
 
 #include <climits>
@@ -18,6 +19,9 @@ class FailingCall {
     ~FailingCall();
     FailingCall(const FailingCall&) = delete;
     FailingCall& operator=(const FailingCall&) = delete;
+
+    // Whether the call has failed yet.
+    bool Happened() const;
 
   private:
     const Call call;
