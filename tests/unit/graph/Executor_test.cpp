@@ -233,7 +233,7 @@ TEST(Executor, NeedsNoMemoryForTheNodesBehindOneOnceARunHasBegun) {
     for (const bool isRandom : {false, true}) {
         const Settings settings;
         Graph graph(settings);
-        auto& hog = graph.Add(std::make_unique<MemoryHog>());
+        MemoryHog& hog = graph.Add(std::make_unique<MemoryHog>());
         std::vector<Node*> nodes{&hog};
         for (int i = 0; i < 100; ++i) {
             nodes.push_back(&graph.Add(std::make_unique<Follower>()));
