@@ -55,7 +55,7 @@ void LinkLayers(Graph& graph, const Nodes& nodes) {
     }
 }
 
-void RunGraph(benchmark::State& state, void (*link)(Graph&, const Nodes&)) {
+void RunGraph(benchmark::State& state, void (*link)(Graph&, const Nodes&), bool randomize) {
     const lofter::Settings settings;
     const int count = static_cast<int>(state.range(0));
     const int threads = static_cast<int>(state.range(1));
@@ -63,7 +63,7 @@ void RunGraph(benchmark::State& state, void (*link)(Graph&, const Nodes&)) {
         Graph graph(settings);
         const Nodes nodes = MakeNodes(graph, count);
         link(graph, nodes);
-        lofter::Executor executor(threads, false);
+        lofter::Executor executor(threads, randomize);
         const auto start = std::chrono::steady_clock::now();
         lofter::StartRun(graph, nodes, executor);
         const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
@@ -82,8 +82,15 @@ void Sizes(benchmark::internal::Benchmark* graph) {
     }
 }
 
-BENCHMARK_CAPTURE(RunGraph, independent, LinkNothing)->Apply(Sizes);
-BENCHMARK_CAPTURE(RunGraph, chain, LinkChain)->Apply(Sizes);
-BENCHMARK_CAPTURE(RunGraph, layers, LinkLayers)->Apply(Sizes);
+BENCHMARK_CAPTURE(RunGraph, independent, LinkNothing, false)->Apply(Sizes);
+BENCHMARK_CAPTURE(RunGraph, chain, LinkChain, false)->Apply(Sizes);
+BENCHMARK_CAPTURE(RunGraph, layers, LinkLayers, false)->Apply(Sizes);
+// A random pick looks at every node that is ready: here `per_node` does grow, in proportion.
+BENCHMARK_CAPTURE(RunGraph, independent_randomized, LinkNothing, true)
+    ->ArgNames({"nodes", "threads"})
+    ->Args({1'000, 1})
+    ->Args({10'000, 1})
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace

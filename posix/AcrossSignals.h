@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cerrno>
-#include <ios>
 
 namespace posix {
 
@@ -14,15 +13,6 @@ auto AcrossSignals(Call call) {
         result = call();
     }
     return result;
-}
-
-// The same for a file stream or its buffer. Why it is not open then is in errno.
-template <typename File, typename Path>
-void OpenAcrossSignals(File& file, const Path& path, std::ios_base::openmode mode) {
-    do {
-        errno = 0;
-        file.open(path, mode);
-    } while (!file.is_open() && errno == EINTR);
 }
 
 }  // namespace posix

@@ -7,8 +7,6 @@ from sources import REPOSITORY, Tracked
 COMPLAINTS = "kWarning|kError"
 # Where a message is no more than another text, that text is made elsewhere.
 MADE_ELSEWHERE = {
-    "apps/lofter/plugins/Discovery.cpp": ["exception occurred whilst loading plugin ",
-                                          "unknown exception occurred whilst loading plugin "],
     "apps/lofter/ProfilingLog.cpp": ["unable to log profiling information"],
     "apps/lofter/graph/Barriers.cpp": ["Lofter dependency error: Initialization barrier "],
     "apps/lofter/plugins/JSONPlugin.cpp": [],  # the reasons of failed host commands

@@ -2,8 +2,6 @@
 
 #include <atomic>
 
-#include <unistd.h>
-
 #include "base/Exception.h"
 
 namespace lofter {

@@ -18,18 +18,16 @@ void ReadyQueue::Reserve(std::size_t nodes) {
 
 void ReadyQueue::Push(Node& node) {
     const std::int32_t depth = node.State() == NodeState::StartQueued ? node.DependentDepth() : node.DependencyDepth();
-    heap.push_back({node.ScheduleClass(), depth, arrivals++, &node});
+    heap.push_back({node.ScheduleClass(), depth, ++arrivals, &node});
     std::push_heap(heap.begin(), heap.end(), IsWorse);
 }
 
+// A random pick comes to the front of the heap as if it had waited longest: that moves it and its ancestors only.
 Node& ReadyQueue::Take(bool random) {
     if (random) {
-        const auto picked = RandomBest();
-        Node& node = *picked->node;
-        *picked = heap.back();
-        heap.pop_back();
-        std::make_heap(heap.begin(), heap.end(), IsWorse);
-        return node;
+        const auto picked = heap.begin() + static_cast<std::ptrdiff_t>(RandomBest());
+        picked->arrival = kBeforeEveryOther;
+        std::push_heap(heap.begin(), picked + 1, IsWorse);
     }
     std::pop_heap(heap.begin(), heap.end(), IsWorse);
     Node& node = *heap.back().node;
@@ -37,18 +35,19 @@ Node& ReadyQueue::Take(bool random) {
     return node;
 }
 
-ReadyQueue::Heap::iterator ReadyQueue::RandomBest() {
+std::size_t ReadyQueue::RandomBest() {
     const Entry best = heap.front();
     candidates.clear();
-    for (const Entry& entry : heap) {
-        if (entry.IsAsGoodAs(best)) {
-            candidates.push_back(entry.arrival);
+    for (std::size_t index = 0; index < heap.size(); ++index) {
+        if (heap[index].IsAsGoodAs(best)) {
+            candidates.push_back({heap[index].arrival, index});
         }
     }
     const auto picked =
         candidates.begin() + static_cast<std::ptrdiff_t>(static_cast<std::size_t>(std::rand()) % candidates.size());
-    std::nth_element(candidates.begin(), picked, candidates.end());
-    return std::find_if(heap.begin(), heap.end(), [&](const Entry& entry) { return entry.arrival == *picked; });
+    std::nth_element(candidates.begin(), picked, candidates.end(),
+                     [](const Candidate& left, const Candidate& right) { return left.arrival < right.arrival; });
+    return picked->index;
 }
 
 }  // namespace lofter

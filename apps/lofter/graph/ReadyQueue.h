@@ -46,11 +46,19 @@ class ReadyQueue {
     using Heap = std::vector<Entry>;
 
     static bool IsWorse(const Entry& left, const Entry& right);
-    Heap::iterator RandomBest();
+    std::size_t RandomBest();
+
+    // One of the best nodes, and where it is in the heap.
+    struct Candidate {
+        std::uint64_t arrival;
+        std::size_t index;
+    };
+
+    static constexpr std::uint64_t kBeforeEveryOther = 0;
 
     Heap heap;
-    std::vector<std::uint64_t> candidates;  // of one random pick: when each of the best became ready
-    std::uint64_t arrivals = 0;
+    std::vector<Candidate> candidates;  // of one random pick
+    std::uint64_t arrivals = kBeforeEveryOther;
 };
 
 }  // namespace lofter

@@ -4,11 +4,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <sstream>
-#include <unordered_set>
+#include <string_view>
 #include <utility>
 
 #include <boost/lexical_cast/try_lexical_convert.hpp>
@@ -28,6 +27,10 @@ namespace {
 
 constexpr int kStarting = 0;
 constexpr std::size_t kLongestQuote = 200;
+
+bool IsStartedByTheBootRun(std::string_view name) {
+    return name == "tssyslogd" || name == "hxed";
+}
 
 // The start of a line from outside, fit for a log.
 std::string Quotable(const std::string& line) {
@@ -111,14 +114,15 @@ Plugin& AddPlugin(const std::string& name, const InitScript& script, const Daemo
     return plugin;
 }
 
-void AppendPlugin(std::vector<Plugin*>& plugins, const std::string& name, const InitScript& script,
+// The name ends where the script's path does. There is room for the plugin: one that is linked must not be lost.
+void AppendPlugin(std::vector<Plugin*>& plugins, std::string_view name, const InitScript& script,
                   const DaemonSurroundings& surroundings) {
     try {
-        plugins.push_back(&AddPlugin(name, script, surroundings));
+        plugins.push_back(&AddPlugin(std::string(name), script, surroundings));
     } catch (const std::exception& failure) {
-        Log_Level(kWarning, "Failed to create init.d daemon plugin: %s because: %s\n", name.c_str(), failure.what());
+        Log_Level(kWarning, "Failed to create init.d daemon plugin: %s because: %s\n", name.data(), failure.what());
     } catch (...) {
-        Log_Level(kWarning, "Failed to create init.d daemon plugin: %s\n", name.c_str());
+        Log_Level(kWarning, "Failed to create init.d daemon plugin: %s\n", name.data());
     }
 }
 
@@ -151,12 +155,11 @@ std::vector<InitScript> ListInitScripts(const std::string& command) {
 
 std::vector<Plugin*> MakeDaemonPlugins(const std::vector<InitScript>& scripts, int startStopFlag,
                                        const DaemonSurroundings& surroundings) {
-    const std::unordered_set<std::string> startedByTheBootRun = {"tssyslogd", "hxed"};
     std::vector<Plugin*> plugins;
     plugins.reserve(scripts.size());
     for (const InitScript& script : scripts) {
-        const std::string name = std::filesystem::path(script.path).filename().string();
-        if (startStopFlag != kStarting || !startedByTheBootRun.contains(name)) {
+        const std::string_view name = std::string_view(script.path).substr(script.path.rfind('/') + 1);
+        if (startStopFlag != kStarting || !IsStartedByTheBootRun(name)) {
             AppendPlugin(plugins, name, script, surroundings);
         }
     }

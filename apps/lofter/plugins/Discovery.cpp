@@ -4,6 +4,8 @@
 #include <exception>
 #include <filesystem>
 #include <iterator>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "base/Logging.h"
@@ -32,6 +34,18 @@ std::string FlagText(const std::vector<std::string>& flags) {
         text += flag + ' ';
     }
     return text;
+}
+
+// For what is done with a plugin of the graph, and may run out of memory: whoever waits for the plugin already goes on
+// without it.
+template <typename Step>
+void RejectUnlessDone(Plugin& plugin, Step step) {
+    try {
+        step();
+    } catch (...) {
+        plugin.MarkStarted();
+        throw;
+    }
 }
 
 bool IsKeyCharacter(char c) {
@@ -82,27 +96,23 @@ void Discovery::ProcessFile(const std::string& fileName) {
     if (name.starts_with("lib")) {
         name.erase(0, 3);
     }
-    Plugin* plugin = nullptr;
-    bool isLoaded = false;
     if (extension == "so") {
-        isLoaded = LoadContained(fileName, [&] { plugin = &AddPlugin<NativePlugin>(objects.Describe(name, path)); });
+        LoadContained(fileName, [&] { Admit(AddPlugin<NativePlugin>(objects.Describe(name, path))); });
     } else if (extension == "json") {
-        isLoaded = LoadContained(fileName, [&] { plugin = &AddPlugin<JSONPlugin>(DescribeJsonPlugin(name, path)); });
+        LoadContained(fileName, [&] { Admit(AddPlugin<JSONPlugin>(DescribeJsonPlugin(name, path))); });
     } else if (extension == "debug") {
         std::erase_if(debug.entries, [&](const PluginDescription& entry) { return entry.name != name; });
         LoadContained(fileName, [&] { AppendDebugPlugins(debug.entries); });
     } else {
         Log_Level(kWarning, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(), extension.c_str());
     }
-    if (isLoaded) {
-        Filter(*plugin);
-    }
 }
 
 // Debug plugins are not filtered.
 void Discovery::AppendDebugPlugins(const std::vector<PluginDescription>& entries) {
     for (const PluginDescription& entry : entries) {
-        plugins.push_back(&AddPlugin<DebugPlugin>(entry));
+        Plugin& plugin = AddPlugin<DebugPlugin>(entry);
+        RejectUnlessDone(plugin, [&] { plugins.push_back(&plugin); });
     }
 }
 
@@ -126,16 +136,15 @@ DebugConfiguration Discovery::ReadDebugEntries() const {
 template <typename Kind>
 Plugin& Discovery::AddPlugin(PluginDescription description) {
     if (description.failure) {
-        KeepLinksOfRejected(description);
+        try {
+            KeepLinksOfRejected(description);
+        } catch (const std::bad_alloc&) {
+            // Some links are lost then. What is wrong with the file is said all the same.
+        }
         std::rethrow_exception(description.failure);
     }
     Plugin& plugin = graph.Add(std::make_unique<Kind>(std::move(description), activator));
-    try {
-        Link(plugin, plugin.Description());
-    } catch (...) {
-        plugin.MarkStarted();  // short of memory: whoever waits for it already goes on
-        throw;
-    }
+    RejectUnlessDone(plugin, [&] { Link(plugin, plugin.Description()); });
     return plugin;
 }
 
@@ -155,6 +164,10 @@ void Discovery::Link(Node& node, const PluginDescription& description) {
             graph.Provide(node, link.barrier);
         }
     }
+}
+
+void Discovery::Admit(Plugin& plugin) {
+    RejectUnlessDone(plugin, [&] { Filter(plugin); });
 }
 
 void Discovery::Filter(Plugin& plugin) {
@@ -212,16 +225,14 @@ void Discovery::ApplyRunOnceRule(Plugin& plugin) {
 }
 
 bool LoadContained(const std::string& fileName, const std::function<void()>& load) {
-    std::string failure;
     try {
         load();
         return true;
     } catch (const std::exception& e) {
-        failure = "exception occurred whilst loading plugin " + fileName + ": " + e.what();
+        Log_Level(kWarning, "exception occurred whilst loading plugin %s: %s\n", fileName.c_str(), e.what());
     } catch (...) {
-        failure = "unknown exception occurred whilst loading plugin " + fileName;
+        Log_Level(kWarning, "unknown exception occurred whilst loading plugin %s\n", fileName.c_str());
     }
-    Log_Level(kWarning, "%s\n", failure.c_str());
     return false;
 }
 

@@ -9,10 +9,8 @@
 
 #include <deque>
 #include <functional>
-#include <memory>
 #include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "graph/Graph.h"
@@ -56,6 +54,7 @@ class Discovery {
     void KeepLinksOfRejected(const PluginDescription& description);
     template <typename Kind>
     Plugin& AddPlugin(PluginDescription description);
+    void Admit(Plugin& plugin);
     void Filter(Plugin& plugin);
     bool IsDisabled(const Plugin& plugin) const;
     bool AdmittedByFlags(const Plugin& plugin) const;

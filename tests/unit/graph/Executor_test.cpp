@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <future>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -210,6 +211,43 @@ TEST(Executor, RunsAChainLongerThanAnyStack) {
     Executor executor(2, false);
     StartRun(graph, backwards, executor);
     EXPECT_EQ(backwards.front()->State(), NodeState::Started);
+}
+
+// Its work is done when memory runs out for good.
+class MemoryHog : public Node {
+  public:
+    MemoryHog() : Node("hog", kDefaultClass) {}
+    void Start() override { shortage.emplace(test::Call::OperatorNew, 0); }
+    std::string DotAttributes() const override { return {}; }
+
+    std::optional<test::FailingCall> shortage;
+};
+
+TEST(Executor, NeedsNoMemoryForTheNodesBehindOneOnceARunHasBegun) {
+    class Follower : public Node {
+      public:
+        Follower() : Node("follower", kDefaultClass) {}
+        void Start() override {}
+        std::string DotAttributes() const override { return {}; }
+    };
+    for (const bool isRandom : {false, true}) {
+        const Settings settings;
+        Graph graph(settings);
+        MemoryHog& hog = graph.Add(std::make_unique<MemoryHog>());
+        std::vector<Node*> nodes{&hog};
+        for (int i = 0; i < 100; ++i) {
+            nodes.push_back(&graph.Add(std::make_unique<Follower>()));
+            nodes.back()->AddDependency(hog);
+        }
+        {
+            Executor executor(1, isRandom);
+            StartRun(graph, nodes, executor);
+        }
+        hog.shortage.reset();
+        for (const Node* node : nodes) {
+            EXPECT_EQ(node->State(), NodeState::Started);
+        }
+    }
 }
 
 TEST(Executor, LetsAWorkerFinishItsNodeWhenItIsDestroyed) {

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "graph/Executor.h"
+#include "support/Faults.h"
 
 namespace lofter {
 namespace {
@@ -130,6 +131,25 @@ TEST(ReadyQueue, DrawsNoRandomNumberWhenItIsNotAskedTo) {
     const int first = std::rand();
     std::srand(7);
     EXPECT_EQ(first, std::rand());
+}
+
+TEST(ReadyQueue, TakesWithoutMemoryWhereRoomWasReserved) {
+    for (const bool isRandom : {false, true}) {
+        std::list<PlainNode> nodes;
+        ReadyQueue queue;
+        queue.Reserve(100);
+        for (int i = 0; i < 100; ++i) {
+            nodes.emplace_back(i, 1);
+        }
+        const test::FailingCall failing(test::Call::OperatorNew, 0);
+        for (PlainNode& node : nodes) {
+            queue.Push(node);
+        }
+        while (!queue.Empty()) {
+            queue.Take(isRandom);
+        }
+        EXPECT_FALSE(failing.Happened());
+    }
 }
 
 TEST(ReadyQueue, TakesEqualNodesInEveryOrderOverDifferentRandomNumbers) {

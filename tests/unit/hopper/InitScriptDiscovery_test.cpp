@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <utility>
 
@@ -15,7 +16,9 @@
 
 #include "base/Exception.h"
 #include "base/Settings.h"
+#include "graph/Executor.h"
 #include "graph/Graph.h"
+#include "graph/GraphRun.h"
 #include "hopper/LegacyDaemonPlugin.h"
 #include "support/BreakingStream.h"
 #include "support/ChildOutcome.h"
@@ -232,6 +235,35 @@ TEST_F(DaemonPluginsTest, AreMadeBesideOneThatCannotBe) {
                                                          "Condition variable for Node could not be initialized"}}))
             << made;
         EXPECT_EQ(ownGraph.AllBarriers().size(), 1U) << made;
+    }
+}
+
+TEST_F(DaemonPluginsTest, AreNeverForgottenOnceLinkedWhenMemoryRunsOut) {
+    const std::vector<InitScript> scripts = {{"/etc/init.d/a-late-daemon-of-the-host", 30},
+                                             {"/etc/init.d/an-early-daemon-of-the-host", 10},
+                                             {"/etc/init.d/a-daemon-of-the-host-between", 20}};
+    bool isShort = true;
+    for (int allocations = 0; isShort; ++allocations) {
+        Graph ownGraph(settings);
+        std::vector<Plugin*> plugins;
+        try {
+            const test::FailingCall failing(test::Call::OperatorNew, allocations, 1);
+            plugins = MakeDaemonPlugins(scripts, 0, {ownGraph, test::NoActivator::Instance(), {}});
+            isShort = failing.Happened();
+        } catch (const std::bad_alloc&) {
+            isShort = true;
+        }
+        const std::vector<Node*> listed(plugins.begin(), plugins.end());
+        std::vector<Node*> groups;
+        for (const std::uint32_t priority : ownGraph.Priorities()) {
+            groups.push_back(ownGraph.GetBarrier(PriorityBarrier::NameOf(priority), false));
+        }
+        const std::vector<InitBarrier*> barriers = ownGraph.AllBarriers();
+        ASSERT_EQ(groups, std::vector<Node*>(barriers.begin(), barriers.end())) << allocations;
+        ASSERT_EQ(test::Forgotten(ownGraph, listed), "") << allocations;
+        Executor executor(1, false);
+        StartRun(ownGraph, listed, executor);
+        ASSERT_TRUE(isShort || listed.size() == scripts.size());
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
+#include <new>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -323,6 +325,102 @@ TEST_F(DiscoveryTest, KeepsTheLinksOfAFileThatIsRejectedHalfWayAsThoseOfAStarted
     StartRun(graph, {list.begin(), list.end()}, executor);
     EXPECT_EQ(list[1]->State(), NodeState::Started);
     EXPECT_EQ(log.Lines(115).size(), 1U);  // no complaint about a barrier that nobody provides
+}
+
+// More than it takes to discover a file or two.
+constexpr int kManyAllocations = 1000;
+
+// From the last allocation back to the first one for the links: what reads JSON needs memory even to let go of what it
+// has read.
+TEST_F(DiscoveryTest, SaysWhyAFileIsRejectedEvenWhenMemoryRunsOutForItsLinks) {
+    folder.Write("plugins/broken.json",
+                 R"({"metadata": {"version": 1, "requires": ["in"], "provides": ["out"]}, "operations": {}})");
+    DiscoverListed({"broken.json"});
+    const Entries reason = log.Entries();
+    ASSERT_EQ(reason.size(), 1U);
+
+    int shortages = 0;
+    bool isLinked = true;
+    for (int allocations = kManyAllocations; isLinked; --allocations) {
+        log.Clear();
+        Graph ownGraph(settings);
+        Discovery discovery(input, ownGraph, test::NoActivator::Instance(), runOnce, list);
+        {
+            const test::FailingCall failing(test::Call::OperatorNew, allocations, 1);
+            discovery.DiscoverListed({"broken.json"});
+            ASSERT_TRUE(allocations < kManyAllocations || !failing.Happened());
+        }
+        isLinked = ownGraph.Size() > 0;
+        const bool isShort = ownGraph.Size() < graph.Size();
+        ASSERT_TRUE(isShort || isLinked);
+        if (isShort || !log.Entries().empty()) {  // the test's record of the line may be what there is no memory for
+            ASSERT_EQ(log.Entries(), reason) << allocations;
+        }
+        shortages += isShort ? 1 : 0;
+    }
+    EXPECT_GT(shortages, 3);
+}
+
+class DiscoveryShortOfMemory : public DiscoveryTest {
+  protected:
+    DiscoveryShortOfMemory() {
+        folder.Write("debug.conf", "step:network,disk:clock,names:true\n");
+        input.bootFlags = {"a", "b"};
+        earlier->MarkStarted();
+    }
+
+    // Discovers the files when one allocation fails, and runs what was found. That comes behind `length` plugins of the
+    // list, which needs more memory now and then. Returns whether it came to the failure.
+    bool Discover(const Names& files, std::size_t length, int allocations) {
+        log.Clear();
+        Graph ownGraph(settings);
+        std::set<std::string> ownRunOnce;
+        PluginList ownList(length, earlier.get());
+        bool isShort = true;
+        try {
+            Discovery discovery(input, ownGraph, test::NoActivator::Instance(), ownRunOnce, ownList);
+            const test::FailingCall failing(test::Call::OperatorNew, allocations, 1);
+            discovery.DiscoverListed(files);
+            isShort = failing.Happened();
+        } catch (const std::bad_alloc&) {
+            isShort = true;  // nothing more is discovered
+        }
+        const std::vector<Node*> listed(ownList.begin(), ownList.end());
+        EXPECT_EQ(test::Forgotten(ownGraph, listed), "") << length << ", " << allocations;
+        EXPECT_TRUE(isShort || listed.size() == length + files.size());
+        Executor executor(1, false);
+        StartRun(ownGraph, listed, executor);
+        nodes = ownGraph.Size();
+        return isShort;
+    }
+
+    static constexpr std::size_t kBlock = 512 / sizeof(Plugin*);  // of a deque
+
+    const std::unique_ptr<DebugPlugin> earlier = test::MakePlugin<DebugPlugin>(PluginDescription("earlier"));
+    std::size_t nodes = 0;  // of the last graph
+};
+
+TEST_F(DiscoveryShortOfMemory, ForgetsNoPluginThatIsLinked) {
+    Install("barriers", "net.so");
+    Install("release3", "once.so");
+    for (const std::size_t length : {kBlock - 3, kBlock - 2, kBlock - 1}) {
+        for (int allocations = 0; Discover({"net.so", "once.so", "step.debug"}, length, allocations); ++allocations) {
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+}
+
+TEST_F(DiscoveryShortOfMemory, ForgetsNoPluginOfAJSONFileThatIsLinked) {
+    folder.Write("plugins/net.json",
+                 R"({"metadata": {"version": 3, "requires": ["network", "disk"], "provides": ["clock", "names"],)"
+                 R"( "required_flags": ["a", "b"], "run_once": true, "plugin_version": "1"},)"
+                 R"( "operations": {"start": []}})");
+    int allocations = kManyAllocations;
+    ASSERT_FALSE(Discover({"net.json"}, kBlock - 1, allocations));
+    while (nodes > 0) {
+        Discover({"net.json"}, kBlock - 1, --allocations);
+        ASSERT_FALSE(HasFailure());
+    }
 }
 
 TEST_F(DiscoveryTest, LinksAPluginInTheOrderOfItsDescription) {

@@ -45,6 +45,10 @@ FailingCall::~FailingCall() {
     PlanOf(call).successesLeft = kNeverFails;
 }
 
+bool FailingCall::Happened() const {
+    return PlanOf(call).successesLeft < 0;
+}
+
 int Joins() {
     return joins;
 }

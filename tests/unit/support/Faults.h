@@ -20,6 +20,9 @@ class FailingCall {
     FailingCall(const FailingCall&) = delete;
     FailingCall& operator=(const FailingCall&) = delete;
 
+    // Whether the call has failed yet.
+    bool Happened() const;
+
   private:
     const Call call;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -144,6 +145,20 @@ std::string Names(const std::vector<Node*>& nodes) {
         names.push_back(node->Name());
     }
     return Joined(names);
+}
+
+std::string Forgotten(const Graph& graph, const std::vector<Node*>& listed) {
+    std::vector<Node*> forgotten;
+    const auto isForgotten = [&](Node* node) {
+        return dynamic_cast<InitBarrier*>(node) == nullptr && node->State() != NodeState::Started &&
+               std::find(listed.begin(), listed.end(), node) == listed.end();
+    };
+    for (const InitBarrier* barrier : graph.AllBarriers()) {
+        for (const Node::Links* links : {&barrier->Dependencies(), &barrier->Dependents()}) {
+            std::copy_if(links->begin(), links->end(), std::back_inserter(forgotten), isForgotten);
+        }
+    }
+    return Names(forgotten);
 }
 
 bool IsBefore(const std::string& list, const std::string& first, const std::string& second) {

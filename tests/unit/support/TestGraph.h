@@ -69,6 +69,10 @@ class TestGraph {
 // The names separated by blanks.
 std::string Names(const std::vector<Node*>& nodes);
 
+// The nodes, barriers apart, that a barrier of the graph is linked with although they are neither of the list nor
+// started: nobody looks after them. A node is named once for each such link.
+std::string Forgotten(const Graph& graph, const std::vector<Node*>& listed);
+
 // Whether `first` stands before `second` in a blank-separated list that has both.
 bool IsBefore(const std::string& list, const std::string& first, const std::string& second);
 
