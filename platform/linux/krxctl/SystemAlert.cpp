@@ -36,6 +36,15 @@ std::string ForLoginPrompt(std::string_view text) {
     return escaped;
 }
 
+// A run of many alerts does not write the first ones again for each. Nothing but what this process has written itself
+// is extended.
+bool Extend(const std::filesystem::path& path, std::size_t published, std::string_view text) {
+    const posix::Descriptor file = posix::OpenRegularFile(path, O_WRONLY | O_APPEND);
+    struct stat status {};
+    return file && ::fstat(file.Get(), &status) == 0 && static_cast<std::size_t>(status.st_size) == published &&
+           posix::WriteWhole(file, text);
+}
+
 }  // namespace
 
 SystemAlert::SystemAlert(std::filesystem::path issueFile) : path(std::move(issueFile)) {}
@@ -43,7 +52,12 @@ SystemAlert::SystemAlert(std::filesystem::path issueFile) : path(std::move(issue
 void SystemAlert::Raise(const std::string& text) {
     const std::lock_guard held(lock);
     LogAlert(text);
-    raised += ForLoginPrompt(text);
+    const std::string shown = ForLoginPrompt(text);
+    const std::size_t published = raised.size();
+    raised += shown;
+    if (published > 0 && Extend(path, published, shown)) {
+        return;
+    }
     if (::mkdir(path.parent_path().c_str(), kFolderMode) != 0 && errno != EEXIST) {
         Fail(path);
     }

@@ -16,9 +16,10 @@ class SystemAlert {
     // Nothing is touched before something is raised.
     explicit SystemAlert(std::filesystem::path issueFile);
 
-    // Logs the text, then replaces the file in one step; its folder is made when it is missing. What would mean
-    // something to the login prompt or the terminal is made harmless. Throws std::runtime_error "<path>: <reason>"; the
-    // text has been logged then, and is recorded with the next one that can be.
+    // Logs the text, then extends the file, or replaces it in one step unless it is as the last text has left it; its
+    // folder is made when it is missing. What would mean something to the login prompt or the terminal is made
+    // harmless. Throws std::runtime_error "<path>: <reason>"; the text has been logged then, and is recorded with the
+    // next one that can be.
     void Raise(const std::string& text);
 
   private:

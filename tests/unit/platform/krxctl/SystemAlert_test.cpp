@@ -1,5 +1,6 @@
 #include "krxctl/SystemAlert.h"
 
+#include <chrono>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -83,6 +84,33 @@ TEST(SystemAlert, IsRecordedWithTheNextOneOnceThatIsPossible) {
     std::filesystem::remove(blocked);
     alert.Raise("second");
     EXPECT_EQ(directory.Read("folder/alert"), "first\nsecond\n");
+}
+
+TEST(SystemAlert, IsWrittenOutAgainWhenTheFileIsNotAsItWasLeft) {
+    const TemporaryDirectory directory;
+    Alert alert(directory / "alert");
+    alert.Raise("first");
+    for (const char* change : {"", "cut", "first\nnot ours"}) {
+        directory.Write("alert", change);
+        alert.Raise("next");
+        EXPECT_TRUE(directory.Read("alert").starts_with("first\nnext\n")) << directory.Read("alert");
+    }
+    EXPECT_EQ(directory.Read("alert"), "first\nnext\nnext\nnext\n");
+}
+
+TEST(SystemAlert, CostsTheSameWhetherItIsTheFirstOrTheLast) {
+    const TemporaryDirectory directory;
+    const LogCapture capture;
+    Alert alert(directory / "alert");
+    // Written out anew each time, they would be 60 GB.
+    constexpr std::size_t kTexts = 40'000;
+    const std::string text(74, 'x');
+    const auto start = std::chrono::steady_clock::now();
+    for (std::size_t count = 0; count < kTexts; ++count) {
+        alert.Raise(text);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(std::filesystem::file_size(directory / "alert"), kTexts * (text.size() + 1));
 }
 
 TEST(SystemAlert, HasTheTextsOfAllThreadsInTheOrderOfTheLog) {
