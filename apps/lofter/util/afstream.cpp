@@ -123,10 +123,11 @@ void afstream::commit() {
     tempName.clear();
     const posix::Descriptor committed = std::move(temporary);
 
-    // The right to run as the owner or the group of the old file is not for the new one: its owner may be another.
+    // The right to run as the owner or the group of the old file is not for the new one: its owner may be another. Nor
+    // is what a link led to, such as /dev/null, which anybody may write.
     constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
     int permissionError = statError == ENOENT ? 0 : statError;
-    if (hasOld && fchmod(committed.Get(), old.st_mode & kPermissions) != 0) {
+    if (hasOld && S_ISREG(old.st_mode) && fchmod(committed.Get(), old.st_mode & kPermissions) != 0) {
         permissionError = errno;
     }
     if (permissionError != 0) {

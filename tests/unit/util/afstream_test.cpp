@@ -85,6 +85,16 @@ TEST_F(AtomicFileStream, NeverKeepsTheRightToBeSomebodyElse) {
     }
 }
 
+TEST_F(AtomicFileStream, TakesNoPermissionsFromADeviceThatALinkLedTo) {
+    fs::create_symlink("/dev/null", path);
+    afstream stream;
+    stream.open(path.c_str(), std::ios_base::out);
+    stream << "new";
+    stream.commit();
+    EXPECT_EQ(ModeOf(path), 0600U);
+    EXPECT_EQ(Read(), "new");
+}
+
 // Whoever may write into the folder can put a link in the temporary file's place at any moment.
 TEST_F(AtomicFileStream, NeverTouchesWhatALinkInTheTemporaryFilesPlaceLeadsTo) {
     folder.Write("log", "old");
