@@ -38,6 +38,8 @@ void WriteKernelLog(const char* path, const std::vector<std::string>& texts) {
     if (!log) {
         Fail(path);
     }
+    // A terminal in its place that is stopped takes nothing, and would be waited for.
+    ::fcntl(log.Get(), F_SETFL, O_APPEND | O_NONBLOCK);
     for (const std::string& text : texts) {
         if (!posix::WriteWhole(log, RecordOf(text))) {
             Fail(path);

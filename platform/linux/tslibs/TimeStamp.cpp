@@ -1,7 +1,10 @@
 #include "tslibs/TimeStamp.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+
+#include <sys/stat.h>
 
 namespace platform {
 
@@ -53,10 +56,20 @@ TimeStamp TimeStamp::Syslog(Clock::time_point localTime) {
     return stamp;
 }
 
+namespace {
+
+// Whether the system reads the local zone from something that is no file: a pipe there would never end.
+bool HasStrangeZoneFile() {
+    struct stat status {};
+    return std::getenv("TZ") == nullptr && ::stat("/etc/localtime", &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+}  // namespace
+
 std::chrono::seconds LocalOffset(TimeStamp::Clock::time_point time) {
     const std::time_t seconds = TimeStamp::Clock::to_time_t(time);
     std::tm local{};
-    if (localtime_r(&seconds, &local) == nullptr) {
+    if (HasStrangeZoneFile() || localtime_r(&seconds, &local) == nullptr) {
         return std::chrono::seconds(0);
     }
     return std::chrono::seconds(local.tm_gmtoff);

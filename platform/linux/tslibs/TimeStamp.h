@@ -27,7 +27,8 @@ class TimeStamp {
     std::size_t length = 0;
 };
 
-// What to add to universal time for local time, at the given moment.
+// What to add to universal time for local time, at the given moment. Zero when the zone cannot be read. Not thread-safe
+// beside changes of the environment.
 std::chrono::seconds LocalOffset(TimeStamp::Clock::time_point time);
 
 }  // namespace platform

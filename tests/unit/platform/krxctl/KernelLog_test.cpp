@@ -4,7 +4,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include "krxctl/Sysinfo.h"
 #include "posix/Descriptor.h"
@@ -64,6 +67,16 @@ TEST(KernelLog, IsNoPipe) {
     EXPECT_EQ(FailureOf([&] { WriteKernelLog(log.c_str(), {"text"}); }), log + ": No such device or address");
     const posix::Descriptor reader(::open(log.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     EXPECT_EQ(FailureOf([&] { WriteKernelLog(log.c_str(), {"text"}); }), log + ": No such device or address");
+}
+
+TEST(KernelLog, DoesNotWaitForATerminalThatWasStopped) {
+    int ends[2];
+    ASSERT_EQ(::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr), 0);
+    const posix::Descriptor master(ends[0]);
+    const posix::Descriptor slave(ends[1]);
+    ASSERT_EQ(::tcflow(slave.Get(), TCOOFF), 0);
+    const std::string log = ::ttyname(slave.Get());
+    EXPECT_EQ(FailureOf([&] { WriteKernelLog(log.c_str(), {"text"}); }), log + ": Resource temporarily unavailable");
 }
 
 TEST(KernelLog, ReportsARecordThatIsNotTaken) {

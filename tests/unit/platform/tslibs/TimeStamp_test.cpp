@@ -1,10 +1,15 @@
 #include "tslibs/TimeStamp.h"
 
+#include <filesystem>
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <time.h>
 
+#include "support/ChildOutcome.h"
 #include "support/ForkedChild.h"
+#include "support/TemporaryDirectory.h"
 
 namespace platform {
 namespace {
@@ -34,6 +39,18 @@ TEST(TimeStamp, KnowsHowFarTheLocalZoneIsFromUniversalTime) {
         ::setenv("TZ", "XYZ-5:30", 1);
         ::tzset();
         return LocalOffset(At(1795225148)) == seconds(19800) ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST(TimeStamp, DoesNotWaitForAZoneFileThatIsAPipe) {
+    const lofter::test::TemporaryDirectory root;
+    std::filesystem::create_directory(root / "etc");
+    ASSERT_EQ(::mkfifo((root / "etc/localtime").c_str(), 0600), 0);
+    lofter::test::ForkedChild child([&] {
+        ::unsetenv("TZ");
+        lofter::test::EnterRoot(root.Path());
+        return LocalOffset(At(1795225148)) == seconds(0) ? 0 : 1;
     });
     EXPECT_EQ(child.Wait(), 0);
 }
