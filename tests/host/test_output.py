@@ -102,7 +102,7 @@ def test_a_standard_output_that_takes_nothing_costs_a_boot_nothing_but_the_lines
     host.DebugConfiguration(*(f"{name}::all:true" for name in names), f"last:all::read line <{GO}")
     os.mkfifo(host.Path(GO))
     running = host.StartLofter("--trace", stdout=stuck.writer)
-    syslog.WaitFor("executing start plugin: last", 60)
+    syslog.WaitFor("executing start plugin: last", 180)
     stuck.Resume()
     host.Path(GO).write_text("go\n")
     assert running.Finish().status == 0

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -107,15 +108,22 @@ TEST(StreamOutput, WritesEachMessageAtOnceWithItsInnerLineEnds) {
     EXPECT_EQ(channel.Read(), "info lofter: \n");
 }
 
+// Lets a socket hold as little as can be.
+void MakeSmall(const Channel& channel) {
+    const int size = 0;
+    ASSERT_EQ(::setsockopt(channel.Writer(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size), 0);
+}
+
 TEST(StreamOutput, GoesOnAfterAPartialWrite) {
     Channel channel(SOCK_STREAM);
     // Takes but a part of it at a time.
     ASSERT_EQ(::fcntl(channel.Writer(), F_SETFL, O_NONBLOCK), 0);
-    const std::string text(3'000'000, 'x');
+    MakeSmall(channel);
+    const std::string text(30'000, 'x');
     auto reading = std::async(std::launch::async, [&] {
         std::string whole;
-        while (!whole.ends_with('\n')) {
-            whole += channel.Read();
+        for (std::string part; !whole.ends_with('\n') && !(part = channel.Read()).empty();) {
+            whole += part;
         }
         return whole;
     });
@@ -222,6 +230,7 @@ TEST(StreamOutput, EndsALineThatWentOutInPartBeforeAnythingElse) {
 
 TEST(StreamOutput, LosesNothingToAReaderThatIsOnlySlow) {
     Channel channel;
+    MakeSmall(channel);
     while (::send(channel.Writer(), "x", 1, MSG_DONTWAIT) == 1) {
     }
     // The socket is not called ready before it is nearly empty.
@@ -230,7 +239,7 @@ TEST(StreamOutput, LosesNothingToAReaderThatIsOnlySlow) {
         std::string whole;
         while (!ended || !channel.IsQuiet()) {
             whole += channel.IsQuiet() ? "" : channel.Read();
-            ::poll(nullptr, 0, ended ? 0 : 10);
+            ::poll(nullptr, 0, ended ? 0 : 5);
         }
         return whole;
     });
