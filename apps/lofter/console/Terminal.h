@@ -94,7 +94,8 @@ class StandardStreams {
     void Restore() const;
 
     // Returns at once unless the terminal on standard input has been hung up. Else the streams that were hung up are
-    // opened again, which may take until somebody has the line again: it is logged once for each stream, and waited for.
+    // opened again, which may take until somebody has the line again: it is logged once for each stream, and waited
+    // for.
     void AwaitTerminal() const;
 
   private:
