@@ -1,4 +1,4 @@
-// The exceptions that plugin code throws. Each holds one message and returns it from what().
+// The exceptions of the program. Each holds one message and returns it from what().
 #pragma once
 
 #include <exception>

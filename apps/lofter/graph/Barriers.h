@@ -36,7 +36,8 @@ class PriorityBarrier : public InitBarrier {
   public:
     static std::string NameOf(std::uint32_t priority);
 
-    // The graph gives it its place in the chain of priorities, and outlives it.
+    // Made by Graph::GetPriorityBarrier alone, which gives it its place in the chain of priorities. The graph outlives
+    // it.
     PriorityBarrier(Graph& owner, std::uint32_t ownPriority, const Settings& runSettings);
 
     void Start() override {}

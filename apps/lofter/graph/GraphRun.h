@@ -1,5 +1,6 @@
 // Drives a run over a sequence of nodes, in the order in which they were discovered. Barriers are not in the sequence;
-// they are reached through the links. A cycle makes the run wait for ever.
+// they are reached through the links. A cycle makes the run wait for ever. Both throw std::bad_alloc, with nothing
+// scheduled, when there is no memory for a run.
 #pragma once
 
 #include <vector>
