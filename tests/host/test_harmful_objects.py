@@ -206,7 +206,7 @@ def test_a_damaged_object_never_ends_a_boot(host, folder, name):
     for name, content in damaged.items():
         host.Plugin(f"{name}.so", content)
     Hello(host, "hello")
-    # Reports of what happens in the trial are of no interest; and a damaged name may close a cycle, so nothing is run.
+    # Reports of what reading them does to a process are of no interest; and a damaged name may close a cycle, so nothing is run.
     environment = {name: f"{options}:log_path=/tmp/report" for name, options in Environment().items()}
     outcome = host.Lofter("--init", "--plugin-flags=a,b", "--dump-dependency-tree=/tmp/graph", environment=environment, timeout=120)
     assert outcome.status == 0, outcome.output + outcome.errors

@@ -45,7 +45,7 @@ constexpr std::size_t kPiece = std::size_t{32} * 1024;
 // How long a process may take to end when it is asked to, and when it is killed.
 constexpr std::chrono::seconds kEndLimit{1};
 
-// The channel's number in the process that tries objects. The standard streams are the ones below.
+// The channel's number in the process that reads objects. The standard streams are the ones below.
 constexpr int kChannel = STDERR_FILENO + 1;
 
 // How far the reading of one object has come. In memory that both processes have: an object can close descriptors, but
