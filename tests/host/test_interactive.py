@@ -15,6 +15,7 @@ ITEMS = {"c": b"\x1b[35m(c)ontinue\x1b[0m", "e": b"\x1b[32m(e)xecute\x1b[0m",
          "t": b"\x1b[33m(t)roubleshoot\x1b[0m", "s": b"\x1b[31m(s)kip\x1b[0m"}
 PROGRESS, NO_PROGRESS = b"\r\x1b[2KActivating Lofter Plugins\r", b"\r\x1b[2K\r"
 HIDE, SHOW, ERASE = b"\x1b[?25l", b"\x1b[?25h", b"\x1b[2K"
+SYSLOG_DAEMON = "/usr/lib/tessel/tssyslog/bin/tssyslogd"
 LOCAL = 3  # index of the local modes
 
 
@@ -240,14 +241,14 @@ def test_at_end_of_input_the_prompt_keeps_reading(host):
 class Line:
     """A boot of two plugins on a line that can lose its terminal and get another. The first plugin waits for the test."""
 
-    def __init__(self, host):
+    def __init__(self, host, *arguments):
         host.DebugConfiguration("a::a:echo a >>/tmp/ran; read line </tmp/go", "b:a::echo b >>/tmp/ran")
         host.Run("mkfifo", "/tmp/go")
         self.host = host
         self.Connect()
         self.before = self.terminal.Modes()
         slave = self.terminal.slave
-        self.running = host.StartLofter("--interactive", stdin=slave, stdout=slave, stderr=slave, bind=[("/dev/pts", "/pts")])
+        self.running = host.StartLofter("--interactive", *arguments, stdin=slave, stdout=slave, stderr=slave, bind=[("/dev/pts", "/pts")])
 
     def Connect(self):
         self.terminal = self.host.Terminal()
@@ -265,13 +266,16 @@ class Line:
         Eventually(lambda: self.terminal.Modes()[LOCAL] & termios.ICANON == 0, "keys are read", 30)
 
     def EndFirstPlugin(self):
+        self.LetGo("/tmp/go")
+
+    def LetGo(self, path):
         def Write():
             with contextlib.suppress(OSError):  # while nobody reads
-                go = os.open(self.host.Path("/tmp/go"), os.O_WRONLY | os.O_NONBLOCK)
+                go = os.open(self.host.Path(path), os.O_WRONLY | os.O_NONBLOCK)
                 os.write(go, b"\n")
                 os.close(go)
                 return True
-        Eventually(Write, "the first plugin waits", 30)
+        Eventually(Write, f"{path} is waited for", 30)
 
     def Finish(self):
         outcome = self.running.Finish()
@@ -307,6 +311,21 @@ def test_a_hang_up_between_two_questions_costs_none_of_them(host):
     line.terminal.Type("c")
     line.Finish()
     assert b"unable to" not in line.terminal.output
+
+
+def test_a_hang_up_before_the_first_question_costs_none_of_them(host):
+    """The launch of the syslog daemon, which comes before any question, waits for the test."""
+    host.Run("mkfifo", "/tmp/launch")
+    host.WriteScript(SYSLOG_DAEMON, "echo >/tmp/launching; read line </tmp/launch")
+    line = Line(host, "--init")
+    Eventually(lambda: host.Exists("/tmp/launching"), "the syslog daemon is launched", 30)
+    line.HangUp()
+    line.Connect()
+    line.LetGo("/tmp/launch")
+    line.AwaitKeys("a")
+    line.terminal.Type("c")
+    line.EndFirstPlugin()
+    line.Finish()
 
 
 def test_a_line_that_has_no_terminal_yet_is_waited_for_without_a_flood(host):
