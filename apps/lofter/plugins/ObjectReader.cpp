@@ -173,6 +173,7 @@ void TakeInputAway() {
         // No memory for what the object says: like an answer that is lost.
         stage.Set(Stage::kGiven);
     }
+    posix::CloseDescriptorsFrom(kChannel);
     _exit(EXIT_SUCCESS);
 }
 
@@ -199,19 +200,7 @@ class ObjectReader::Process {
             childEnd = posix::WatchProcess(child);
         }
     }
-    ~Process() {
-        channel.Reset();  // which asks it to end
-        if (child <= 0) {
-            return;
-        }
-        if (childEnd && !EndsWithin(kEndLimit)) {
-            Kill();
-        }
-        // One that cannot even be killed, for a file that its disk does not give, is left to itself.
-        if (!childEnd || EndsWithin(kEndLimit)) {
-            Reap();
-        }
-    }
+    ~Process() { End(); }
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
@@ -233,7 +222,7 @@ class ObjectReader::Process {
             return send(channel.Get(), path.c_str(), path.size(), MSG_NOSIGNAL);
         };
         if (posix::AcrossSignals(give) < 0) {
-            Reap();
+            End();
             return {};
         }
         const bool isFirst = !std::exchange(hasServed, true);
@@ -243,12 +232,13 @@ class ObjectReader::Process {
             case Event::kEnd:
                 return ResultOfEnd(isFirst);
             case Event::kLost:
-                Reap();
+                End();
                 return {};
             case Event::kNothing:
                 break;
         }
-        Reap();
+        Kill();
+        End();
         return {std::nullopt, "did not load within " + std::to_string(limit.count()) + " s", true};
     }
 
@@ -323,6 +313,21 @@ class ObjectReader::Process {
                 break;
         }
         return {std::nullopt, EndOf(status), isFirst};
+    }
+
+    void End() {
+        channel.Reset();  // which asks it to end
+        if (child <= 0) {
+            return;
+        }
+        if (childEnd && !EndsWithin(kEndLimit)) {
+            Kill();
+        }
+        // One that cannot even be killed, for a file that its disk does not give, is left to itself.
+        if (!childEnd || EndsWithin(kEndLimit)) {
+            Reap();
+        }
+        child = 0;
     }
 
     bool EndsWithin(std::chrono::milliseconds patience) const {
