@@ -112,7 +112,7 @@ void IsReadAsLaidOut(std::uint32_t version, Bytes& bytes) {
         metadata.Put(48, disablingFlags.Get());
     }
 
-    PluginDescription read("fuzzed");
+    PluginDescription read(PluginKind::Native, "fuzzed");
     const bool isSupported = IsRead(metadata.Get(), operations.Get(), read);
     Require(isSupported == (version >= 1 && version <= 4), "versions 1 to 4 are supported, no others");
     if (!isSupported) {

@@ -77,7 +77,7 @@ void IsDiscovered(const test::TemporaryDirectory& folder, const JSONPlugin* load
     PluginList plugins;
     const Settings settings;
     Graph graph(settings);
-    Discovery({folder.Path(), folder / "debug.conf", {}, bootFlags}, graph, test::NoActivator::Instance(), runOnce,
+    Discovery({folder.Path(), folder / "debug.conf", {{}, bootFlags}}, graph, test::NoActivator::Instance(), runOnce,
               plugins)
         .DiscoverListed({"libfuzzed.json"});
     if (loaded == nullptr) {

@@ -41,7 +41,7 @@ class FakePlugin : public Plugin {
 
     explicit FakePlugin(
         Activator& pluginActivator, Operation startOperation = [] {}, const std::string& pluginName = "net")
-        : Plugin(PluginDescription(pluginName), pluginActivator), start(std::move(startOperation)) {}
+        : Plugin(PluginDescription(PluginKind::Debug, pluginName), pluginActivator), start(std::move(startOperation)) {}
 
     void StartPlugin() override {
         calls += "start ";

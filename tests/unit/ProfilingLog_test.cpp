@@ -28,7 +28,7 @@ constexpr time_t kSecondOfJanuary2024 = 1704178989;  // 07:03:09 UTC
 class TimedPlugin : public Plugin {
   public:
     TimedPlugin(const std::string& pluginName, const timeval& start, const timeval& end)
-        : Plugin(PluginDescription(pluginName), test::NoActivator::Instance()) {
+        : Plugin(PluginDescription(PluginKind::Debug, pluginName), test::NoActivator::Instance()) {
         SetStartTime(start);
         SetEndTime(end);
     }

@@ -62,6 +62,11 @@ void Executor::Enqueue(Node& node) {
     workAvailable.Broadcast();
 }
 
+Node* Executor::Take() {
+    GraphLock lock;
+    return readyQueue.Empty() ? nullptr : &readyQueue.Take(randomize);
+}
+
 void* Executor::WorkerMain(void* executor) {
     static_cast<Executor*>(executor)->Work();
     return nullptr;
@@ -70,11 +75,11 @@ void* Executor::WorkerMain(void* executor) {
 void Executor::Work() {
     GraphLock lock;
     while (!shutdown) {
-        if (readyQueue.Empty()) {
+        if (Node* node = Take(); node != nullptr) {
+            node->RunQueued(*this, lock);
+        } else {
             workAvailable.Wait();
-            continue;
         }
-        readyQueue.Take(randomize).RunQueued(*this, lock);
     }
 }
 

@@ -43,6 +43,10 @@ class Executor {
     // Adds a node that has just been put into one of the queued states.
     void Enqueue(Node& node);
 
+    // Removes and returns the node to run next, null when none is ready. For whoever runs the nodes himself, with an
+    // executor that has no workers, as these do.
+    Node* Take();
+
   private:
     static void* WorkerMain(void* executor);
     bool CreateWorker();

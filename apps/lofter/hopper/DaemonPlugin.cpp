@@ -9,7 +9,7 @@ namespace lofter {
 
 DaemonPlugin::DaemonPlugin(const std::string& pluginName, std::uint32_t startPriority, std::uint32_t pluginKind,
                            const CommandSettings& settings, Activator& pluginActivator)
-    : Plugin(PluginDescription(pluginName), pluginActivator, pluginKind),
+    : Plugin(PluginDescription(PluginKind::Daemon, pluginName), pluginActivator, pluginKind),
       priority(startPriority),
       commandSettings(settings) {}
 

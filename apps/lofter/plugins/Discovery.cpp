@@ -1,11 +1,10 @@
 #include "plugins/Discovery.h"
 
-#include <algorithm>
 #include <exception>
 #include <filesystem>
-#include <iterator>
 #include <memory>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "base/Logging.h"
@@ -13,6 +12,7 @@
 #include "plugins/JSONPlugin.h"
 #include "plugins/NativePlugin.h"
 #include "plugins/description/JsonDescription.h"
+#include "plugins/description/PluginFileName.h"
 #include "posix/Directory.h"
 
 namespace lofter {
@@ -48,11 +48,6 @@ void RejectUnlessDone(Plugin& plugin, Step step) {
     }
 }
 
-bool IsKeyCharacter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-           c == '_' || c == '+';
-}
-
 }  // namespace
 
 Discovery::Discovery(DiscoveryInput discoveryInput, Graph& graphToExtend, Activator& pluginActivator,
@@ -82,29 +77,26 @@ void Discovery::ProcessFile(const std::string& fileName) {
     // A listed name that begins with a slash does not lead out of the plugin directory.
     const std::filesystem::path relative = std::filesystem::path(fileName).relative_path();
     const std::string path = (std::filesystem::path(input.pluginDirectory) / relative).string();
-    const std::size_t dot = fileName.rfind('.');
-    if (dot == std::string::npos) {
+    const std::optional<PluginFileName> file = ParsePluginFileName(fileName);
+    if (!file) {
         Log_Level(kWarning, "ignoring plugin '%s' of unspecified type...\n", fileName.c_str());
         return;
     }
-    std::string name = fileName.substr(0, dot);
-    const std::string extension = fileName.substr(dot + 1);
+    const std::string& name = file->plugin;
 
     // Read again for every file, whatever its kind; kept on purpose, with the repeated complaints that come of it.
     DebugConfiguration debug = ReadDebugEntries();
 
-    if (name.starts_with("lib")) {
-        name.erase(0, 3);
-    }
-    if (extension == "so") {
+    if (file->kind == PluginKind::Native) {
         LoadContained(fileName, [&] { Admit(AddPlugin<NativePlugin>(objects.Describe(name, path))); });
-    } else if (extension == "json") {
+    } else if (file->kind == PluginKind::Json) {
         LoadContained(fileName, [&] { Admit(AddPlugin<JSONPlugin>(DescribeJsonPlugin(name, path))); });
-    } else if (extension == "debug") {
+    } else if (file->kind == PluginKind::Debug) {
         std::erase_if(debug.entries, [&](const PluginDescription& entry) { return entry.name != name; });
         LoadContained(fileName, [&] { AppendDebugPlugins(debug.entries); });
     } else {
-        Log_Level(kWarning, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(), extension.c_str());
+        Log_Level(kWarning, "ignoring plugin '%s' of unknown type (%s)...\n", fileName.c_str(),
+                  file->extension.c_str());
     }
 }
 
@@ -171,7 +163,7 @@ void Discovery::Admit(Plugin& plugin) {
 }
 
 void Discovery::Filter(Plugin& plugin) {
-    if (IsDisabled(plugin) || !AdmittedByFlags(plugin)) {
+    if (!IsAdmitted(plugin)) {
         plugin.MarkStarted();
         return;
     }
@@ -181,47 +173,35 @@ void Discovery::Filter(Plugin& plugin) {
     }
 }
 
-// By the plugin's name, not by the file's.
-bool Discovery::IsDisabled(const Plugin& plugin) const {
-    const std::vector<std::string>& disabled = input.disabledPlugins;
-    if (std::find(disabled.begin(), disabled.end(), plugin.Name()) == disabled.end()) {
+bool Discovery::IsAdmitted(const Plugin& plugin) const {
+    const Admission admission = lofter::Admit(plugin.Description(), input.rules);
+    if (admission.isDisabled) {
+        Log_Level(kInfo, "ignoring plugin '%s' due to blacklist.\n", plugin.Name().c_str());
         return false;
     }
-    Log_Level(kInfo, "ignoring plugin '%s' due to blacklist.\n", plugin.Name().c_str());
-    return true;
-}
-
-bool Discovery::AdmittedByFlags(const Plugin& plugin) const {
-    std::vector<std::string> disabling;
-    std::set_intersection(plugin.DisablingFlags().begin(), plugin.DisablingFlags().end(), input.bootFlags.begin(),
-                          input.bootFlags.end(), std::back_inserter(disabling));
-    std::vector<std::string> missing;
-    std::set_difference(plugin.RequiredFlags().begin(), plugin.RequiredFlags().end(), input.bootFlags.begin(),
-                        input.bootFlags.end(), std::back_inserter(missing));
-    if (!disabling.empty()) {
+    if (!admission.disablingFlags.empty()) {
         Log_Level(kWarning, "ignoring plugin '%s', disabled due to boot flags: %s.\n", plugin.Name().c_str(),
-                  FlagText(disabling).c_str());
+                  FlagText(admission.disablingFlags).c_str());
     }
-    if (!missing.empty()) {
+    if (!admission.missingFlags.empty()) {
         Log_Level(kWarning, "ignoring plugin '%s', disabled due to missing required boot flags: %s.\n",
-                  plugin.Name().c_str(), FlagText(missing).c_str());
+                  plugin.Name().c_str(), FlagText(admission.missingFlags).c_str());
     }
-    return disabling.empty() && missing.empty();
+    return admission.IsGranted();
 }
 
 // A plugin that has run stays in the list, so that the barriers it provides are satisfied. It is looked up by its key
 // as it is, while the set receives the key without the characters that a record cannot hold: a plugin whose key has
 // such characters runs on every boot. Kept on purpose.
 void Discovery::ApplyRunOnceRule(Plugin& plugin) {
-    std::string key = plugin.Name() + plugin.PluginVersion();
+    const std::string key = RunOnceKey(plugin.Description());
     if (runOnce.contains(key)) {
         Log_Level(kInfo, "ignoring plugin '%s' because version '%s'  has already been run.\n", plugin.Name().c_str(),
                   plugin.PluginVersion().c_str());
         plugin.MarkStarted();
         return;
     }
-    std::erase_if(key, [](char c) { return !IsKeyCharacter(c); });
-    runOnce.insert(key);
+    runOnce.insert(RecordedKey(key));
 }
 
 bool LoadContained(const std::string& fileName, const std::function<void()>& load) {

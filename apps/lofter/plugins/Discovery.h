@@ -16,6 +16,7 @@
 #include "graph/Graph.h"
 #include "plugins/ObjectReader.h"
 #include "plugins/Plugin.h"
+#include "plugins/description/Admission.h"
 #include "plugins/description/DebugConfiguration.h"
 
 namespace lofter {
@@ -25,9 +26,8 @@ using PluginList = std::deque<Plugin*>;
 
 struct DiscoveryInput {
     std::string pluginDirectory;
-    std::string debugConfiguration;            // path
-    std::vector<std::string> disabledPlugins;  // plugin names
-    std::set<std::string> bootFlags;
+    std::string debugConfiguration;  // path
+    AdmissionRules rules;
 };
 
 class Discovery {
@@ -56,8 +56,7 @@ class Discovery {
     Plugin& AddPlugin(PluginDescription description);
     void Admit(Plugin& plugin);
     void Filter(Plugin& plugin);
-    bool IsDisabled(const Plugin& plugin) const;
-    bool AdmittedByFlags(const Plugin& plugin) const;
+    bool IsAdmitted(const Plugin& plugin) const;
     void ApplyRunOnceRule(Plugin& plugin);
 
     const DiscoveryInput input;

@@ -373,7 +373,7 @@ PluginDescription ObjectReader::Describe(const std::string& name, const std::str
             process.reset();
         }
         if (result.text) {
-            PluginDescription plugin(name, path);
+            PluginDescription plugin(PluginKind::Native, name, path);
             try {
                 FromText(*result.text, plugin);
             } catch (const std::invalid_argument&) {

@@ -19,7 +19,7 @@ using Entries = std::vector<test::LogCapture::Entry>;
 class DebugPluginTest : public testing::Test {
   protected:
     static std::unique_ptr<DebugPlugin> Step(const std::string& command) {
-        PluginDescription description("step");
+        PluginDescription description(PluginKind::Debug, "step");
         description.version = 1;
         description.startCommands = {command};
         return test::MakePlugin<DebugPlugin>(description);

@@ -240,7 +240,7 @@ TEST_F(DiscoveryTest, CreatesTheEntriesOfADebugFileAtItsPlaceAndAllOfThemAtTheEn
 TEST_F(DiscoveryTest, NeverFiltersDebugPlugins) {
     folder.Write("debug.conf", "d:::true\n");
     folder.Write("plugins/d.debug", "");
-    input.disabledPlugins = {"d"};
+    input.rules.disabledPlugins = {"d"};
     runOnce = {"d"};
     DiscoverAll();
     EXPECT_EQ(Found(), "d d");
@@ -279,7 +279,7 @@ TEST_F(DiscoveryTest, WorksWithoutADebugConfiguration) {
 TEST_F(DiscoveryTest, DisablesByPluginNameNotByFileName) {
     Install("barriers", "libnet.so");
     Install("barriers", "disk.so");
-    input.disabledPlugins = {"net", "disk.so", "Disk"};
+    input.rules.disabledPlugins = {"net", "disk.so", "Disk"};
     DiscoverListed({"libnet.so", "disk.so"});
     EXPECT_EQ(Found(), "disk");
     EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' due to blacklist."}}));
@@ -287,8 +287,8 @@ TEST_F(DiscoveryTest, DisablesByPluginNameNotByFileName) {
 
 TEST_F(DiscoveryTest, LooksAtDisabledPluginsBeforeFlagsAndRunOnce) {
     Install("release3", "net.so");
-    input.disabledPlugins = {"net"};
-    input.bootFlags = {"x"};
+    input.rules.disabledPlugins = {"net"};
+    input.rules.bootFlags = {"x"};
     DiscoverAll();
     EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' due to blacklist."}}));
     EXPECT_EQ(runOnce, Flags{});
@@ -298,7 +298,7 @@ TEST_F(DiscoveryTest, LetsARejectedPluginBlockNobodyWhoWaitsForItsBarriers) {
     folder.Write("debug.conf", "waiter:clock::true\n");
     Install("barriers", "disabled.so");
     Install("release3", "flagged.so");
-    input.disabledPlugins = {"disabled"};
+    input.rules.disabledPlugins = {"disabled"};
     DiscoverAll();
     EXPECT_EQ(Found(), "waiter");
     const Node::Links providers = graph.GetBarrier("clock", false)->Dependencies();
@@ -365,7 +365,7 @@ class DiscoveryShortOfMemory : public DiscoveryTest {
   protected:
     DiscoveryShortOfMemory() {
         folder.Write("debug.conf", "step:network,disk:clock,names:true\n");
-        input.bootFlags = {"a", "b"};
+        input.rules.bootFlags = {"a", "b"};
         earlier->MarkStarted();
     }
 
@@ -396,7 +396,8 @@ class DiscoveryShortOfMemory : public DiscoveryTest {
 
     static constexpr std::size_t kBlock = 512 / sizeof(Plugin*);  // of a deque
 
-    const std::unique_ptr<DebugPlugin> earlier = test::MakePlugin<DebugPlugin>(PluginDescription("earlier"));
+    const std::unique_ptr<DebugPlugin> earlier =
+        test::MakePlugin<DebugPlugin>(PluginDescription(PluginKind::Debug, "earlier"));
     std::size_t nodes = 0;  // of the last graph
 };
 
@@ -444,7 +445,7 @@ TEST_F(DiscoveryTest, LogsTheLinesOfTheDebugConfigurationThatItSkips) {
 class BootFlags : public DiscoveryTest {
   protected:
     Entries LoadWith(const Flags& flags) {
-        input.bootFlags = flags;
+        input.rules.bootFlags = flags;
         list.clear();
         log.Clear();
         DiscoverListed({"p.so"});
@@ -494,7 +495,7 @@ TEST_F(BootFlags, AdmitAPluginThatKnowsNone) {
 
 class RunOnceRule : public DiscoveryTest {
   protected:
-    RunOnceRule() { input.bootFlags = {"a", "b"}; }
+    RunOnceRule() { input.rules.bootFlags = {"a", "b"}; }
 };
 
 TEST_F(RunOnceRule, AddsTheKeyOfAPluginThatHasNotRun) {

@@ -11,7 +11,7 @@ namespace {
 
 class BarePlugin : public Plugin {
   public:
-    BarePlugin() : Plugin(PluginDescription("bare"), test::NoActivator::Instance()) {}
+    BarePlugin() : Plugin(PluginDescription(PluginKind::Debug, "bare"), test::NoActivator::Instance()) {}
     void StartPlugin() override {}
     bool HasApplyHostProfile() const override { return false; }
     void ApplyHostProfile() override {}

@@ -33,8 +33,9 @@ std::vector<std::string> BarrierNames(const std::string& field) {
     return Split(boost::algorithm::trim_copy(field), ",");
 }
 
-PluginDescription Describe(std::vector<std::string>& fields) {
-    PluginDescription plugin(std::move(fields[0]));
+PluginDescription Describe(std::vector<std::string>& fields, int line) {
+    PluginDescription plugin(PluginKind::Debug, std::move(fields[0]));
+    plugin.line = line;
     plugin.version = 1;
     for (std::string& barrier : BarrierNames(fields[1])) {
         plugin.Require(std::move(barrier));
@@ -59,7 +60,7 @@ DebugConfiguration ParseDebugConfiguration(std::istream& input) {
         try {
             std::vector<std::string> fields = Split(line, ":");
             if (fields.size() == kFields) {
-                configuration.entries.push_back(Describe(fields));
+                configuration.entries.push_back(Describe(fields, number));
             } else {
                 configuration.skipped.push_back({number, line, {}});
             }

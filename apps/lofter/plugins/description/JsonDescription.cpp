@@ -43,8 +43,8 @@ class JsonReader {
   public:
     explicit JsonReader(PluginDescription& described) : plugin(described) {}
 
-    void Read() const {
-        const Json root = Root();
+    void Read(const std::optional<std::string>& content) const {
+        const Json root = Root(content);
         const Json& metadata = Member(root, "metadata");
         if (!metadata.is_object()) {
             Reject("invalid metadata interface");
@@ -60,8 +60,7 @@ class JsonReader {
   private:
     [[noreturn]] void Reject(const std::string& reason) const { throw InvalidPluginException(plugin.path, reason); }
 
-    Json Root() const {
-        const std::optional<std::string> content = ReadFileContent(plugin.path);
+    Json Root(const std::optional<std::string>& content) const {
         if (!content) {
             Reject("no such file or directory");
         }
@@ -151,9 +150,14 @@ class JsonReader {
 }  // namespace
 
 PluginDescription DescribeJsonPlugin(const std::string& name, const std::string& path) {
-    PluginDescription plugin(name, path);
+    return DescribeJsonContent(name, path, ReadFileContent(path));
+}
+
+PluginDescription DescribeJsonContent(const std::string& name, const std::string& path,
+                                      const std::optional<std::string>& content) {
+    PluginDescription plugin(PluginKind::Json, name, path);
     try {
-        JsonReader(plugin).Read();
+        JsonReader(plugin).Read(content);
     } catch (...) {
         plugin.failure = std::current_exception();
     }

@@ -48,7 +48,7 @@ void ReadNativeInterface(const void* metadataSymbol, const void* operationsSymbo
 }
 
 PluginDescription DescribeNativePlugin(const std::string& name, const std::string& path) {
-    PluginDescription plugin(name, path);
+    PluginDescription plugin(PluginKind::Native, name, path);
     try {
         const SharedObject object(path);
         const void* const operations = object.Symbol("operations");

@@ -22,12 +22,16 @@ struct BarrierLink {
     bool operator==(const BarrierLink&) const = default;
 };
 
-struct PluginDescription {
-    explicit PluginDescription(std::string pluginName, std::string filePath = {})
-        : name(std::move(pluginName)), path(std::move(filePath)) {}
+enum class PluginKind { Native, Json, Debug, Daemon };
 
+struct PluginDescription {
+    PluginDescription(PluginKind pluginKind, std::string pluginName, std::string filePath = {})
+        : kind(pluginKind), name(std::move(pluginName)), path(std::move(filePath)) {}
+
+    PluginKind kind;
     std::string name;
-    std::string path;                // of the file; empty for a line of the debug configuration
+    std::string path;                // of the file; empty when it has none of its own
+    int line = 0;                    // in the debug configuration, counted from 1; 0 for all others
     std::int32_t version = -1;       // of the plugin interface; -1 until it was read
     std::vector<BarrierLink> links;  // in reading order
 

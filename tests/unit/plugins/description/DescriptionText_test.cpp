@@ -13,7 +13,7 @@ namespace {
 using test::FailureOf;
 
 PluginDescription Release() {
-    PluginDescription plugin("net", "/net.so");
+    PluginDescription plugin(PluginKind::Native, "net", "/net.so");
     plugin.version = 3;
     plugin.hasHostProfileOperation = true;
     plugin.runOnce = true;
@@ -28,7 +28,7 @@ PluginDescription Release() {
 
 TEST(DescriptionText, IsReadAsItWasWritten) {
     const PluginDescription written = Release();
-    PluginDescription read("net", "/net.so");
+    PluginDescription read(PluginKind::Native, "net", "/net.so");
     FromText(ToText(written), read);
     EXPECT_EQ(read.version, 3);
     EXPECT_TRUE(read.hasHostProfileOperation);
@@ -43,7 +43,7 @@ TEST(DescriptionText, IsReadAsItWasWritten) {
 TEST(DescriptionText, CarriesTheTextOfAFailureAndWhatWasReadBefore) {
     PluginDescription written = Release();
     written.failure = std::make_exception_ptr(std::runtime_error("broken"));
-    PluginDescription read("net", "/net.so");
+    PluginDescription read(PluginKind::Native, "net", "/net.so");
     FromText(ToText(written), read);
     EXPECT_EQ(FailureOf<Exception>([&] { std::rethrow_exception(read.failure); }), "broken");
     EXPECT_EQ(read.links, written.links);
@@ -58,7 +58,7 @@ TEST(DescriptionText, IsRefusedWhenItIsCutOrIsNone) {
                                                 "0\0"
                                                 "\0",
                                                 9)}) {
-        PluginDescription read("net", "/net.so");
+        PluginDescription read(PluginKind::Native, "net", "/net.so");
         EXPECT_NE(FailureOf<std::invalid_argument>([&] { FromText(text, read); }), test::kNoFailure);
     }
 }
