@@ -1,6 +1,7 @@
 #include "posix/Printable.h"
 
 #include <algorithm>
+#include <array>
 
 namespace posix {
 
@@ -84,6 +85,24 @@ bool IsPrintable(std::string_view text) {
 std::string Printable(std::string_view text) {
     std::string printable(PrintableLength(text.size()), '\0');
     printable.resize(Printable(text, std::span(printable)).size());
+    return printable;
+}
+
+std::string PrintableName(std::string_view name) {
+    std::string printable;
+    while (!name.empty()) {
+        const Symbol symbol = FirstOf(name);
+        const unsigned first = At(name, 0);
+        const bool isShown = symbol.isShown && first != '\n' && first != '\t' && (first < 0x80 || symbol.bytes > 1);
+        const std::string_view bytes = name.substr(0, symbol.bytes);
+        if (isShown) {
+            printable += bytes;
+        } else {
+            std::array<char, PrintableLength(4)> spelled{};
+            printable.append(spelled.data(), SpellOut(bytes, spelled.data()));
+        }
+        name.remove_prefix(symbol.bytes);
+    }
     return printable;
 }
 

@@ -19,6 +19,9 @@ bool IsPrintable(std::string_view text);
 // The text as it is shown.
 std::string Printable(std::string_view text);
 
+// The same for a name within a line: line ends, tabs and all bytes outside of well-formed UTF-8 are spelled out, too.
+std::string PrintableName(std::string_view name);
+
 // The longest form in which a text of so many bytes is shown.
 constexpr std::size_t PrintableLength(std::size_t bytes) {
     return 4 * bytes;

@@ -4,7 +4,7 @@ import re
 
 from sources import REPOSITORY, Tracked
 
-ROOTS = (".", "apps/lofter", "platform/include", "platform/linux", "sdk/include")
+ROOTS = (".", "apps/lofter", "apps/lofter-analyze", "platform/include", "platform/linux", "sdk/include")
 
 
 def Table(text):

@@ -1,0 +1,28 @@
+// Why each plugin began when it did.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "analysis/Boot.h"
+
+namespace lofter::analyze {
+
+struct Wait {
+    Microseconds ready = 0;  // when the last of its barriers was open
+    Microseconds wait = 0;   // from then to its start, for a free thread; never negative
+    // The barrier that opened last, and who opened it; nothing when the plugin was ready from the beginning.
+    std::optional<BarrierIndex> barrier;
+    std::optional<PluginIndex> opener;
+};
+
+// One for each plugin of a boot with a log; nothing for those that have no start.
+std::vector<std::optional<Wait>> FindWaits(const Boot& boot);
+
+// From each plugin back to the one that opened its last barrier, ending with this one; first to last.
+std::vector<PluginIndex> ChainTo(PluginIndex last, const std::vector<std::optional<Wait>>& waits);
+
+// The plugin that ended last; nothing when none has run.
+std::optional<PluginIndex> LastToEnd(const Boot& boot);
+
+}  // namespace lofter::analyze

@@ -1,0 +1,23 @@
+// The commands, one file each. Declaring a command adds its own options and arguments to its part of the command line
+// and returns what runs it; that is called after the line was parsed, at most once, and returns the exit status. It
+// throws UsageError, InputError or NoAnswerError.
+#pragma once
+
+#include <functional>
+#include <ostream>
+
+#include <CLI/CLI.hpp>
+
+#include "input/Options.h"
+
+namespace lofter::analyze {
+
+// What a command works with: the options, and where its answer goes.
+struct Question {
+    const Options& options;
+    std::ostream& output;
+};
+
+using Command = std::function<int(const Question&)>;
+
+}  // namespace lofter::analyze
