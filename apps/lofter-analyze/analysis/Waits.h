@@ -16,10 +16,16 @@ struct Wait {
     std::optional<PluginIndex> opener;
 };
 
-// One for each plugin of a boot with a log; nothing for those that have no start.
+// When those that wait for the plugin could go on: at its end, or at its start when the operator skipped it. Nothing
+// for a plugin that holds nobody up, because it is kept out or did not run.
+std::optional<Microseconds> ThroughAt(const BootPlugin& plugin);
+
+// One for each plugin of a boot with a log; nothing for those that have no start. Of barriers that opened at the same
+// time the first by name counts, of plugins that were through at the same time the first of the boot.
 std::vector<std::optional<Wait>> FindWaits(const Boot& boot);
 
 // From each plugin back to the one that opened its last barrier, ending with this one; first to last.
+// Ends where a log that does not belong to the graph would lead round in a circle.
 std::vector<PluginIndex> ChainTo(PluginIndex last, const std::vector<std::optional<Wait>>& waits);
 
 // The plugin that ended last; nothing when none has run.
