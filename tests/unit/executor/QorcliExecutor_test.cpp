@@ -63,10 +63,10 @@ class SmallStack {
 // logging; and because its memory makes a fork several times as long, there are fewer of them.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kAllocatorIsForkSafe = false;
-constexpr int kForks = 40;
+constexpr int kForks = 20;
 #else
 constexpr bool kAllocatorIsForkSafe = true;
-constexpr int kForks = 200;
+constexpr int kForks = 30;
 #endif
 
 // Threads that keep the locks of logging and allocation busy while they live.
