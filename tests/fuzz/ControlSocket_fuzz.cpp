@@ -15,7 +15,7 @@
 
 #include "autocli/autocli.h"
 #include "executor/QorcliDispatcher.h"
-#include "executor/QorcliExecutor.h"
+#include "executor/QorcliExecutorProcess.h"
 #include "posix/Descriptor.h"
 #include "support/Bytes.h"
 #include "support/Require.h"
@@ -56,7 +56,7 @@ class Listener {
     }
     void Serve() {
         int listening = socket.Get();
-        QorcliExecutor::HandleConnection(&listening);
+        QorcliExecutorProcess::HandleConnection(&listening);
     }
 
   private:

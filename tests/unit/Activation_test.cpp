@@ -17,6 +17,7 @@
 
 #include "base/Exception.h"
 #include "base/GraphLock.h"
+#include "base/Logging.h"
 #include "base/Settings.h"
 #include "graph/Executor.h"
 #include "graph/GraphRun.h"
@@ -108,7 +109,7 @@ class ActivationReport : public ActivationTest {
             plugin.Start();
             std::string text;
             for (const auto& entry : log.Entries()) {
-                text += std::to_string(entry.level) + " " + entry.text + "|";
+                text += test::TextOf(entry) + "|";
             }
             return std::regex_replace(text, std::regex("took [0-9]+ us"), "took N us");
         });
@@ -127,26 +128,26 @@ class ActivationReport : public ActivationTest {
 
 TEST_F(ActivationReport, OfASuccessNamesThePluginTwiceInTheBootLog) {
     EXPECT_EQ(Activate([] {}), (Report{"|Activating Lofter plugin net.|Lofter plugin net activated.",
-                                       "125 executing start plugin: net|"}));
+                                       "info executing start plugin: net|"}));
 }
 
 TEST_F(ActivationReport, OfAFailedMethodCarriesItsText) {
     EXPECT_EQ(Activate(FailAsMethod),
               (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: net->start() failed: x",
-                      "125 executing start plugin: net|110 Method invocation failed: net->start() failed: x|"}));
+                      "info executing start plugin: net|error Method invocation failed: net->start() failed: x|"}));
 }
 
 TEST_F(ActivationReport, OfAnyOtherExceptionCarriesItsText) {
     EXPECT_EQ(
         Activate(FailOtherwise),
         (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: out of cheese",
-                "125 executing start plugin: net|110 unhandled exception whilst processing net: out of cheese|"}));
+                "info executing start plugin: net|error unhandled exception whilst processing net: out of cheese|"}));
 }
 
 TEST_F(ActivationReport, OfSomethingElseThrownSaysThatItIsUnknown) {
     EXPECT_EQ(Activate(FailWithoutText),
               (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: unknown exception",
-                      "125 executing start plugin: net|110 ignoring unknown exception whilst processing net ...|"}));
+                      "info executing start plugin: net|error ignoring unknown exception whilst processing net ...|"}));
 }
 
 TEST_F(ActivationReport, OfAHostProfilePredicateThatThrowsIsAFailure) {
@@ -154,18 +155,18 @@ TEST_F(ActivationReport, OfAHostProfilePredicateThatThrowsIsAFailure) {
     plugin.hasApply = FailOtherwise;
     EXPECT_EQ(Activate(plugin),
               (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: out of cheese",
-                      "110 unhandled exception whilst processing net: out of cheese|"}));
+                      "error unhandled exception whilst processing net: out of cheese|"}));
 }
 
 TEST_F(ActivationReport, OfATracedRunHasBothEndsForSuccessAndFailureAlike) {
     settings.trace = true;
     EXPECT_EQ(Activate([] {}).systemLog,
-              "125 starting execution of plugin: net|125 executing start plugin: net|"
-              "125 completed execution of plugin: net (took N us)|");
+              "info starting execution of plugin: net|info executing start plugin: net|"
+              "info completed execution of plugin: net (took N us)|");
     EXPECT_EQ(Activate(FailAsMethod).systemLog,
-              "125 starting execution of plugin: net|125 executing start plugin: net|"
-              "110 Method invocation failed: net->start() failed: x|"
-              "125 completed execution of plugin: net (took N us)|");
+              "info starting execution of plugin: net|info executing start plugin: net|"
+              "error Method invocation failed: net->start() failed: x|"
+              "info completed execution of plugin: net (took N us)|");
 }
 
 TEST_F(ActivationReport, OfAMethodThatIsNotKnownIsASuccessWithoutACall) {
@@ -179,8 +180,8 @@ TEST_F(ActivationReport, OfANamedMethodThatFailsSaysThatTheInvocationFailed) {
     settings.method = "start";
     EXPECT_EQ(Activate(FailOtherwise),
               (Report{"|Activating Lofter plugin net.|Lofter plugin net activation failed: Method invocation failed",
-                      "125 executing start plugin: net|"
-                      "110 unable to invoke method 'start' on plugin 'net': out of cheese|"}));
+                      "info executing start plugin: net|"
+                      "error unable to invoke method 'start' on plugin 'net': out of cheese|"}));
 }
 
 TEST_F(ActivationReport, OfAnOddNameKeepsItAsItIs) {
@@ -188,13 +189,13 @@ TEST_F(ActivationReport, OfAnOddNameKeepsItAsItIs) {
         activation, [] {}, "%s 'n\xc3\xa4me' %n");
     EXPECT_EQ(Activate(plugin), (Report{"|Activating Lofter plugin %s 'n\xc3\xa4me' %n.|"
                                         "Lofter plugin %s 'n\xc3\xa4me' %n activated.",
-                                        "125 executing start plugin: %s 'n\xc3\xa4me' %n|"}));
+                                        "info executing start plugin: %s 'n\xc3\xa4me' %n|"}));
 }
 
 // The kernel's boot log and the program's own, in one file.
 TEST_F(ActivationReport, HasItsStepsInOrder) {
     settings.trace = true;
-    FakePlugin plugin(activation, [] { Log_Level(125, "at work"); });
+    FakePlugin plugin(activation, [] { Log_Level(kInfo, "at work"); });
     test::InForkedChild([&] {
         test::EnterRoot(host.Path());
         ::dup2(::open("/dev/kmsg", O_WRONLY | O_APPEND), STDOUT_FILENO);
@@ -216,7 +217,7 @@ TEST_F(ActivationReport, HasItsStepsInOrder) {
 TEST_F(ActivationReport, WithoutAHostProfileIsThatOfTheStartOperation) {
     FakePlugin plugin(activation);
     plugin.takesPart = true;
-    EXPECT_EQ(Activate(plugin).systemLog, "125 executing start plugin: net|");
+    EXPECT_EQ(Activate(plugin).systemLog, "info executing start plugin: net|");
 }
 
 TEST_F(ActivationReport, WithAHostProfileIsThatOfTheHostProfileOperation) {
@@ -225,7 +226,7 @@ TEST_F(ActivationReport, WithAHostProfileIsThatOfTheHostProfileOperation) {
     for (const std::string file : {"etc/tessel/hostprofile.xml", "etc/tessel/hostprofile.xml.gz"}) {
         host.Write(file, "");
         EXPECT_EQ(Activate(plugin), (Report{"|Activating Lofter plugin net.|Lofter plugin net activated.",
-                                            "125 executing host profile plugin: net|"}))
+                                            "info executing host profile plugin: net|"}))
             << file;
         std::filesystem::remove(host / file);
     }
@@ -233,7 +234,7 @@ TEST_F(ActivationReport, WithAHostProfileIsThatOfTheHostProfileOperation) {
 
 TEST_F(ActivationReport, WithAHostProfileIsThatOfTheStartOperationForPluginsThatTakeNoPart) {
     host.Write("etc/tessel/hostprofile.xml", "");
-    EXPECT_EQ(Activate([] {}).systemLog, "125 executing start plugin: net|");
+    EXPECT_EQ(Activate([] {}).systemLog, "info executing start plugin: net|");
 }
 
 TEST_F(ActivationReport, OfAFailingHostProfileCarriesItsText) {
@@ -253,7 +254,7 @@ TEST_F(ActivationReport, WithANamedMethodTakesNoNoticeOfHostProfiles) {
     FakePlugin plugin(activation);
     plugin.takesPart = true;
     settings.method = "start";
-    EXPECT_EQ(Activate(plugin).systemLog, "125 executing start plugin: net|");
+    EXPECT_EQ(Activate(plugin).systemLog, "info executing start plugin: net|");
 }
 
 TEST_F(ActivationReport, LooksForAHostProfileOncePerProcess) {
@@ -364,7 +365,7 @@ TEST_F(InvokeMethodTest, CallsTheOperationOfThatName) {
     EXPECT_TRUE(InvokeMethod(plugin, "apply_host_profile"));
     EXPECT_EQ(plugin.calls, "start apply ");
     EXPECT_EQ(log.Entries(),
-              (Entries{{125, "executing start plugin: net"}, {125, "executing host profile plugin: net"}}));
+              (Entries{{kInfo, "executing start plugin: net"}, {kInfo, "executing host profile plugin: net"}}));
 }
 
 TEST_F(InvokeMethodTest, SucceedsWithoutACallForAnyOtherName) {
@@ -384,13 +385,13 @@ TEST_F(InvokeMethodTest, ReportsEveryKindOfFailure) {
         log.Clear();
         FakePlugin plugin(activation, operation);
         EXPECT_FALSE(InvokeMethod(plugin, "start"));
-        EXPECT_EQ(log.Lines(110), Texts{message});
+        EXPECT_EQ(log.Lines(kError), Texts{message});
     }
     FakePlugin plugin(activation);
     plugin.apply = FailOtherwise;
     log.Clear();
     EXPECT_FALSE(InvokeMethod(plugin, "apply_host_profile"));
-    EXPECT_EQ(log.Lines(110), Texts{"unable to invoke method 'apply_host_profile' on plugin 'net': out of cheese"});
+    EXPECT_EQ(log.Lines(kError), Texts{"unable to invoke method 'apply_host_profile' on plugin 'net': out of cheese"});
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/Logging.h"
 #include "support/LogCapture.h"
 
 namespace lofter {
@@ -299,7 +300,7 @@ TEST_F(CommandLineTest, ADaemonRunRefusesWhatMakesNoSenseWithIt) {
         const std::string last = extra.empty() ? "--trace" : extra.back();
         Parse({"--daemon", first, last});
         EXPECT_EQ(exitStatus, 1) << last;
-        EXPECT_EQ(log.Entries(), (Entries{{110, "Invalid combination of options passed. Exiting"}})) << last;
+        EXPECT_EQ(log.Entries(), (Entries{{kError, "Invalid combination of options passed. Exiting"}})) << last;
         EXPECT_EQ(output, "") << last;
     }
 }
@@ -308,7 +309,7 @@ TEST_F(CommandLineTest, InvokeWithoutAPluginOrMethodShowsTheUsageText) {
     for (const std::string other : {"--method=start", "--plugin=a.so", "--plugin=,"}) {
         Parse({"--invoke", other});
         EXPECT_EQ(exitStatus, 1) << other;
-        EXPECT_EQ(log.Entries(), (Entries{{110, "invoke requires a method and plugin specified"}})) << other;
+        EXPECT_EQ(log.Entries(), (Entries{{kError, "invoke requires a method and plugin specified"}})) << other;
         EXPECT_EQ(output, UsageText()) << other;
     }
 }

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "base/Logging.h"
 #include "base/Settings.h"
 #include "plugins/Plugin.h"
 #include "support/ChildOutcome.h"
@@ -193,8 +194,8 @@ TEST_F(ProfilingLog, ThatCannotBeOpenedIsAnError) {
     LogBootProfile(missing.c_str(), times, plugins, settings);
     LogBootProfile(underFile.c_str(), times, plugins, settings);
     EXPECT_EQ(log.Entries(),
-              (Entries{{110, "unable to open profiling log (" + missing + "): No such file or directory."},
-                       {110, "unable to open profiling log (" + underFile + "): Not a directory."}}));
+              (Entries{{kError, "unable to open profiling log (" + missing + "): No such file or directory."},
+                       {kError, "unable to open profiling log (" + underFile + "): Not a directory."}}));
 }
 
 TEST_F(ProfilingLog, ThatCannotBeReopenedIsAnError) {
@@ -202,8 +203,8 @@ TEST_F(ProfilingLog, ThatCannotBeReopenedIsAnError) {
     LogDaemonProfile(missing.c_str(), times, plugins, settings);
     LogDaemonProfile(path.c_str(), times, plugins, settings);
     EXPECT_EQ(log.Entries(),
-              (Entries{{110, "unable to reopen profiling log (" + missing + "): No such file or directory."},
-                       {110, "unable to reopen profiling log (" + path + "): No such file or directory."}}));
+              (Entries{{kError, "unable to reopen profiling log (" + missing + "): No such file or directory."},
+                       {kError, "unable to reopen profiling log (" + path + "): No such file or directory."}}));
     EXPECT_TRUE(Files().empty());
 }
 
@@ -215,8 +216,7 @@ std::string OnAFullDisk(unsigned long bytes, const Write& write) {
         test::LimitFileSize(bytes);
         write();
         const auto entries = capture.Entries();
-        return entries.size() == 1 ? std::to_string(entries[0].level) + " " + entries[0].text
-                                   : std::to_string(entries.size()) + " messages";
+        return entries.size() == 1 ? test::TextOf(entries[0]) : std::to_string(entries.size()) + " messages";
     });
 }
 
@@ -225,10 +225,10 @@ TEST_F(ProfilingLog, OnAFullDiskIsAWarningAndKeepsTheOldLog) {
     for (const std::deque<Plugin*>& list : {std::deque<Plugin*>{}, std::deque<Plugin*>{&net, &skipped}}) {
         for (const unsigned long bytes : {0UL, 30UL, 200UL}) {
             EXPECT_EQ(OnAFullDisk(bytes, [&] { LogBootProfile(path.c_str(), times, list, settings); }),
-                      "115 unable to log profiling information: File too large.");
+                      "warning unable to log profiling information: File too large.");
         }
         EXPECT_EQ(OnAFullDisk(100, [&] { LogDaemonProfile(path.c_str(), times, list, settings); }),
-                  "115 unable to log daemon profiling information: File too large.");
+                  "warning unable to log daemon profiling information: File too large.");
     }
     EXPECT_EQ(folder.Read("sysboot.log"), "old\n");
     EXPECT_EQ(Files().size(), 1U);
@@ -237,7 +237,7 @@ TEST_F(ProfilingLog, OnAFullDiskIsAWarningAndKeepsTheOldLog) {
 TEST_F(ProfilingLog, OnADiskTooFullForTheOldLogIsAnErrorAndKeepsIt) {
     folder.Write("sysboot.log", std::string(50'000, 'x'));
     EXPECT_EQ(OnAFullDisk(40'000, [&] { LogDaemonProfile(path.c_str(), times, plugins, settings); }),
-              "110 unable to reopen profiling log (" + path + "): File too large.");
+              "error unable to reopen profiling log (" + path + "): File too large.");
     EXPECT_EQ(folder.Read("sysboot.log").size(), 50'000U);
     EXPECT_EQ(Files().size(), 1U);
 }
@@ -246,7 +246,7 @@ TEST_F(ProfilingLog, ThatCannotBePutInPlaceIsAWarning) {
     fs::create_directory(path);
     LogBootProfile(path.c_str(), times, plugins, settings);
     ASSERT_EQ(log.Entries().size(), 1U);
-    EXPECT_EQ(log.Entries()[0].level, 115);
+    EXPECT_EQ(log.Entries()[0].level, kWarning);
     const std::string text = log.Lines()[0];
     EXPECT_TRUE(text.starts_with("unable to log profiling information: unable to rename '" + path + ".")) << text;
     EXPECT_TRUE(text.ends_with("' to '" + path + "': Is a directory.")) << text;

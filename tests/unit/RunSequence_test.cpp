@@ -122,11 +122,11 @@ TEST_F(RunWithADeafExecutor, FailsInItsLastStep) {
     EXPECT_EQ(Run([](int status, const Settings&, const test::LogCapture& log) {
                   std::string outcome = std::to_string(status);
                   for (const auto& entry : log.Entries()) {
-                      outcome += "; " + std::to_string(entry.level) + " " + entry.text;
+                      outcome += "; " + test::TextOf(entry);
                   }
                   return outcome;
               }),
-              "1; 125 Launching Executor; 110 Failed to stop Executor: Failed sending STOP to executorBroken pipe");
+              "1; info Launching Executor; error Failed to stop Executor: Failed sending STOP to executorBroken pipe");
     EXPECT_EQ(folder.Read("dump"), "digraph g {\n}\n");
     EXPECT_TRUE(folder.Read("var/log/sysboot.log").starts_with("Krxkernel Initialization Time: 0\n"));
 }

@@ -85,7 +85,7 @@ class SyslogReload : public testing::Test {
             ReloadSyslogDaemon();
             std::string outcome = std::to_string(signalsReceived) + " signals";
             for (const auto& entry : log.Entries()) {
-                outcome += "; " + std::to_string(entry.level) + " " + entry.text;
+                outcome += "; " + test::TextOf(entry);
             }
             return outcome;
         });
@@ -112,26 +112,26 @@ TEST_F(SyslogReload, TakesTheFirstNumberOfThePidFile) {
 }
 
 TEST_F(SyslogReload, LooksForTheNumberAtTheBeginningOnly) {
-    EXPECT_EQ(Reload(std::string(10UL << 20U, ' ') + "self"), "0 signals; 110 unable to read tssyslogd pid.");
+    EXPECT_EQ(Reload(std::string(10UL << 20U, ' ') + "self"), "0 signals; error unable to read tssyslogd pid.");
 }
 
 TEST_F(SyslogReload, WithADirectoryAsPidFileSignalsNobody) {
     folder.Write("var/run/tessel/tssyslogd.pid/file", "");
-    EXPECT_EQ(Reload(""), "0 signals; 110 unable to read tssyslogd pid.");
+    EXPECT_EQ(Reload(""), "0 signals; error unable to read tssyslogd pid.");
 }
 
 TEST_F(SyslogReload, WithoutAPidFileLogsOnceAndSignalsNobody) {
-    EXPECT_EQ(Reload(""), "0 signals; 115 unable to open krxsyslogd pid file.");
+    EXPECT_EQ(Reload(""), "0 signals; warning unable to open krxsyslogd pid file.");
 }
 
 TEST_F(SyslogReload, WithAnUnusablePidFileSignalsNobody) {
     for (const std::string text : {"daemon", "0", "-1", "99999999999"}) {
-        EXPECT_EQ(Reload(text), "0 signals; 110 unable to read tssyslogd pid.") << text;
+        EXPECT_EQ(Reload(text), "0 signals; error unable to read tssyslogd pid.") << text;
     }
 }
 
 TEST_F(SyslogReload, OfADaemonThatIsGoneSaysSo) {
-    EXPECT_EQ(Reload("2147483647"), "0 signals; 115 failed to reload tssyslogd: No such process.");
+    EXPECT_EQ(Reload("2147483647"), "0 signals; warning failed to reload tssyslogd: No such process.");
 }
 
 TEST_F(SyslogReload, DoesNotLookAtTheStatusOfTheUpgrade) {
@@ -142,12 +142,12 @@ TEST_F(SyslogReload, DoesNotLookAtTheStatusOfTheUpgrade) {
 TEST_F(SyslogReload, ReportsAnUpgradeThatCouldNotBeCalledAndGoesOn) {
     folder.Write("etc/syslog.conf", "");
     EXPECT_EQ(Reload("2147483647", true),
-              "0 signals; 110 failed to call /usr/lib/tessel/tssyslog/bin/upgrade-syslog.conf.sh; "
-              "115 failed to reload tssyslogd: No such process.");
+              "0 signals; error failed to call /usr/lib/tessel/tssyslog/bin/upgrade-syslog.conf.sh; "
+              "warning failed to reload tssyslogd: No such process.");
 }
 
 TEST_F(SyslogReload, WithoutAConfigurationUpgradesNothing) {
-    EXPECT_EQ(Reload("2147483647", true), "0 signals; 115 failed to reload tssyslogd: No such process.");
+    EXPECT_EQ(Reload("2147483647", true), "0 signals; warning failed to reload tssyslogd: No such process.");
 }
 
 }  // namespace

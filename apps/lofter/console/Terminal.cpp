@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstring>
 #include <utility>
 
@@ -17,8 +18,7 @@ namespace lofter {
 
 namespace {
 
-constexpr int kPause = 200;         // milliseconds, between two looks at what gives nothing now
-constexpr int kCursorBound = 1000;  // milliseconds for a stopped terminal to take a few bytes
+constexpr int kPause = 200;  // milliseconds, between two looks at what gives nothing now
 constexpr tcflag_t kLinesAndEcho = ICANON | ECHO;
 
 std::string DeviceOf(int descriptor) {
@@ -35,6 +35,9 @@ void Pause() {
     ::poll(nullptr, 0, kPause);
 }
 
+// How long a signal's handler waits for a stopped terminal, in milliseconds.
+volatile std::sig_atomic_t handlerPatience = 0;
+
 // Where a signal that ends the process comes by first. Calls only what a signal's handler may.
 void LeaveUsableTerminal(int number) {
     termios modes{};
@@ -44,7 +47,7 @@ void LeaveUsableTerminal(int number) {
     }
     // A terminal that is stopped must not keep the signal from ending the process.
     pollfd output{STDOUT_FILENO, POLLOUT, 0};
-    if (::poll(&output, 1, kCursorBound) == 1 && (output.revents & POLLOUT) != 0) {
+    if (::poll(&output, 1, handlerPatience) == 1 && (output.revents & POLLOUT) != 0) {
         static_cast<void>(::write(STDOUT_FILENO, kShowCursor, sizeof kShowCursor - 1) == 0);
     }
     ::raise(number);  // waits until this returns, and meets the default then
@@ -66,7 +69,8 @@ void WriteToTerminal(std::string_view text) {
     }
 }
 
-UsableTerminalAtEnd::UsableTerminalAtEnd() {
+UsableTerminalAtEnd::UsableTerminalAtEnd(int patience) {
+    handlerPatience = patience;
     struct sigaction action {};
     action.sa_handler = LeaveUsableTerminal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);

@@ -23,10 +23,11 @@ inline constexpr char kShowCursor[] = "\033[?25h";
 void WriteToTerminal(std::string_view text);
 
 // While one exists, a signal that ends the process (SIGHUP, SIGINT or SIGTERM) leaves a terminal behind that shows its
-// cursor and what is typed, in lines. One that is ignored stays ignored. Not more than one at a time.
+// cursor and what is typed, in lines. A terminal that is stopped delays the end by so many milliseconds at most. A
+// signal that is ignored stays ignored. Not more than one at a time.
 class UsableTerminalAtEnd {
   public:
-    UsableTerminalAtEnd();
+    explicit UsableTerminalAtEnd(int patience = 1000);
     ~UsableTerminalAtEnd();
     UsableTerminalAtEnd(const UsableTerminalAtEnd&) = delete;
     UsableTerminalAtEnd& operator=(const UsableTerminalAtEnd&) = delete;

@@ -1,5 +1,3 @@
-// The client's side: starting, feeding and stopping the executor process.
-
 #include "executor/QorcliExecutor.h"
 
 #include <array>
@@ -19,8 +17,10 @@
 #include "base/Logging.h"
 #include "base/Paths.h"
 #include "executor/ControlSocket.h"
+#include "executor/QorcliExecutorProcess.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
+#include "posix/Descriptor.h"
 
 namespace lofter {
 
@@ -92,7 +92,7 @@ int QorcliExecutor::Connect(bool verbose) const {
     return connection.Release();
 }
 
-void QorcliExecutor::Reset() {
+void QorcliExecutor::Reset() const {
     // A connection that gets descriptor 0 counts as none and stays open, here and below: it has become standard input.
     const int probe = Connect(false);
     if (probe > 0) {
@@ -100,12 +100,13 @@ void QorcliExecutor::Reset() {
         return;
     }
     Log_Level(kInfo, "Setting up Executor - Reset Requested\n");
+    QorcliExecutorProcess executor(controlSocket, outputLog);
     const pid_t child = ::fork();
     if (child == -1) {
         throw Exception(std::string("Failed to fork") + std::strerror(errno));
     }
     if (child == 0) {
-        RunProcess();
+        executor.Run();
     }
     int status = 0;
     if (!posix::WaitForChild(child, status)) {
@@ -116,7 +117,7 @@ void QorcliExecutor::Reset() {
     }
 }
 
-void QorcliExecutor::SendCommand(const std::string& command) {
+void QorcliExecutor::SendCommand(const std::string& command) const {
     int reason = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const int connection = Connect(true);
@@ -138,7 +139,7 @@ void QorcliExecutor::SendCommand(const std::string& command) {
 }
 
 // Two threads that both find the executor gone must not fork two: the second finds the first one's answering.
-void QorcliExecutor::ResetLocked() {
+void QorcliExecutor::ResetLocked() const {
     const GraphLock lock;
     try {
         Reset();

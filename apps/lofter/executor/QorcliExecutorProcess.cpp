@@ -1,15 +1,12 @@
-// The executor process's side: its set-up after the fork, and the serving of commands.
+#include "executor/QorcliExecutorProcess.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <exception>
-#include <string>
+#include <utility>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,9 +14,9 @@
 
 #include "base/Exception.h"
 #include "base/Logging.h"
+#include "executor/AcceptRelief.h"
 #include "executor/CommandLineRun.h"
 #include "executor/ControlSocket.h"
-#include "executor/QorcliExecutor.h"
 #include "poll/poll.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
@@ -31,8 +28,6 @@ namespace {
 constexpr int kBacklog = 16;
 constexpr std::size_t kLongestCommand = 1023;
 constexpr char kStopWord[] = "stop";
-constexpr int kFirstPause = 10;  // milliseconds
-constexpr int kLongestPause = 1000;
 
 // The listening socket's callback stays registered and fires whenever a connection is pending.
 constexpr int kPendingConnection = kPollPeriodic | kPollRead | kPollSocket;
@@ -40,30 +35,7 @@ constexpr int kPendingConnection = kPollPeriodic | kPollRead | kPollSocket;
 // Ends the event loop. Touched by the event-loop thread only.
 bool exitFlag = false;
 
-// What helps over connections that cannot be accepted. Their clients wait, and the socket stays readable: the loop
-// would spin. So it pauses after a failure, twice as long after the next one, until one is accepted. And a process
-// whose descriptors are used up would never accept one: so there is a descriptor in reserve, which is let go of then.
-// Whoever gets its place is served, as far as that goes without further descriptors, and can stop the executor. Touched
-// by the event-loop thread only.
-class AcceptRelief {
-  public:
-    void SetAside() {
-        if (!reserve) {
-            reserve.Reset(posix::AcrossSignals([] { return ::open("/", O_PATH | O_CLOEXEC); }));
-        }
-        pause = kFirstPause;
-    }
-    void AfterFailure() {
-        reserve.Reset();
-        ::poll(nullptr, 0, pause);
-        pause = std::min(2 * pause, kLongestPause);
-    }
-
-  private:
-    posix::Descriptor reserve;
-    int pause = kFirstPause;
-};
-
+// Touched by the event-loop thread only, once there is one.
 AcceptRelief relief;
 
 Exception SystemFailure(const char* what) {
@@ -93,7 +65,51 @@ int BindForOwner(const posix::Descriptor& unbound, const ControlSocketAddress& a
     return ::bind(unbound.Get(), address.Get(), ControlSocketAddress::Length());
 }
 
+// The text itself may be what memory does not suffice for.
+std::int32_t StatusOf(const char* command) {
+    try {
+        return RunCommandLine(command);
+    } catch (const std::exception& e) {
+        Log_Level(kError, "execution of '%s' failed : %s\n", command, e.what());
+        return 1;
+    }
+}
+
+void Serve(const posix::Descriptor connection, void* listenSocketPointer) {
+    std::array<char, kLongestCommand + 1> command{};
+    if (posix::AcrossSignals([&] { return ::recv(connection.Get(), command.data(), kLongestCommand, 0); }) == -1) {
+        Log_Level(kWarning, "Failed to read message from socket - %s\n\n", std::strerror(errno));
+        return;
+    }
+    if (IsStop(command.data())) {
+        Log_Level(kInfo, "Lofter executor signalled to stop\n");
+        exitFlag = true;
+        Poll_NotifyChange(kPollMainClassSet);
+        Poll_CallbackRemove(kPollMainClassSet, kPendingConnection, QorcliExecutorProcess::HandleConnection,
+                            listenSocketPointer, kPollDevice);
+        return;
+    }
+    const std::int32_t status = StatusOf(command.data());
+    if (posix::AcrossSignals([&] { return ::send(connection.Get(), &status, sizeof status, 0); }) == -1) {
+        Log_Level(kWarning, "Sending command status to lofter failed\n");
+    }
+}
+
+// Nothing may be thrown out of a thread: short of memory, the executor ends as it does without a poll loop.
+bool SetUpPollLoop(int& listening) {
+    try {
+        Poll_InitDefault();
+        return Poll_Callback(kPollMainClassSet, kPendingConnection, QorcliExecutorProcess::HandleConnection, &listening,
+                             kPollDevice, listening, nullptr) == 0;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 }  // namespace
+
+QorcliExecutorProcess::QorcliExecutorProcess(std::string controlSocketPath, std::string outputLogPath)
+    : controlSocket(std::move(controlSocketPath)), outputLog(std::move(outputLogPath)) {}
 
 // The child of a process whose other threads log, allocate and hold locks goes on in C++ here. What makes that safe:
 //  - the locks of logging and of memory allocation are fork-safe: both are free in the child;
@@ -103,7 +119,7 @@ int BindForOwner(const posix::Descriptor& unbound, const ControlSocketAddress& a
 //    and the CLI framework are first created in this process;
 //  - no descriptor of the parent stays open, such as the connection of another worker's client, which would hide that
 //    client's end from whoever waits for it, here or elsewhere. Logging connects again by itself.
-void QorcliExecutor::RunProcess() {
+void QorcliExecutorProcess::Run() {
     try {
         relief = AcceptRelief();  // a parent that served connections by itself may have a reserve
         posix::CloseDescriptorsFrom(STDERR_FILENO + 1);
@@ -122,14 +138,14 @@ void QorcliExecutor::RunProcess() {
     ::_exit(-1);
 }
 
-void QorcliExecutor::ServeUntilStopped() {
+void QorcliExecutorProcess::ServeUntilStopped() {
     StartEventLoop();
     Log_Level(kInfo, "Executor Reset - polling for commands\n");
     ::pthread_join(eventLoopThread, nullptr);
     listenSocket.Reset();
 }
 
-void QorcliExecutor::SetupSocket() {
+void QorcliExecutorProcess::SetupSocket() {
     const ControlSocketAddress address(controlSocket);
     posix::Descriptor created(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!created) {
@@ -144,35 +160,14 @@ void QorcliExecutor::SetupSocket() {
     listenSocket = std::move(created);
 }
 
-void QorcliExecutor::StartEventLoop() {
+void QorcliExecutorProcess::StartEventLoop() {
     if (::pthread_create(&eventLoopThread, nullptr, RunEventLoop, this) != 0) {
         throw Exception("Failed creating Executor Event Loop thread");
     }
 }
 
-// The text itself may be what memory does not suffice for.
-std::int32_t QorcliExecutor::StatusOf(const char* command) {
-    try {
-        return RunCommandLine(command);
-    } catch (const std::exception& e) {
-        Log_Level(kError, "execution of '%s' failed : %s\n", command, e.what());
-        return 1;
-    }
-}
-
-// Nothing may be thrown out of a thread: short of memory, the executor ends as it does without a poll loop.
-bool QorcliExecutor::SetUpPollLoop(int& listening) {
-    try {
-        Poll_InitDefault();
-        return Poll_Callback(kPollMainClassSet, kPendingConnection, HandleConnection, &listening, kPollDevice,
-                             listening, nullptr) == 0;
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
-void* QorcliExecutor::RunEventLoop(void* executor) {
-    int listening = static_cast<const QorcliExecutor*>(executor)->listenSocket.Get();
+void* QorcliExecutorProcess::RunEventLoop(void* process) {
+    int listening = static_cast<const QorcliExecutorProcess*>(process)->listenSocket.Get();
     relief.SetAside();  // before the loop, which may take the last descriptors
     if (!SetUpPollLoop(listening)) {
         Log_Level(kError, "Failed setting up Poll Loop for executor\n");
@@ -183,7 +178,7 @@ void* QorcliExecutor::RunEventLoop(void* executor) {
     return nullptr;
 }
 
-void QorcliExecutor::HandleConnection(void* listenSocketPointer) {
+void QorcliExecutorProcess::HandleConnection(void* listenSocketPointer) {
     const int listening = *static_cast<const int*>(listenSocketPointer);
     // Closed on exec: a process that a command leaves behind must not keep the connection open.
     posix::Descriptor connection(
@@ -195,25 +190,6 @@ void QorcliExecutor::HandleConnection(void* listenSocketPointer) {
     }
     Serve(std::move(connection), listenSocketPointer);
     relief.SetAside();
-}
-
-void QorcliExecutor::Serve(const posix::Descriptor connection, void* listenSocketPointer) {
-    std::array<char, kLongestCommand + 1> command{};
-    if (posix::AcrossSignals([&] { return ::recv(connection.Get(), command.data(), kLongestCommand, 0); }) == -1) {
-        Log_Level(kWarning, "Failed to read message from socket - %s\n\n", std::strerror(errno));
-        return;
-    }
-    if (IsStop(command.data())) {
-        Log_Level(kInfo, "Lofter executor signalled to stop\n");
-        exitFlag = true;
-        Poll_NotifyChange(kPollMainClassSet);
-        Poll_CallbackRemove(kPollMainClassSet, kPendingConnection, HandleConnection, listenSocketPointer, kPollDevice);
-        return;
-    }
-    const std::int32_t status = StatusOf(command.data());
-    if (posix::AcrossSignals([&] { return ::send(connection.Get(), &status, sizeof status, 0); }) == -1) {
-        Log_Level(kWarning, "Sending command status to lofter failed\n");
-    }
 }
 
 }  // namespace lofter

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -75,6 +76,12 @@ class SharedStage {
     void* const memory;
     std::atomic<Stage>* const stage;
 };
+
+std::string Seconds(std::chrono::milliseconds length) {
+    std::ostringstream text;
+    text << std::chrono::duration<double>(length).count();
+    return text.str();
+}
 
 std::string EndOf(int status) {
     if (WIFSIGNALED(status)) {
@@ -215,7 +222,7 @@ class ObjectReader::Process {
         std::string rejection;
         bool isFinal = false;  // a second process would come to the same
     };
-    Result Read(const std::string& path, std::chrono::seconds limit) {
+    Result Read(const std::string& path, std::chrono::milliseconds limit) {
         stage.Set(Stage::kGiven);
         answer.clear();
         const auto give = [&] {
@@ -239,14 +246,14 @@ class ObjectReader::Process {
         }
         Kill();
         End();
-        return {std::nullopt, "did not load within " + std::to_string(limit.count()) + " s", true};
+        return {std::nullopt, "did not load within " + Seconds(limit) + " s", true};
     }
 
   private:
     enum class Event { kNothing, kAnswer, kLost, kEnd };
 
     // The end of the channel says nothing: an object may close it, and a process that it left behind may hold it open.
-    Event Await(std::chrono::seconds limit) {
+    Event Await(std::chrono::milliseconds limit) {
         const Clock::time_point deadline = Clock::now() + limit;
         std::array<pollfd, 2> watched{{{channel.Get(), POLLIN, 0}, {childEnd.Get(), POLLIN, 0}}};
         for (;;) {
@@ -357,7 +364,7 @@ class ObjectReader::Process {
     bool hasServed = false;
 };
 
-ObjectReader::ObjectReader(std::chrono::seconds limit) : loadLimit(limit) {}
+ObjectReader::ObjectReader(std::chrono::milliseconds limit) : loadLimit(limit) {}
 
 ObjectReader::~ObjectReader() = default;
 

@@ -23,7 +23,7 @@ namespace lofter {
 class ObjectReader {
   public:
     // The limit is for each object.
-    explicit ObjectReader(std::chrono::seconds loadLimit = std::chrono::seconds(10));
+    explicit ObjectReader(std::chrono::milliseconds loadLimit = std::chrono::seconds(10));
     ~ObjectReader();
 
     // As DescribeNativePlugin. Where no process can be had, that is logged once and the object is read in this one.
@@ -38,7 +38,7 @@ class ObjectReader {
     bool Start();
     void GiveUp(int reason);
 
-    const std::chrono::seconds loadLimit;
+    const std::chrono::milliseconds loadLimit;
     std::unique_ptr<Process> process;  // none before the first object, and after one that ended it
     bool isPossible = true;
 };

@@ -1,7 +1,6 @@
 #include "tslibs/StreamOutput.h"
 
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <new>
 #include <vector>
@@ -17,8 +16,6 @@ namespace platform {
 namespace {
 
 using Clock = BoundedStream::Clock;
-
-constexpr std::chrono::seconds kPatience{1};
 
 std::string_view LevelName(int level) {
     if (level <= kErrorLevel) {
@@ -51,11 +48,13 @@ class Shown {
 
 }  // namespace
 
-StreamOutput::StreamOutput(int descriptor, std::string itsIdentifier, Form lineForm)
+StreamOutput::StreamOutput(int descriptor, std::string itsIdentifier, Form lineForm,
+                           std::chrono::milliseconds longestWait)
     : stream(descriptor),
       name(descriptor == STDERR_FILENO ? "standard error" : "standard output"),
       identifier(std::move(itsIdentifier)),
-      form(lineForm) {}
+      form(lineForm),
+      patience(longestWait) {}
 
 void StreamOutput::Write(int level, std::string_view message) {
     if (level > form.finestLevel) {
@@ -67,7 +66,7 @@ void StreamOutput::Write(int level, std::string_view message) {
         lost = 0;
     }
     const Clock::time_point now = Clock::now();
-    const Clock::time_point deadline = isStuck ? now : now + kPatience;
+    const Clock::time_point deadline = isStuck ? now : now + patience;
     if (!ReportLoss(deadline) || !WriteLine(level, shown.Text(), deadline)) {
         ++lost;
     }

@@ -6,6 +6,7 @@
 #include <span>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -21,12 +22,15 @@ namespace platform {
 
 namespace {
 
-constexpr timeval kPatience{0, 200'000};
-constexpr timeval kNoPatience{0, 1};  // zero would mean to wait for ever
+timeval TimeOf(std::chrono::milliseconds length) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(length);
+    return {seconds.count(), std::chrono::microseconds(length - seconds).count()};
+}
 
 }  // namespace
 
-SyslogClient::SyslogClient(std::string socketPath) : path(std::move(socketPath)) {}
+SyslogClient::SyslogClient(std::string socketPath, std::chrono::milliseconds longestWait)
+    : path(std::move(socketPath)), patience(longestWait) {}
 
 SyslogClient::~SyslogClient() {
     Disconnect();
@@ -83,11 +87,13 @@ bool SyslogClient::ConnectAs(int type) {
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
+    // After a wait in vain a queue that is full is not waited for, either.
+    const int nonBlocking = hung ? SOCK_NONBLOCK : 0;
     posix::Descriptor created =
-        posix::AboveStandardStreams(posix::Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0)));
-    const timeval& patience = hung ? kNoPatience : kPatience;
+        posix::AboveStandardStreams(posix::Descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC | nonBlocking, 0)));
+    const timeval bound = TimeOf(patience);
     struct stat status {};
-    if (!created || ::setsockopt(created.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0 ||
+    if (!created || ::setsockopt(created.Get(), SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound) != 0 ||
         ::fstat(created.Get(), &status) != 0) {
         return false;
     }
@@ -98,6 +104,7 @@ bool SyslogClient::ConnectAs(int type) {
         hung = errno == EAGAIN || (hung && errno == EPROTOTYPE);
         return false;
     }
+    ::fcntl(created.Get(), F_SETFL, 0);
     device = status.st_dev;
     inode = status.st_ino;
     socketType = type;

@@ -10,6 +10,7 @@
 // synchronised.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -19,7 +20,8 @@ namespace platform {
 
 class SyslogClient {
   public:
-    explicit SyslogClient(std::string socketPath);
+    // The longest wait is for each connection and each record.
+    explicit SyslogClient(std::string socketPath, std::chrono::milliseconds longestWait = kPatience);
     ~SyslogClient();
     SyslogClient(const SyslogClient&) = delete;
     SyslogClient& operator=(const SyslogClient&) = delete;
@@ -28,6 +30,8 @@ class SyslogClient {
     void Send(std::string_view head, std::string_view text);
 
   private:
+    static constexpr std::chrono::milliseconds kPatience{200};
+
     enum class Outcome { kSent, kTooLong, kBusy, kGone };
 
     bool Connect();
@@ -39,6 +43,7 @@ class SyslogClient {
     Outcome SendOnce(std::string_view head, std::string_view text) const;
 
     const std::string path;
+    const std::chrono::milliseconds patience;
     int socket = -1;
     int socketType = 0;
     dev_t device = 0;  // identity of the socket, to know it by

@@ -162,9 +162,9 @@ TEST_F(StandardStreams, WarnAtTheLevelOfWarnings) {
     EXPECT_EQ(InForkedChild([&] {
                   const test::LogCapture capture;
                   RedirectStandardStreams(folder / "missing/log");
-                  return std::to_string(capture.Entries().at(0).level);
+                  return test::TextOf(capture.Entries().at(0));
               }),
-              "115");
+              "warning Failed opening log file " + folder / "missing/log");
 }
 
 TEST_F(StandardStreams, AreOpenAfterwardsAlsoWhenTheyWereClosedBefore) {

@@ -76,7 +76,7 @@ std::string Walk(const Scene& scene, const char* console = kNoConsole) {
         story += "; awaits " + requirement;
     }
     for (const auto& entry : log.Entries()) {
-        story += "; " + std::to_string(entry.level) + " " + entry.text;
+        story += "; " + test::TextOf(entry);
     }
     return story;
 }
@@ -130,7 +130,7 @@ TEST(InteractiveMode, TakesKeysInUpperCase) {
         WaitForQuestion(boot);
         boot.Type(key);
     }
-    EXPECT_EQ(boot.WaitForResult(), "a -b c; off; 125 skipping plugin b (interactive mode request)");
+    EXPECT_EQ(boot.WaitForResult(), "a -b c; off; info skipping plugin b (interactive mode request)");
 }
 
 TEST(InteractiveMode, IgnoresEveryOtherKeyWithoutAnEcho) {
@@ -156,7 +156,7 @@ TEST(InteractiveMode, TakesAnswersThatWereTypedAhead) {
     boot.WaitForText(Question("d"));
     boot.WaitForKeys();
     boot.Type("e");
-    EXPECT_EQ(boot.WaitForResult(), "a -b c d; on; 125 skipping plugin b (interactive mode request)");
+    EXPECT_EQ(boot.WaitForResult(), "a -b c d; on; info skipping plugin b (interactive mode request)");
 }
 
 TEST(InteractiveMode, AsksNoMoreAfterContinue) {
@@ -174,7 +174,7 @@ TEST(InteractiveMode, SkipsThePluginAndSaysSo) {
     const termios& before = boot.initialModes;
     boot.Type("s");
     std::string rest;
-    EXPECT_EQ(boot.WaitForResult(&rest), "-100%s; on; 125 skipping plugin 100%s (interactive mode request)");
+    EXPECT_EQ(boot.WaitForResult(&rest), "-100%s; on; info skipping plugin 100%s (interactive mode request)");
     EXPECT_EQ(rest, kAnswered + Redrawn('s'));
     EXPECT_EQ(boot.terminal.Modes().c_iflag, before.c_iflag);
     EXPECT_EQ(boot.terminal.Modes().c_lflag & (ICANON | ECHO), static_cast<tcflag_t>(ICANON | ECHO));
@@ -217,7 +217,7 @@ TEST(InteractiveMode, DoesNotAskBeforeAllRequirementsWereActivated) {
     TerminalProcess boot(Walking({{"a", "b"}, {"x", "b", "y", "a", "z"}}));
     EXPECT_EQ(WaitForQuestion(boot), Question("z"));
     boot.Type("s");
-    EXPECT_EQ(boot.WaitForResult(), "x b y a -z; on; 125 skipping plugin z (interactive mode request)");
+    EXPECT_EQ(boot.WaitForResult(), "x b y a -z; on; info skipping plugin z (interactive mode request)");
 }
 
 TEST(InteractiveMode, MeetsARequirementThatIsNamedRepeatedlyAtOnce) {
@@ -241,7 +241,7 @@ TEST(InteractiveMode, KeepsReadingAtEndOfInput) {
         return Walk({{}, {"net"}});
     });
     boot.WaitForText(Question("net"));
-    EXPECT_TRUE(boot.RunsFor(1500));
+    boot.WaitForPauses(3);
 }
 
 TEST(InteractiveMode, IgnoresEndOfInputFromTheTerminal) {
@@ -263,9 +263,9 @@ TEST(InteractiveMode, AsksWithWhateverStateTheTerminalHas) {
     std::string written;
     EXPECT_EQ(boot.WaitForResult(&written),
               "net; on"
-              "; 110 unable to get terminal io state."
-              "; 110 unable to set terminal io state."
-              "; 110 unable to restore terminal io state.");
+              "; error unable to get terminal io state."
+              "; error unable to set terminal io state."
+              "; error unable to restore terminal io state.");
     EXPECT_EQ(written, Exchange("net", 'e'));
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/Logging.h"
 #include "support/ChildOutcome.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
@@ -66,9 +67,10 @@ TEST(InitBarrier, ThatNobodyProvidesIsReportedAndPassesAllTheSame) {
     LogCapture log;
     EXPECT_EQ(graph.Starts(), "a b");
     EXPECT_EQ(graph.Barrier("network").State(), NodeState::Started);
-    EXPECT_EQ(log.Lines(115), std::vector<std::string>{
-                                  "Lofter dependency error: Initialization barrier \"network\" is not provided by any "
-                                  "plugin but the following plugins require it: \"a\", \"b\""});
+    EXPECT_EQ(
+        log.Lines(kWarning),
+        std::vector<std::string>{"Lofter dependency error: Initialization barrier \"network\" is not provided by any "
+                                 "plugin but the following plugins require it: \"a\", \"b\""});
 }
 
 TEST(InitBarrier, RaisesTheReportAsTheHostsAlert) {
@@ -86,7 +88,7 @@ TEST(InitBarrier, RaisesNoAlertWhenOneMethodIsInvoked) {
     graph.settings.invoke = true;
     graph.Starts();
     EXPECT_TRUE(log.Alerts().empty());
-    EXPECT_EQ(log.Lines(115).size(), 1U);
+    EXPECT_EQ(log.Lines(kWarning).size(), 1U);
 }
 
 TEST(InitBarrier, RaisesTheAlertBeforeItLogsTheReport) {
@@ -97,7 +99,7 @@ TEST(InitBarrier, RaisesTheAlertBeforeItLogsTheReport) {
                   const LogCapture log;
                   test::EnterRoot(host.Path());
                   graph.Starts();
-                  return log.Lines(115).at(0).substr(0, 33) + "|" + log.Lines(115).at(1).substr(0, 23);
+                  return log.Lines(kWarning).at(0).substr(0, 33) + "|" + log.Lines(kWarning).at(1).substr(0, 23);
               }),
               "unable to raise the system alert:|Lofter dependency error");
 }
@@ -149,7 +151,7 @@ TEST(InitBarrier, WhoseComplaintFindsNoMemoryHoldsNothingUp) {
         const test::FailingCall failing(test::Call::OperatorNew, 0, 1);
         nothing->Start();
     }
-    EXPECT_EQ(log.Lines(110),
+    EXPECT_EQ(log.Lines(kError),
               std::vector<std::string>{"unhandled exception whilst processing nothing: std::bad_alloc"});
     nothing->RunQueued(executor);
     EXPECT_EQ(graph["a"].State(), NodeState::StartQueued);

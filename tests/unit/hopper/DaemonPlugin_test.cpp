@@ -7,6 +7,7 @@
 
 #include "Activation.h"
 #include "base/Exception.h"
+#include "base/Logging.h"
 #include "base/Settings.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
@@ -62,7 +63,7 @@ TEST_F(DaemonPluginTest, IsStartedByItsStartCommand) {
     daemon.StartsWith(succeeds);
     daemon.StartPlugin();
     EXPECT_EQ(static_cast<std::uint32_t>(daemon.State()), 2U);
-    EXPECT_EQ(log.Lines(125), Lines{"crond started."});
+    EXPECT_EQ(log.Lines(kInfo), Lines{"crond started."});
 }
 
 TEST_F(DaemonPluginTest, RecordsAndReportsAStartThatFails) {
@@ -70,22 +71,22 @@ TEST_F(DaemonPluginTest, RecordsAndReportsAStartThatFails) {
     const std::string reason = "Execution of command: " + fails + " failed with status: 1";
     EXPECT_EQ(Thrown<MethodFailedException>(&DaemonPlugin::StartPlugin), "crond->start() failed: " + reason);
     EXPECT_EQ(static_cast<std::uint32_t>(daemon.State()), 20U);
-    EXPECT_EQ(log.Lines(115), Lines{"Lofter failed to start: crond reason: " + reason});
-    EXPECT_EQ(log.Lines(125), Lines{});
+    EXPECT_EQ(log.Lines(kWarning), Lines{"Lofter failed to start: crond reason: " + reason});
+    EXPECT_EQ(log.Lines(kInfo), Lines{});
 }
 
 TEST_F(DaemonPluginTest, CannotBeStartedWithoutAStartCommand) {
     const std::string reason = "crond Daemon operations are not initialized";
     EXPECT_EQ(Thrown<MethodFailedException>(&DaemonPlugin::StartPlugin), "crond->start() failed: " + reason);
     EXPECT_EQ(static_cast<std::uint32_t>(daemon.State()), 20U);
-    EXPECT_EQ(log.Lines(115), Lines{"Lofter failed to start: crond reason: " + reason});
+    EXPECT_EQ(log.Lines(kWarning), Lines{"Lofter failed to start: crond reason: " + reason});
 }
 
 TEST_F(DaemonPluginTest, IsStoppedByItsStopCommand) {
     daemon.StopsWith(succeeds);
     daemon.StopDaemon();
     EXPECT_EQ(static_cast<std::uint32_t>(daemon.State()), 12U);
-    EXPECT_EQ(log.Lines(125), Lines{"crond stopped."});
+    EXPECT_EQ(log.Lines(kInfo), Lines{"crond stopped."});
 }
 
 TEST_F(DaemonPluginTest, PassesOnTheReasonOfAFailedStopAsItIsAndKeepsItsState) {
@@ -97,7 +98,7 @@ TEST_F(DaemonPluginTest, PassesOnTheReasonOfAFailedStopAsItIsAndKeepsItsState) {
     EXPECT_EQ(Thrown<Exception>(&DaemonPlugin::StopDaemon), reason);
     EXPECT_EQ(static_cast<std::uint32_t>(daemon.State()), 2U);
     EXPECT_EQ(log.Entries(),
-              (std::vector<test::LogCapture::Entry>{{115, "Lofter failed to stop: crond reason: " + reason}}));
+              (std::vector<test::LogCapture::Entry>{{kWarning, "Lofter failed to stop: crond reason: " + reason}}));
 }
 
 TEST_F(DaemonPluginTest, CannotBeStoppedWithoutAStopCommand) {
@@ -133,7 +134,7 @@ TEST_F(DaemonPluginTest, IsDeactivatedAsANodeWithoutATimeBeingTaken) {
     daemon.StopsWith(succeeds);
     daemon.Stop();
     EXPECT_EQ(static_cast<std::uint32_t>(daemon.State()), 12U);
-    EXPECT_EQ(log.Lines(125), (Lines{"executing stop for daemon crond.", "crond stopped."}));
+    EXPECT_EQ(log.Lines(kInfo), (Lines{"executing stop for daemon crond.", "crond stopped."}));
     EXPECT_EQ(daemon.StartTime().tv_sec, 0);
     EXPECT_EQ(daemon.EndTime().tv_sec, 0);
 }

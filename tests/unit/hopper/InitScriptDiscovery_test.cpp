@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "base/Exception.h"
+#include "base/Logging.h"
 #include "base/Settings.h"
 #include "graph/Executor.h"
 #include "graph/Graph.h"
@@ -91,7 +92,7 @@ TEST(InitScriptList, TakesPrioritiesOfTheWholeSignedRange) {
 TEST(InitScriptList, SkipsAndQuotesEveryLineThatDoesNotFit) {
     const test::LogCapture log;
     EXPECT_EQ(Read("/a\n\n/b ten\n/good 1\n/c 2147483648\n/d -2147483649\n/e 1x\n/f 1.5\n/g 0x10\n"), "/good:1");
-    EXPECT_EQ(log.Lines(115),
+    EXPECT_EQ(log.Lines(kWarning),
               (Lines{Skipped("/a"), Skipped(""), Skipped("/b ten"), Skipped("/c 2147483648"), Skipped("/d -2147483649"),
                      Skipped("/e 1x"), Skipped("/f 1.5"), Skipped("/g 0x10")}));
 }
@@ -113,15 +114,15 @@ TEST(InitScriptList, IsEmptyWhenTheToolCannotBeRun) {
     const test::LogCapture log;
     EXPECT_EQ(Text(ListInitScripts("/no/such/chkconfig -p 2>&-")), "");
     EXPECT_EQ(log.Entries(),
-              (std::vector<test::LogCapture::Entry>{{115, "/no/such/chkconfig -p 2>&- exited with status 127"}}));
+              (std::vector<test::LogCapture::Entry>{{kWarning, "/no/such/chkconfig -p 2>&- exited with status 127"}}));
 }
 
 TEST(InitScriptList, CountsEvenWhenTheToolFailsAfterwards) {
     const test::LogCapture log;
     EXPECT_EQ(Text(ListInitScripts("echo /etc/init.d/sshd 10; exit 3")), "/etc/init.d/sshd:10");
     EXPECT_EQ(Text(ListInitScripts("echo /etc/init.d/sshd 10; kill -9 $$")), "/etc/init.d/sshd:10");
-    EXPECT_EQ(log.Lines(115), (Lines{"echo /etc/init.d/sshd 10; exit 3 exited with status 3",
-                                     "echo /etc/init.d/sshd 10; kill -9 $$ was killed by signal 9"}));
+    EXPECT_EQ(log.Lines(kWarning), (Lines{"echo /etc/init.d/sshd 10; exit 3 exited with status 3",
+                                          "echo /etc/init.d/sshd 10; kill -9 $$ was killed by signal 9"}));
 }
 
 TEST(InitScriptList, CountsWithoutAnExitStatusOfTheTool) {
@@ -129,7 +130,7 @@ TEST(InitScriptList, CountsWithoutAnExitStatusOfTheTool) {
                   const test::LogCapture log;
                   std::signal(SIGCHLD, SIG_IGN);  // children leave no status then
                   const std::string scripts = Text(ListInitScripts("echo /etc/init.d/sshd 10"));
-                  return scripts + "; " + log.Lines(115).at(0);
+                  return scripts + "; " + log.Lines(kWarning).at(0);
               }),
               "/etc/init.d/sshd:10; echo /etc/init.d/sshd 10: no exit status: No child processes");
 }
@@ -230,7 +231,7 @@ TEST_F(DaemonPluginsTest, AreMadeBesideOneThatCannotBe) {
                                                                {ownGraph, test::NoActivator::Instance(), {}});
         EXPECT_EQ(test::Names({plugins.begin(), plugins.end()}), "crond") << made;
         EXPECT_EQ(log.Entries(),
-                  (std::vector<test::LogCapture::Entry>{{115,
+                  (std::vector<test::LogCapture::Entry>{{kWarning,
                                                          "Failed to create init.d daemon plugin: sshd because: "
                                                          "Condition variable for Node could not be initialized"}}))
             << made;

@@ -1,12 +1,9 @@
 #include "hopper/LegacyDaemonPlugin.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "base/Exception.h"
-#include "base/Settings.h"
-#include "support/LogCapture.h"
 #include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
 
@@ -42,27 +39,6 @@ TEST(LegacyDaemonPlugin, KnowsNoHostProfile) {
     } catch (const NotImplementedException& failure) {
         EXPECT_STREQ(failure.what(), "method `LegacyDaemonPlugin::ApplyHostProfile' is not implemented");
     }
-}
-
-// A time-out above the signed range waits without end.
-TEST(LegacyDaemonPlugin, TakesTheTimeOutAsASignedNumber) {
-    const test::TemporaryDirectory folder;
-    const std::string script = folder.WriteScript("slow", "exec sleep 1.5");
-    Settings settings;
-    settings.daemonWait = true;
-    settings.environment = environ;
-    settings.daemonWaitTimeout = 4294967295;
-    LegacyDaemonPlugin patient = Daemon("patient", script, CommandSettingsOf(settings));
-    settings.daemonWaitTimeout = 1;
-    LegacyDaemonPlugin hasty = Daemon("hasty", script, CommandSettingsOf(settings));
-
-    const test::LogCapture log;
-    EXPECT_NO_THROW(patient.StartPlugin());
-    EXPECT_THROW(hasty.StartPlugin(), MethodFailedException);
-    EXPECT_GT(waitpid(-1, nullptr, 0), 0) << "the script was to run on";
-    EXPECT_EQ(log.Lines(), (std::vector<std::string>{"patient started.",
-                                                     "Lofter failed to start: hasty reason: Execution of command: '" +
-                                                         script + " start' timed out."}));
 }
 
 }  // namespace

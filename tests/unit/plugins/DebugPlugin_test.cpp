@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Exception.h"
+#include "base/Logging.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
 #include "support/Plugins.h"
@@ -58,16 +59,16 @@ TEST_F(DebugPluginTest, LogsTheRawWaitStatusOfACommandThatFails) {
     Run("exit 255");
     Run("kill -9 $$");
     Run("/no/such/command 2>/dev/null");
-    EXPECT_EQ(log.Entries(), (Entries{{125, "debug injection 'step' returned 0x000100"},
-                                      {125, "debug injection 'step' returned 0x00ff00"},
-                                      {125, "debug injection 'step' returned 0x000009"},
-                                      {125, "debug injection 'step' returned 0x007f00"}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kInfo, "debug injection 'step' returned 0x000100"},
+                                      {kInfo, "debug injection 'step' returned 0x00ff00"},
+                                      {kInfo, "debug injection 'step' returned 0x000009"},
+                                      {kInfo, "debug injection 'step' returned 0x007f00"}}));
 }
 
 TEST_F(DebugPluginTest, LogsAShellThatCouldNotBeRun) {
     const test::FailingCall noShell(test::Call::System, 0);
     Run("true");
-    EXPECT_EQ(log.Entries(), (Entries{{125, "debug injection 'step' returned 0xffffffff"}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kInfo, "debug injection 'step' returned 0xffffffff"}}));
 }
 
 TEST_F(DebugPluginTest, TakesNoPartInHostProfiles) {

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/Logging.h"
 #include "base/Settings.h"
 #include "graph/Executor.h"
 #include "graph/GraphRun.h"
@@ -79,7 +80,7 @@ TEST_F(DiscoveryTest, OfAnEmptyDirectoryFindsNothing) {
 TEST_F(DiscoveryTest, IgnoresAFileWithoutADot) {
     folder.Write("plugins/README", "");
     DiscoverAll();
-    EXPECT_EQ(log.Entries(), (Entries{{115, "ignoring plugin 'README' of unspecified type..."}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kWarning, "ignoring plugin 'README' of unspecified type..."}}));
 }
 
 TEST_F(DiscoveryTest, IgnoresAFileOfUnknownType) {
@@ -88,7 +89,8 @@ TEST_F(DiscoveryTest, IgnoresAFileOfUnknownType) {
         folder.Write("plugins/" + name, "");
         DiscoverListed({name});
         const std::string type = name.substr(name.rfind('.') + 1);
-        EXPECT_EQ(log.Entries(), (Entries{{115, "ignoring plugin '" + name + "' of unknown type (" + type + ")..."}}));
+        EXPECT_EQ(log.Entries(),
+                  (Entries{{kWarning, "ignoring plugin '" + name + "' of unknown type (" + type + ")..."}}));
     }
     EXPECT_EQ(Found(), "");
 }
@@ -123,7 +125,7 @@ TEST_F(DiscoveryTest, ReportsAFileThatIsNoPluginAndGoesOn) {
         const test::LogCapture::Entry entry = log.Entries()[index];
         const std::string start = "exception occurred whilst loading plugin " + files[index] + ": plugin `" + plugins +
                                   "/" + files[index] + "' is invalid: ";
-        EXPECT_EQ(entry.level, 115);
+        EXPECT_EQ(entry.level, kWarning);
         EXPECT_TRUE(entry.text.starts_with(start)) << entry.text;
         EXPECT_GT(entry.text.size(), start.size());
     }
@@ -134,8 +136,8 @@ TEST_F(DiscoveryTest, TriesSharedObjectsBeforeItLoadsThem) {
     Install("barriers", "good.so");
     DiscoverListed({"bad.so", "good.so"});
     EXPECT_EQ(Found(), "good");
-    EXPECT_EQ(log.Entries(), (Entries{{115, "exception occurred whilst loading plugin bad.so: plugin `" + plugins +
-                                                "/bad.so' is invalid: exited its loader with status 3"}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kWarning, "exception occurred whilst loading plugin bad.so: plugin `" + plugins +
+                                                     "/bad.so' is invalid: exited its loader with status 3"}}));
 }
 
 TEST_F(DiscoveryTest, ReportsAPluginThatTheSystemHasNoRoomFor) {
@@ -145,7 +147,7 @@ TEST_F(DiscoveryTest, ReportsAPluginThatTheSystemHasNoRoomFor) {
         DiscoverListed({"net.so"});
     }
     EXPECT_EQ(Found(), "");
-    EXPECT_EQ(log.Entries(), (Entries{{115,
+    EXPECT_EQ(log.Entries(), (Entries{{kWarning,
                                        "exception occurred whilst loading plugin net.so: "
                                        "Condition variable for Node could not be initialized"}}));
 }
@@ -158,7 +160,7 @@ TEST_F(DiscoveryTest, ReportsADebugFileThatTheSystemHasNoRoomForAndGoesOn) {
         DiscoverListed({"d.debug", "net.so"});
     }
     EXPECT_EQ(Found(), "net");
-    EXPECT_EQ(log.Entries(), (Entries{{115,
+    EXPECT_EQ(log.Entries(), (Entries{{kWarning,
                                        "exception occurred whilst loading plugin d.debug: "
                                        "Condition variable for Node could not be initialized"}}));
 }
@@ -167,8 +169,8 @@ TEST_F(DiscoveryTest, ReportsWhateverIsThrownWhileAFileIsLoaded) {
     EXPECT_TRUE(LoadContained("good.so", [] {}));
     EXPECT_FALSE(LoadContained("100%s.so", [] { throw std::runtime_error("50%n"); }));
     EXPECT_FALSE(LoadContained("100%s.so", [] { throw 7; }));  // NOLINT: anything may be thrown
-    EXPECT_EQ(log.Entries(), (Entries{{115, "exception occurred whilst loading plugin 100%s.so: 50%n"},
-                                      {115, "unknown exception occurred whilst loading plugin 100%s.so"}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kWarning, "exception occurred whilst loading plugin 100%s.so: 50%n"},
+                                      {kWarning, "unknown exception occurred whilst loading plugin 100%s.so"}}));
 }
 
 TEST_F(DiscoveryTest, NeverLeavesThePluginDirectoryForAListedPath) {
@@ -219,7 +221,7 @@ TEST_F(DiscoveryTest, OfAListIgnoresANameWithoutAnExtension) {
     Install("barriers", "net.so");
     DiscoverListed({"net"});
     EXPECT_EQ(Found(), "");
-    EXPECT_EQ(log.Entries(), (Entries{{115, "ignoring plugin 'net' of unspecified type..."}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kWarning, "ignoring plugin 'net' of unspecified type..."}}));
 }
 
 TEST_F(DiscoveryTest, CreatesEveryDebugEntryOfTheNameOfADebugFile) {
@@ -256,8 +258,8 @@ TEST_F(DiscoveryTest, RepeatsComplaintsAboutTheDebugConfigurationForTheScanAndFo
     folder.Write("plugins/d.debug", "");
     folder.Write("plugins/README", "");  // its type is unspecified before the configuration is looked at
     DiscoverAll();
-    EXPECT_EQ(log.Lines(125), Names(4, "ignoring malformed debug entry at line 1: bad"));
-    EXPECT_EQ(log.Lines(115).size(), 2U);
+    EXPECT_EQ(log.Lines(kInfo), Names(4, "ignoring malformed debug entry at line 1: bad"));
+    EXPECT_EQ(log.Lines(kWarning).size(), 2U);
     log.Clear();
     DiscoverListed({"net.so", "notes.txt"});
     EXPECT_EQ(log.Lines(),
@@ -282,7 +284,7 @@ TEST_F(DiscoveryTest, DisablesByPluginNameNotByFileName) {
     input.rules.disabledPlugins = {"net", "disk.so", "Disk"};
     DiscoverListed({"libnet.so", "disk.so"});
     EXPECT_EQ(Found(), "disk");
-    EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' due to blacklist."}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kInfo, "ignoring plugin 'net' due to blacklist."}}));
 }
 
 TEST_F(DiscoveryTest, LooksAtDisabledPluginsBeforeFlagsAndRunOnce) {
@@ -290,7 +292,7 @@ TEST_F(DiscoveryTest, LooksAtDisabledPluginsBeforeFlagsAndRunOnce) {
     input.rules.disabledPlugins = {"net"};
     input.rules.bootFlags = {"x"};
     DiscoverAll();
-    EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' due to blacklist."}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kInfo, "ignoring plugin 'net' due to blacklist."}}));
     EXPECT_EQ(runOnce, Flags{});
 }
 
@@ -324,7 +326,7 @@ TEST_F(DiscoveryTest, KeepsTheLinksOfAFileThatIsRejectedHalfWayAsThoseOfAStarted
     Executor executor(1, false);
     StartRun(graph, {list.begin(), list.end()}, executor);
     EXPECT_EQ(list[1]->State(), NodeState::Started);
-    EXPECT_EQ(log.Lines(115).size(), 1U);  // no complaint about a barrier that nobody provides
+    EXPECT_EQ(log.Lines(kWarning).size(), 1U);  // no complaint about a barrier that nobody provides
 }
 
 // More than it takes to discover a file or two.
@@ -435,9 +437,10 @@ TEST_F(DiscoveryTest, LinksAPluginInTheOrderOfItsDescription) {
 TEST_F(DiscoveryTest, LogsTheLinesOfTheDebugConfigurationThatItSkips) {
     folder.Write("debug.conf", "a:b:c\nb:::echo \\x\n%n\n");
     DiscoverAll();
-    EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring malformed debug entry at line 1: a:b:c"},
-                                      {115, "skipping debug entry at line 2: b:::echo \\x (unknown escape sequence)"},
-                                      {125, "ignoring malformed debug entry at line 3: %n"}}));
+    EXPECT_EQ(log.Entries(),
+              (Entries{{kInfo, "ignoring malformed debug entry at line 1: a:b:c"},
+                       {kWarning, "skipping debug entry at line 2: b:::echo \\x (unknown escape sequence)"},
+                       {kInfo, "ignoring malformed debug entry at line 3: %n"}}));
 }
 
 // ---- Boot flags
@@ -461,25 +464,26 @@ TEST_F(BootFlags, AdmitAPluginWhoseRequiredFlagsAreAllThere) {
 }
 
 TEST_F(BootFlags, RejectAPluginThatOneOfThemDisables) {
-    EXPECT_EQ(LoadWith({"a", "b", "x", "z"}), (Entries{{115, "ignoring plugin 'p', disabled due to boot flags: x ."}}));
+    EXPECT_EQ(LoadWith({"a", "b", "x", "z"}),
+              (Entries{{kWarning, "ignoring plugin 'p', disabled due to boot flags: x ."}}));
     EXPECT_EQ(LoadWith({"a", "b", "x", "y"}),
-              (Entries{{115, "ignoring plugin 'p', disabled due to boot flags: x y ."}}));
+              (Entries{{kWarning, "ignoring plugin 'p', disabled due to boot flags: x y ."}}));
     EXPECT_EQ(Found(), "");
     EXPECT_EQ(runOnce, Flags{});
 }
 
 TEST_F(BootFlags, RejectAPluginThatMissesARequiredOne) {
     EXPECT_EQ(LoadWith({"a"}),
-              (Entries{{115, "ignoring plugin 'p', disabled due to missing required boot flags: b ."}}));
+              (Entries{{kWarning, "ignoring plugin 'p', disabled due to missing required boot flags: b ."}}));
     EXPECT_EQ(LoadWith({}),
-              (Entries{{115, "ignoring plugin 'p', disabled due to missing required boot flags: a b ."}}));
+              (Entries{{kWarning, "ignoring plugin 'p', disabled due to missing required boot flags: a b ."}}));
     EXPECT_EQ(Found(), "");
 }
 
 TEST_F(BootFlags, RejectAPluginForBothReasonsWithBothLines) {
     EXPECT_EQ(LoadWith({"b", "y"}),
-              (Entries{{115, "ignoring plugin 'p', disabled due to boot flags: y ."},
-                       {115, "ignoring plugin 'p', disabled due to missing required boot flags: a ."}}));
+              (Entries{{kWarning, "ignoring plugin 'p', disabled due to boot flags: y ."},
+                       {kWarning, "ignoring plugin 'p', disabled due to missing required boot flags: a ."}}));
     EXPECT_EQ(Found(), "");
     EXPECT_EQ(graph.GetBarrier("clock", false)->Dependencies().at(0)->State(), NodeState::Started);
 }
@@ -513,7 +517,8 @@ TEST_F(RunOnceRule, KeepsAPluginThatHasRunInTheListAsStarted) {
     DiscoverAll();
     EXPECT_EQ(Found(), "net");
     EXPECT_EQ(list.at(0)->State(), NodeState::Started);
-    EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' because version '1.2-rc'  has already been run."}}));
+    EXPECT_EQ(log.Entries(),
+              (Entries{{kInfo, "ignoring plugin 'net' because version '1.2-rc'  has already been run."}}));
     EXPECT_EQ(runOnce, Flags{"net1.2-rc"});
 }
 
@@ -570,7 +575,7 @@ TEST_F(JSONFiles, AreRecordedWithTheirVersionBehindTheirName) {
     EXPECT_EQ(runOnce, Flags{"net1.0"});
     DiscoverAll();
     EXPECT_EQ(list.at(1)->State(), NodeState::Started);
-    EXPECT_EQ(log.Entries(), (Entries{{125, "ignoring plugin 'net' because version '1.0'  has already been run."}}));
+    EXPECT_EQ(log.Entries(), (Entries{{kInfo, "ignoring plugin 'net' because version '1.0'  has already been run."}}));
 }
 
 TEST_F(JSONFiles, AreRecordedByLettersDigitsAndFourSignsOnly) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "base/Exception.h"
+#include "base/Logging.h"
 #include "plugins/description/DescriptionText.h"
 #include "plugins/description/NativeDescription.h"
 #include "support/ChildOutcome.h"
@@ -115,9 +116,9 @@ TEST_F(ObjectReaderTest, TriesTheNextObjectInAnotherProcess) {
 }
 
 TEST_F(ObjectReaderTest, HasALimit) {
-    ObjectReader reader(std::chrono::seconds(1));
+    ObjectReader reader(std::chrono::milliseconds(200));
     for (const std::string name : {"sleep_loading", "close_all_and_sleep_loading"}) {
-        EXPECT_EQ(Rejection(reader, Fixture(name)), Invalid(Fixture(name), "did not load within 1 s"));
+        EXPECT_EQ(Rejection(reader, Fixture(name)), Invalid(Fixture(name), "did not load within 0.2 s"));
         EXPECT_FALSE(HasChildren());
     }
 }
@@ -126,8 +127,8 @@ TEST_F(ObjectReaderTest, DoesNotWaitForAPipeForEver) {
     const test::TemporaryDirectory folder;
     const std::string path = folder / "pipe.so";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    ObjectReader reader(std::chrono::seconds(1));
-    EXPECT_EQ(Rejection(reader, path), Invalid(path, "did not load within 1 s"));
+    ObjectReader reader(std::chrono::milliseconds(200));
+    EXPECT_EQ(Rejection(reader, path), Invalid(path, "did not load within 0.2 s"));
 }
 
 TEST_F(ObjectReaderTest, DoesNotBlameAnObjectForAProcessThatEndedBefore) {
@@ -161,7 +162,7 @@ TEST_F(ObjectReaderTest, IsDoneWithoutWhereThereIsNoProcessForIt) {
                   ObjectReader reader;
                   reader.Describe("p", Fixture("barriers"));
                   reader.Describe("p", Fixture("release3"));
-                  return log.Lines().size() == 1 ? log.Lines(115).front() : "not one message";
+                  return log.Lines().size() == 1 ? log.Lines(kWarning).front() : "not one message";
               }),
               "unable to load native plugins in a process of their own: Resource temporarily unavailable");
 }

@@ -65,8 +65,18 @@ void LogCapture::Clear() {
     recorder->alerts.clear();
 }
 
+std::string TextOf(const LogCapture::Entry& entry) {
+    for (const std::string name : {"error", "warning", "info"}) {
+        int level = 0;
+        if (platform::FindLevel(name, level) && level == entry.level) {
+            return name + " " + entry.text;
+        }
+    }
+    return std::to_string(entry.level) + " " + entry.text;
+}
+
 void PrintTo(const LogCapture::Entry& entry, std::ostream* stream) {
-    *stream << entry.level << " \"" << entry.text << '"';
+    *stream << '"' << TextOf(entry) << '"';
 }
 
 }  // namespace lofter::test

@@ -39,6 +39,9 @@ class LogCapture {
     Recorder* recorder;  // owned by the logging library while this lives
 };
 
+// The level by its name, and the text: "info text".
+std::string TextOf(const LogCapture::Entry& entry);
+
 // For failure texts of assertions.
 void PrintTo(const LogCapture::Entry& entry, std::ostream* stream);
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <fstream>
 #include <stdexcept>
 #include <utility>
 
@@ -30,8 +31,8 @@ int Until(Clock::time_point end) {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-Clock::time_point Bound(int milliseconds = kBound) {
-    return Clock::now() + std::chrono::milliseconds(milliseconds);
+Clock::time_point Bound() {
+    return Clock::now() + std::chrono::milliseconds(kBound);
 }
 
 std::string ReadAvailable(int descriptor) {
@@ -170,19 +171,18 @@ int TerminalProcess::WaitForEnd(std::string* rest) {
     return status;
 }
 
-bool TerminalProcess::RunsFor(int milliseconds) {
-    const Clock::time_point end = Bound(milliseconds);
-    while (Until(end) > 0) {
-        std::array<pollfd, 2> ready{{{terminal.Operator(), POLLIN, 0}, {result.Get(), POLLIN, 0}}};
-        if (::poll(ready.data(), ready.size(), Until(end)) == 0) {
-            return true;
+void TerminalProcess::WaitForPauses(int count) const {
+    const auto pauses = [this] {
+        std::ifstream status("/proc/" + std::to_string(process) + "/status");
+        std::string word;
+        long number = 0;
+        while (status >> word && word != "voluntary_ctxt_switches:") {
         }
-        if (ready[1].revents != 0) {
-            return false;
-        }
-        unseen += ReadAvailable(terminal.Operator());
-    }
-    return true;
+        status >> number;
+        return number;
+    };
+    const long before = pauses();
+    ASSERT_TRUE(WaitUntil([&] { return pauses() >= before + count; })) << "it does not pause";
 }
 
 }  // namespace lofter::test

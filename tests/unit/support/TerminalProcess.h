@@ -55,8 +55,8 @@ class TerminalProcess {
     // How the process ended, as waitpid tells.
     int WaitForEnd(std::string* rest = nullptr);
 
-    // Whether the function is still running after the given time, during which everything written is read.
-    bool RunsFor(int milliseconds);
+    // Until the process has given the processor up of its own accord so often, as it does where it waits.
+    void WaitForPauses(int count) const;
 
     PseudoTerminal terminal;
     const termios initialModes = terminal.Modes();  // before the process could change them

@@ -17,6 +17,7 @@
 #include "support/LogCapture.h"
 #include "support/OpenDescriptors.h"
 #include "support/TemporaryDirectory.h"
+#include "tslibs/LogOutput.h"
 
 namespace platform {
 namespace {
@@ -118,7 +119,8 @@ TEST(ProgressScreen, LogsTextsWhereTheConsoleIsMissingOrNoTerminal) {
         screen.StatusText("");
         screen.Step();
         screen.StatusText("status");
-        EXPECT_EQ(capture.Entries(), (std::vector<LogCapture::Entry>{{125, "100%s"}, {125, "status"}})) << console;
+        EXPECT_EQ(capture.Entries(), (std::vector<LogCapture::Entry>{{kInfoLevel, "100%s"}, {kInfoLevel, "status"}}))
+            << console;
     }
     EXPECT_FALSE(std::filesystem::exists(directory / "missing"));
     EXPECT_EQ(directory.Read("file"), "");
@@ -133,7 +135,7 @@ TEST(ProgressScreen, LogsTextsOnceTheTerminalIsGone) {
     screen.StatusText("logged");
     screen.Step();
     screen.StatusText("logged too");
-    EXPECT_EQ(capture.Lines(125), (Texts{"logged", "logged too"}));
+    EXPECT_EQ(capture.Lines(kInfoLevel), (Texts{"logged", "logged too"}));
 }
 
 TEST(ProgressScreen, LogsATextThatWasTakenAwayAndPutBackOnce) {
@@ -143,12 +145,12 @@ TEST(ProgressScreen, LogsATextThatWasTakenAwayAndPutBackOnce) {
         screen.ProgressText("Activating");
         screen.ProgressText("");
     }
-    EXPECT_EQ(capture.Lines(125), Texts{"Activating"});
+    EXPECT_EQ(capture.Lines(kInfoLevel), Texts{"Activating"});
     screen.ProgressText("one");
     screen.ProgressText("one");
     screen.ProgressText("");
     screen.ProgressText("Activating");
-    EXPECT_EQ(capture.Lines(125), (Texts{"Activating", "one", "one", "Activating"}));
+    EXPECT_EQ(capture.Lines(kInfoLevel), (Texts{"Activating", "one", "one", "Activating"}));
 }
 
 TEST(ProgressScreen, OpensATerminalAgainThatWasHungUp) {
@@ -228,7 +230,7 @@ TEST(ProgressScreen, MayBeDrawnByManyThreads) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(capture.Lines(125).size(), 800U);
+    EXPECT_EQ(capture.Lines(kInfoLevel).size(), 800U);
 }
 
 TEST(KernelProgressScreen, AcceptsTextsAndStepsWhateverTheConsoleIs) {

@@ -22,7 +22,7 @@ namespace platform {
 namespace {
 
 constexpr int kThreads = 16;
-constexpr int kChildren = 200;
+constexpr int kChildren = 100;
 
 // Threads that log, and one that reads what reaches the syslog socket, until the end of its life.
 class Noise {
@@ -36,7 +36,7 @@ class Noise {
         for (int number = 0; number < kThreads; ++number) {
             threads.emplace_back([this, number] {
                 do {  // at least once: a thread may not have had its turn when all is over
-                    Log_Level(125, "thread %d\n", number);
+                    Log_Level(kInfoLevel, "thread %d\n", number);
                 } while (!ended);
             });
         }
@@ -77,7 +77,7 @@ TEST(LogFork, LetsEachChildLogAtOnceWhileThreadsOfTheParentLog) {
     Noise noise(directory / "log", file.Get());
     for (int number = 0; number < kChildren; ++number) {
         lofter::test::ForkedChild child([number] {
-            Log_Level(125, "child %d\n", number);
+            Log_Level(kInfoLevel, "child %d\n", number);
             return 7;
         });
         ASSERT_EQ(child.Wait(), 7) << number;

@@ -55,7 +55,7 @@ std::string WithoutTime(const std::string& record) {
 
 TEST(Log, FormatsMessagesLikePrintf) {
     const LogCapture capture;
-    Log_Level(125, "%s and %d%%", "text", 7);
+    Log_Level(kInfoLevel, "%s and %d%%", "text", 7);
     EXPECT_EQ(capture.Lines(), Texts{"text and 7%"});
 }
 
@@ -63,7 +63,7 @@ TEST(Log, KeepsMessagesOfAnyLengthWhole) {
     const LogCapture capture;
     for (const std::size_t length : {1022U, 1023U, 1024U, 1025U, 10'000'000U}) {
         const std::string text(length, 'x');
-        Log_Level(125, "%s\n", text.c_str());
+        Log_Level(kInfoLevel, "%s\n", text.c_str());
         EXPECT_TRUE(capture.Lines().back() == text) << length;
     }
 }
@@ -77,7 +77,7 @@ TEST(Log, EndsEachMessageInALineEndAndKeepsFurtherOnesOnStandardOutput) {
                                       {"a\n\n\n", "a\n\n\n"},
                                       {"", "\n"},
                                       {"\n", "\n"}}) {
-        Log_Level(125, "%s", text);
+        Log_Level(kInfoLevel, "%s", text);
         EXPECT_EQ(channel.Read(), std::string("info lofter: ") + shown);
     }
     EXPECT_TRUE(channel.IsQuiet());
@@ -88,7 +88,7 @@ TEST(Log, EndsNoSyslogRecordInALineEnd) {
     SyslogSocket daemon(directory / "log");
     const Attached output(new SyslogOutput(directory / "log", "lofter"));
     for (const auto& [text, sent] : {std::pair{"text\n", "text"}, {"two\nlines\n\n", "two\nlines"}, {"\n\n", ""}}) {
-        Log_Level(125, "%s", text);
+        Log_Level(kInfoLevel, "%s", text);
         EXPECT_EQ(WithoutTime(daemon.Receive()), std::string("<30>lofter: ") + sent);
     }
     LogAlert("one\n\n");
@@ -100,12 +100,12 @@ TEST(Log, SendsWhatIsForSyslogAloneToNoOtherOutput) {
     const std::string path = directory / "log";
     ForkedChild child([&] {
         const LogCapture capture;
-        Log_Syslog(115, "nobody hears %s\n", "this");
+        Log_Syslog(kWarningLevel, "nobody hears %s\n", "this");
         SyslogSocket daemon(path);
         EXPECT_TRUE(InitializeSyslog(path.c_str(),
                                      Configuration({{"log.syslogID", "lofter"}, {"log.syslogLevel", "info"}}).get()));
         errno = EXDEV;
-        Log_Syslog(115, "%s\n", "the daemon does");
+        Log_Syslog(kWarningLevel, "%s\n", "the daemon does");
         EXPECT_EQ(errno, EXDEV);
         EXPECT_EQ(WithoutTime(daemon.Receive()), "<28>lofter: the daemon does");
         EXPECT_TRUE(daemon.IsQuiet());
@@ -120,16 +120,16 @@ TEST(Log, LeavesTheErrorNumberAsItWas) {
     const Attached syslogOutput(new SyslogOutput(directory / "no/log", "lofter"));
     const Attached stream(new StreamOutput(-1, "lofter", {}));
     errno = EXDEV;
-    Log_Level(110, "short");
+    Log_Level(kErrorLevel, "short");
     EXPECT_EQ(errno, EXDEV);
-    Log_Level(110, "%2000s", "long");
+    Log_Level(kErrorLevel, "%2000s", "long");
     EXPECT_EQ(errno, EXDEV);
     LogAlert("alert");
     EXPECT_EQ(errno, EXDEV);
 }
 
 TEST(Log, DropsMessagesWhileThereIsNoOutput) {
-    Log_Level(110, "nobody hears %s", "this");
+    Log_Level(kErrorLevel, "nobody hears %s", "this");
 }
 
 TEST(Log, TakesAnOutputOnce) {
@@ -138,11 +138,11 @@ TEST(Log, TakesAnOutputOnce) {
     auto* output = new StreamOutput(channel.Writer(), "lofter", {kInfoLevel, false, false});
     EXPECT_TRUE(Log_AddOutput(output));
     EXPECT_FALSE(Log_AddOutput(output));
-    Log_Level(125, "once");
+    Log_Level(kInfoLevel, "once");
     const std::unique_ptr<LogOutput> removed = RemoveLogOutput(output);
     EXPECT_EQ(removed.get(), output);
     EXPECT_EQ(RemoveLogOutput(output), nullptr);
-    Log_Level(125, "never");
+    Log_Level(kInfoLevel, "never");
     EXPECT_EQ(channel.Read(), "info lofter: once\n");
     EXPECT_TRUE(channel.IsQuiet());
 }
@@ -182,13 +182,13 @@ TEST(Log, IsSetUpForSyslogFromADictionary) {
         SyslogSocket daemon(path);
         EXPECT_TRUE(InitializeSyslog(path.c_str(),
                                      Configuration({{"log.syslogID", "one"}, {"log.syslogLevel", "info"}}).get()));
-        Log_Level(125, "first");
+        Log_Level(kInfoLevel, "first");
         EXPECT_EQ(WithoutTime(daemon.Receive()), "<30>one: first");
         // In place of the first.
         EXPECT_TRUE(InitializeSyslog(path.c_str(),
                                      Configuration({{"log.syslogID", "two"}, {"log.syslogLevel", "warning"}}).get()));
-        Log_Level(125, "too fine");
-        Log_Level(115, "second");
+        Log_Level(kInfoLevel, "too fine");
+        Log_Level(kWarningLevel, "second");
         EXPECT_EQ(WithoutTime(daemon.Receive()), "<28>two: second");
         EXPECT_TRUE(daemon.IsQuiet());
         return testing::Test::HasFailure() ? 1 : 0;
@@ -214,10 +214,10 @@ TEST(Log, WritesToStandardOutputUnderTheIdentifierThatSyslogWasGiven) {
         Dict_SetBool(configuration.get(), "log.useTimeStamps.stdio", true);
         Dict_SetBool(configuration.get(), "log.useMilliseconds.stdio", true);
         Log_AddOutput(Log_NewStdioOutput(configuration.get()));
-        Log_Level(125, "text\n");
+        Log_Level(kInfoLevel, "text\n");
         Dictionary_Clear(configuration.get());
         Log_AddOutput(Log_NewStdioOutput(configuration.get()));
-        Log_Level(115, "text\n");
+        Log_Level(kWarningLevel, "text\n");
         return 0;
     });
     EXPECT_EQ(child.Wait(), 0);
@@ -232,12 +232,12 @@ TEST(Log, CopiesToStandardErrorWhatTheLevelAdmits) {
     Channel channel;
     ForkedChild child([&] {
         ::dup2(channel.Writer(), STDERR_FILENO);
-        Log_Level(110, "before");
-        Log_SetStderrLevel(115);
-        Log_Level(125, "too fine");
-        Log_Level(115, "copied");
+        Log_Level(kErrorLevel, "before");
+        Log_SetStderrLevel(kWarningLevel);
+        Log_Level(kInfoLevel, "too fine");
+        Log_Level(kWarningLevel, "copied");
         Log_SetStderrLevel(-1);
-        Log_Level(110, "after");
+        Log_Level(kErrorLevel, "after");
         return 0;
     });
     EXPECT_EQ(child.Wait(), 0);
@@ -249,7 +249,7 @@ TEST(Warning, IsOneLineAtTheLevelOfWarningsOnEveryOutput) {
     const LogCapture one;
     const LogCapture other;
     Warning("Failed opening log file %s", "x");
-    EXPECT_EQ(one.Entries(), (std::vector<LogCapture::Entry>{{115, "Failed opening log file x"}}));
+    EXPECT_EQ(one.Entries(), (std::vector<LogCapture::Entry>{{kWarningLevel, "Failed opening log file x"}}));
     EXPECT_EQ(other.Entries(), one.Entries());
 }
 

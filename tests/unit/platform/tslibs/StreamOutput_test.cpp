@@ -31,6 +31,7 @@ using lofter::test::TemporaryDirectory;
 using lofter::test::WaitUntil;
 
 constexpr StreamOutput::Form kPlain{kInfoLevel, false, false};
+constexpr std::chrono::milliseconds kShortWait{100};
 
 // A pipe that is filled to the brim, and whose writing end blocks or not.
 struct FullPipe {
@@ -59,7 +60,7 @@ struct FullPipe {
 TEST(StreamOutput, WritesTimeLevelAndIdentifierBeforeTheText) {
     Channel channel;
     StreamOutput output(channel.Writer(), "lofter", {});
-    output.Write(125, "text");
+    output.Write(kInfoLevel, "text");
     const std::string line = channel.Read();
     EXPECT_TRUE(testing::internal::RE::FullMatch(
         line,
@@ -69,12 +70,12 @@ TEST(StreamOutput, WritesTimeLevelAndIdentifierBeforeTheText) {
 
 TEST(StreamOutput, LeavesOutWhatTheFormDoesNotAskFor) {
     Channel channel;
-    StreamOutput(channel.Writer(), "lofter", {kInfoLevel, true, false}).Write(125, "text");
+    StreamOutput(channel.Writer(), "lofter", {kInfoLevel, true, false}).Write(kInfoLevel, "text");
     const std::string line = channel.Read();
     EXPECT_TRUE(testing::internal::RE::FullMatch(
         line, "20[0-9][0-9]-[0-9][0-9]-[0-9][0-9] [0-9][0-9]:[0-9][0-9]:[0-9][0-9] info lofter: text\n"))
         << line;
-    StreamOutput(channel.Writer(), "lofter", kPlain).Write(125, "text");
+    StreamOutput(channel.Writer(), "lofter", kPlain).Write(kInfoLevel, "text");
     EXPECT_EQ(channel.Read(), "info lofter: text\n");
 }
 
@@ -95,15 +96,15 @@ TEST(StreamOutput, LetsNothingThroughThatIsFinerThanItsLevel) {
     StreamOutput errors(channel.Writer(), "lofter", {kErrorLevel, false, false});
     errors.Write(111, "too fine");
     EXPECT_TRUE(channel.IsQuiet());
-    errors.Write(110, "coarse enough");
+    errors.Write(kErrorLevel, "coarse enough");
     EXPECT_EQ(channel.Read(), "error lofter: coarse enough\n");
 }
 
 TEST(StreamOutput, WritesEachMessageAtOnceWithItsInnerLineEnds) {
     Channel channel;
     StreamOutput output(channel.Writer(), "lofter", kPlain);
-    output.Write(125, "two\nlines");
-    output.Write(125, "");
+    output.Write(kInfoLevel, "two\nlines");
+    output.Write(kInfoLevel, "");
     EXPECT_EQ(channel.Read(), "info lofter: two\nlines\n");
     EXPECT_EQ(channel.Read(), "info lofter: \n");
 }
@@ -127,7 +128,7 @@ TEST(StreamOutput, GoesOnAfterAPartialWrite) {
         }
         return whole;
     });
-    StreamOutput(channel.Writer(), "lofter", kPlain).Write(125, text);
+    StreamOutput(channel.Writer(), "lofter", kPlain).Write(kInfoLevel, text);
     EXPECT_TRUE(reading.get() == "info lofter: " + text + "\n");
 }
 
@@ -136,7 +137,7 @@ TEST(StreamOutput, SurvivesAReaderThatIsGone) {
         ::signal(SIGPIPE, SIG_DFL);
         FullPipe pipe;
         pipe.reader.Reset();
-        StreamOutput(pipe.writer.Get(), "lofter", kPlain).Write(125, "lost");
+        StreamOutput(pipe.writer.Get(), "lofter", kPlain).Write(kInfoLevel, "lost");
         sigset_t pending;
         ::sigpending(&pending);
         return ::sigismember(&pending, SIGPIPE);
@@ -153,7 +154,7 @@ TEST(StreamOutput, LeavesTheCallersPendingSignalPending) {
         ::raise(SIGPIPE);
         FullPipe pipe;
         pipe.reader.Reset();
-        StreamOutput(pipe.writer.Get(), "lofter", kPlain).Write(125, "lost");
+        StreamOutput(pipe.writer.Get(), "lofter", kPlain).Write(kInfoLevel, "lost");
         sigset_t pending;
         ::sigpending(&pending);
         return ::sigismember(&pending, SIGPIPE) == 1 ? 0 : 1;
@@ -162,9 +163,9 @@ TEST(StreamOutput, LeavesTheCallersPendingSignalPending) {
 }
 
 TEST(StreamOutput, IgnoresFailures) {
-    StreamOutput(-1, "lofter", kPlain).Write(125, "nowhere");
+    StreamOutput(-1, "lofter", kPlain).Write(kInfoLevel, "nowhere");
     const posix::Descriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
-    StreamOutput(full.Get(), "lofter", kPlain).Write(125, "no space");
+    StreamOutput(full.Get(), "lofter", kPlain).Write(kInfoLevel, "no space");
 }
 
 std::string Lost(int lines) {
@@ -173,11 +174,12 @@ std::string Lost(int lines) {
                : "warning lofter: " + std::to_string(lines) + " log lines were lost while standard output took none\n";
 }
 
-// Two hundred lines of which each would be waited for, one after the other, for a second.
-void WriteTwoHundredLines(StreamOutput& output) {
+// If each of the lines were waited for, one after the other, that would take minutes.
+constexpr int kMany = 2000;
+void WriteManyLines(StreamOutput& output) {
     const auto start = std::chrono::steady_clock::now();
-    for (int count = 0; count < 200; ++count) {
-        output.Write(125, "dropped");
+    for (int count = 0; count < kMany; ++count) {
+        output.Write(kInfoLevel, "dropped");
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(50));
 }
@@ -185,12 +187,12 @@ void WriteTwoHundredLines(StreamOutput& output) {
 TEST(StreamOutput, WaitsOnceForAReaderThatIsStuckAndSaysWhatThatCost) {
     for (const int flags : {0, O_NONBLOCK}) {
         const FullPipe pipe(flags);
-        StreamOutput output(pipe.writer.Get(), "lofter", kPlain);
-        WriteTwoHundredLines(output);
+        StreamOutput output(pipe.writer.Get(), "lofter", kPlain, kShortWait);
+        WriteManyLines(output);
         pipe.Drain();
-        output.Write(125, "awake");
-        output.Write(125, "again");
-        EXPECT_EQ(pipe.Drain(), Lost(200) + "info lofter: awake\ninfo lofter: again\n");
+        output.Write(kInfoLevel, "awake");
+        output.Write(kInfoLevel, "again");
+        EXPECT_EQ(pipe.Drain(), Lost(kMany) + "info lofter: awake\ninfo lofter: again\n");
         EXPECT_EQ(::fcntl(pipe.writer.Get(), F_GETFL) & O_NONBLOCK, flags);
     }
 }
@@ -200,10 +202,10 @@ TEST(StreamOutput, NamesStandardErrorWhereThatWasStuck) {
     ForkedChild child([&] {
         const FullPipe pipe;
         ::dup2(pipe.writer.Get(), STDERR_FILENO);
-        StreamOutput output(STDERR_FILENO, "lofter", kPlain);
-        output.Write(125, "dropped");
+        StreamOutput output(STDERR_FILENO, "lofter", kPlain, kShortWait);
+        output.Write(kInfoLevel, "dropped");
         pipe.Drain();
-        output.Write(125, "awake");
+        output.Write(kInfoLevel, "awake");
         const std::string last = pipe.Drain();
         return ::write(channel.Writer(), last.data(), last.size()) > 0 ? 0 : 1;
     });
@@ -215,15 +217,15 @@ TEST(StreamOutput, NamesStandardErrorWhereThatWasStuck) {
 TEST(StreamOutput, EndsALineThatWentOutInPartBeforeAnythingElse) {
     Channel channel(SOCK_STREAM);
     const int flags = ::fcntl(channel.Writer(), F_GETFL);
-    StreamOutput output(channel.Writer(), "lofter", kPlain);
-    output.Write(125, std::string(3'000'000, 'x'));
-    output.Write(125, "dropped");
+    StreamOutput output(channel.Writer(), "lofter", kPlain, kShortWait);
+    output.Write(kInfoLevel, std::string(3'000'000, 'x'));
+    output.Write(kInfoLevel, "dropped");
     std::string part;
     while (!channel.IsQuiet()) {
         part += channel.Read();
     }
     EXPECT_TRUE(part.starts_with("info lofter: xxx") && part.ends_with("xxx"));
-    output.Write(125, "awake");
+    output.Write(kInfoLevel, "awake");
     EXPECT_EQ(channel.ReadToEnd(), "\n" + Lost(2) + "info lofter: awake\n");
     EXPECT_EQ(flags & O_NONBLOCK, 0);
 }
@@ -246,7 +248,7 @@ TEST(StreamOutput, LosesNothingToAReaderThatIsOnlySlow) {
     StreamOutput output(channel.Writer(), "lofter", kPlain);
     std::string expected;
     for (int count = 0; count < 30; ++count) {
-        output.Write(125, "text");
+        output.Write(kInfoLevel, "text");
         expected += "info lofter: text\n";
     }
     ended = true;
@@ -282,19 +284,19 @@ struct TestTerminal {
 TEST(StreamOutput, WaitsOnceForATerminalThatWasStopped) {
     const TestTerminal terminal;
     ASSERT_EQ(::tcflow(terminal.slave.Get(), TCOOFF), 0);
-    StreamOutput output(terminal.slave.Get(), "lofter", kPlain);
-    WriteTwoHundredLines(output);
+    StreamOutput output(terminal.slave.Get(), "lofter", kPlain, kShortWait);
+    WriteManyLines(output);
     ASSERT_EQ(::tcflow(terminal.slave.Get(), TCOON), 0);
-    output.Write(125, "awake");
-    EXPECT_EQ(TestTerminal::Read(terminal.master), Lost(200) + "info lofter: awake\n");
+    output.Write(kInfoLevel, "awake");
+    EXPECT_EQ(TestTerminal::Read(terminal.master), Lost(kMany) + "info lofter: awake\n");
     EXPECT_EQ(::fcntl(terminal.slave.Get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST(StreamOutput, MakesNoOtherTerminalOfAPseudoTerminalsMaster) {
     const TestTerminal terminal;
     const std::set<int> before = OpenDescriptors();
-    StreamOutput output(terminal.master.Get(), "lofter", kPlain);
-    output.Write(125, "text");
+    StreamOutput output(terminal.master.Get(), "lofter", kPlain, kShortWait);
+    output.Write(kInfoLevel, "text");
     EXPECT_EQ(OpenDescriptors(), before);
     EXPECT_TRUE(WaitUntil([&, all = std::string()]() mutable {
         all += TestTerminal::Read(terminal.slave);
@@ -303,7 +305,7 @@ TEST(StreamOutput, MakesNoOtherTerminalOfAPseudoTerminalsMaster) {
     // Until nothing more goes in.
     const auto start = std::chrono::steady_clock::now();
     for (int count = 0; count < 3000; ++count) {
-        output.Write(125, "another line of some length, for a terminal that holds many of them");
+        output.Write(kInfoLevel, "another line of some length, for a terminal that holds many of them");
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(50));
 }
@@ -313,11 +315,11 @@ TEST(StreamOutput, WaitsOnceWhereNothingCanBeOpenedAgain) {
     EXPECT_EQ(lofter::test::InForkedChild([&] {
                   const FullPipe pipe(0);
                   lofter::test::EnterRoot(noProc.Path());
-                  StreamOutput output(pipe.writer.Get(), "lofter", kPlain);
-                  WriteTwoHundredLines(output);
+                  StreamOutput output(pipe.writer.Get(), "lofter", kPlain, kShortWait);
+                  WriteManyLines(output);
                   pipe.Drain();
                   const std::string text(6000, 'x');
-                  output.Write(125, text);
+                  output.Write(kInfoLevel, text);
                   const std::string last = pipe.Drain();
                   return last.ends_with("xxx\n") ? "in pieces" : last;
               }),
@@ -332,11 +334,11 @@ TEST(StreamOutput, FollowsADescriptorThatIsRedirected) {
         const FullPipe other(0);
         other.Drain();
         const posix::Descriptor target(::fcntl(full.writer.Get(), F_DUPFD_CLOEXEC, 3));
-        StreamOutput output(target.Get(), "lofter", kPlain);
-        output.Write(125, "dropped");
+        StreamOutput output(target.Get(), "lofter", kPlain, kShortWait);
+        output.Write(kInfoLevel, "dropped");
         for (const int next : {channel.Writer(), other.writer.Get()}) {
             ::dup3(next, target.Get(), O_CLOEXEC);
-            output.Write(125, "not the same");
+            output.Write(kInfoLevel, "not the same");
         }
         EXPECT_EQ(channel.Read(), "info lofter: not the same\n");
         EXPECT_EQ(other.Drain(), "info lofter: not the same\n");
@@ -347,7 +349,7 @@ TEST(StreamOutput, FollowsADescriptorThatIsRedirected) {
 // The descriptors that writing has added to those before.
 std::set<int> OpenedByWriting(StreamOutput& output, std::string_view text) {
     const std::set<int> before = OpenDescriptors();
-    output.Write(125, text);
+    output.Write(kInfoLevel, text);
     std::set<int> opened = OpenDescriptors();
     for (const int number : before) {
         opened.erase(number);
@@ -373,7 +375,7 @@ TEST(StreamOutput, OpensOnceMoreWhenWhatItOpenedFails) {
     ASSERT_EQ(opened.size(), 1U);
     // The same file, but one that takes nothing, as the description of a terminal that was hung up.
     ASSERT_EQ(::dup3(pipe.reader.Get(), *opened.begin(), O_CLOEXEC), *opened.begin());
-    output.Write(125, "after");
+    output.Write(kInfoLevel, "after");
     EXPECT_EQ(pipe.Drain(), "info lofter: before\ninfo lofter: after\n");
 }
 
@@ -382,7 +384,7 @@ TEST(StreamOutput, NeverTakesTheNumberOfAStandardStream) {
     pipe.Drain();
     ForkedChild child([&] {
         ::close_range(0, 2, 0);
-        StreamOutput(pipe.writer.Get(), "lofter", kPlain).Write(125, "child");
+        StreamOutput(pipe.writer.Get(), "lofter", kPlain).Write(kInfoLevel, "child");
         int open = 0;
         for (int number = 0; number < 3; ++number) {
             open += ::fcntl(number, F_GETFD) < 0 ? 0 : 1;
@@ -402,7 +404,7 @@ TEST(StreamOutput, LeavesADescriptorAloneThatHasTakenItsNumber) {
     ForkedChild child([&] {
         ::dup2(pipe.writer.Get(), target);
         StreamOutput output(target, "lofter", kPlain);
-        output.Write(125, "one");
+        output.Write(kInfoLevel, "one");
         const int highest = ::open("/dev/null", O_RDONLY);
         ::close_range(target + 1, ~0U, 0);
         for (int number = target + 1; number < highest; ++number) {
@@ -410,7 +412,7 @@ TEST(StreamOutput, LeavesADescriptorAloneThatHasTakenItsNumber) {
                 return 1;
             }
         }
-        output.Write(125, "two");
+        output.Write(kInfoLevel, "two");
         for (int number = target + 1; number < highest; ++number) {
             if (::fcntl(number, F_GETFD) < 0) {
                 return 2;
@@ -425,30 +427,30 @@ TEST(StreamOutput, LeavesADescriptorAloneThatHasTakenItsNumber) {
 
 TEST(StreamOutput, LetsOnlyTheProcessThatLostLinesSaySo) {
     const FullPipe pipe(0);
-    StreamOutput output(pipe.writer.Get(), "lofter", kPlain);
-    output.Write(125, "dropped");
+    StreamOutput output(pipe.writer.Get(), "lofter", kPlain, kShortWait);
+    output.Write(kInfoLevel, "dropped");
     pipe.Drain();
     ForkedChild child([&] {
         output.AfterFork();
-        output.Write(125, "child");
+        output.Write(kInfoLevel, "child");
         return 0;
     });
     EXPECT_EQ(child.Wait(), 0);
-    output.Write(125, "parent");
+    output.Write(kInfoLevel, "parent");
     EXPECT_EQ(pipe.Drain(), "info lofter: child\n" + Lost(1) + "info lofter: parent\n");
 }
 
 TEST(StreamOutput, SpellsControlCharactersOutInLinesOfAnyLength) {
     Channel channel(SOCK_STREAM);
     StreamOutput output(channel.Writer(), "lofter", kPlain);
-    output.Write(125, "a\x1b[2J\tb\nc\x9b");
+    output.Write(kInfoLevel, "a\x1b[2J\tb\nc\x9b");
     EXPECT_EQ(channel.Read(), "info lofter: a\\x1b[2J\tb\nc\\x9b\n");
     for (const std::size_t length : {1024U, 1025U, 10'000U}) {
         std::string spelledOut;
         for (std::size_t count = 0; count < length; ++count) {
             spelledOut += "\\x0d";
         }
-        output.Write(125, std::string(length, '\r'));
+        output.Write(kInfoLevel, std::string(length, '\r'));
         EXPECT_TRUE(channel.Read() == "info lofter: " + spelledOut + "\n") << length;
     }
 }
@@ -459,8 +461,8 @@ TEST(StreamOutput, NeedsNoMemoryAndLosesNoMoreThanTheEndOfALongLineWithout) {
     const std::string longText(1500, '\r');
     {
         const lofter::test::FailingCall noMemory(lofter::test::Call::OperatorNew, 0);
-        output.Write(125, "\r\r");
-        output.Write(125, longText);
+        output.Write(kInfoLevel, "\r\r");
+        output.Write(kInfoLevel, longText);
     }
     EXPECT_EQ(channel.Read(), "info lofter: \\x0d\\x0d\n");
     const std::string shortened = channel.Read();

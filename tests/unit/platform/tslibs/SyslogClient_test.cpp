@@ -190,10 +190,10 @@ TEST_F(SyslogClientTest, WaitsOnceForAStreamDaemonThatAcceptsNobody) {
     std::vector<std::unique_ptr<SyslogClient>> clients;
     const auto start = std::chrono::steady_clock::now();
     for (int count = 0; count < 4; ++count) {  // fill the queue of connections
-        clients.push_back(std::make_unique<SyslogClient>(path));
+        clients.push_back(std::make_unique<SyslogClient>(path, std::chrono::milliseconds(20)));
         clients.back()->Send("", "queued");
     }
-    for (int count = 0; count < 100; ++count) {
+    for (int count = 0; count < 200; ++count) {
         client.Send("", "dropped");
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
