@@ -364,6 +364,23 @@ std::vector<Cycle> FindCycles(const Boot& boot) {
     return cycles;
 }
 
+std::vector<Knot> FindKnots(const Boot& boot) {
+    const LinkGraph graph(boot);
+    std::vector<Knot> knots;
+    for (Part part : PartSearch(graph).parts) {
+        std::sort(part.begin(), part.end());
+        Knot& knot = knots.emplace_back();
+        for (const Node node : part) {
+            if (graph.IsPlugin(node)) {
+                knot.plugins.push_back(node);
+            } else {
+                knot.barriers.push_back(graph.BarrierOf(node));
+            }
+        }
+    }
+    return knots;
+}
+
 std::string ShownCycle(const Boot& boot, const Cycle& cycle) {
     std::string text;
     for (const CycleStep& step : cycle) {

@@ -19,6 +19,15 @@ using Cycle = std::vector<CycleStep>;
 // its smallest name. Cycles are in the order of their first names.
 std::vector<Cycle> FindCycles(const Boot& boot);
 
+// A strongly connected part: plugins of which each waits for every other one for ever, and the barriers between them.
+struct Knot {
+    std::vector<PluginIndex> plugins;
+    std::vector<BarrierIndex> barriers;
+};
+
+// Of what runs, each in ascending order. Whatever is on a loop is in exactly one of them.
+std::vector<Knot> FindKnots(const Boot& boot);
+
 // "a -[net]-> b -[disk]-> a"
 std::string ShownCycle(const Boot& boot, const Cycle& cycle);
 

@@ -231,5 +231,40 @@ TEST(Cycles, OfRandomGraphsAreThoseThatLookingAtEveryLoopFinds) {
     EXPECT_GT(withCycles, 500);
 }
 
+std::string KnotsOf(const Boot& boot) {
+    std::string text;
+    for (const Knot& knot : FindKnots(boot)) {
+        text += test::Names(boot, knot.plugins) + ':';
+        for (const BarrierIndex barrier : knot.barriers) {
+            text += ' ' + boot.barriers[barrier].name;
+        }
+        text += '\n';
+    }
+    return text;
+}
+
+TEST(Knots, HoldWhateverIsOnALoop) {
+    EXPECT_EQ(KnotsOf(BootOf("a: requires z provides ab\n"
+                             "b: requires ab cb provides bc\n"
+                             "c: requires bc provides cb cz\n"
+                             "d: requires cz provides z\n"
+                             "behind: requires cz provides more")),
+              "a b c d: ab bc cb cz z\n");
+}
+
+TEST(Knots, AreApartWhenNoWayLeadsBack) {
+    const Boot boot = BootOf(
+        "a: requires ba provides ab\n"
+        "b: requires ab provides ba bs\n"
+        "s: requires bs s provides s");
+    EXPECT_EQ(FindKnots(boot).size(), 2U);
+    EXPECT_NE(KnotsOf(boot).find("a b: ab ba\n"), std::string::npos);
+    EXPECT_NE(KnotsOf(boot).find("s: s\n"), std::string::npos);
+}
+
+TEST(Knots, AreNotWhereAPluginIsKeptOut) {
+    EXPECT_EQ(KnotsOf(BootOf("a: requires y provides x\nb: requires x provides y out")), "");
+}
+
 }  // namespace
 }  // namespace lofter::analyze
