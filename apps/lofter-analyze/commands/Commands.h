@@ -25,4 +25,7 @@ using Command = std::function<int(const Question&)>;
 // Throws UsageError unless the answer is wanted in one of these forms.
 void RequireFormat(const Question& question, const std::string& command, std::initializer_list<Format> formats);
 
+Command DeclareChart(CLI::App& part);
+Command DeclareDot(CLI::App& part);
+
 }  // namespace lofter::analyze
