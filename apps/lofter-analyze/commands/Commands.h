@@ -4,7 +4,9 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <ostream>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
@@ -19,5 +21,8 @@ struct Question {
 };
 
 using Command = std::function<int(const Question&)>;
+
+// Throws UsageError unless the answer is wanted in one of these forms.
+void RequireFormat(const Question& question, const std::string& command, std::initializer_list<Format> formats);
 
 }  // namespace lofter::analyze
