@@ -10,15 +10,15 @@
 
 namespace posix {
 
-std::vector<std::string> FileNames(const std::string& path) {
-    struct Close {
-        void operator()(DIR* directory) const { ::closedir(directory); }
-    };
-    std::unique_ptr<DIR, Close> directory;
-    do {
-        errno = 0;
-        directory.reset(::opendir(path.c_str()));
-    } while (directory == nullptr && errno == EINTR);
+namespace {
+
+struct Close {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+using OpenDirectory = std::unique_ptr<DIR, Close>;
+
+// Of nothing when the directory could not be opened, for a reason that is in errno.
+std::vector<std::string> NamesIn(const OpenDirectory& directory, const std::string& path) {
     std::vector<std::string> names;
     while (directory != nullptr) {
         errno = 0;  // also what succeeds may leave something there, and only this tells the end from a failure
@@ -36,6 +36,26 @@ std::vector<std::string> FileNames(const std::string& path) {
                                                 std::error_code(errno, std::generic_category()));
     }
     return names;
+}
+
+}  // namespace
+
+std::vector<std::string> FileNames(const std::string& path) {
+    OpenDirectory directory;
+    do {
+        errno = 0;
+        directory.reset(::opendir(path.c_str()));
+    } while (directory == nullptr && errno == EINTR);
+    return NamesIn(directory, path);
+}
+
+std::vector<std::string> FileNames(Descriptor directory, const std::string& path) {
+    errno = 0;
+    const OpenDirectory opened(::fdopendir(directory.Get()));
+    if (opened != nullptr) {
+        static_cast<void>(directory.Release());  // closed with the stream
+    }
+    return NamesIn(opened, path);
 }
 
 }  // namespace posix

@@ -1,5 +1,8 @@
 #include "plugins/description/JsonFile.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <set>
 #include <vector>
 
@@ -31,15 +34,77 @@ class KeyWatch : public Json::json_sax_t {
         open.emplace_back();
         return true;
     }
-    bool key(std::string& name) override { return open.back().insert(std::move(name)).second; }
+    bool key(std::string& name) override {
+        if (open.back().insert(name).second) {
+            return true;
+        }
+        repeated = std::move(name);
+        return false;
+    }
     bool end_object() override {
         open.pop_back();
         return true;
     }
-    bool parse_error(std::size_t, const std::string&, const Json::exception&) override { return false; }
+    bool parse_error(std::size_t bytesRead, const std::string&, const Json::exception&) override {
+        errorBehind = bytesRead;
+        return false;
+    }
+
+    // Why it did not take the text: a key that is there twice, or else so many bytes that are no beginning of one.
+    const std::optional<std::string>& Repeated() const { return repeated; }
+    std::size_t ErrorBehind() const { return errorBehind; }
 
   private:
+    std::optional<std::string> repeated;
+    std::size_t errorBehind = 0;
     std::vector<std::set<std::string>> open;  // the keys so far of every object around
+};
+
+// Twice over the text: a callback that watched the parse would make the reader look at all earlier members of an object
+// again whenever one of them ends.
+constexpr bool kWhole = true;
+constexpr bool kThrowing = false;
+constexpr bool kComments = true;
+
+// Where the string starts whose last quote stands there.
+std::size_t StartOfString(const std::string& text, std::size_t lastQuote) {
+    std::size_t start = lastQuote;
+    bool isEscaped = true;
+    while (isEscaped && start > 0) {
+        start = text.rfind('"', start - 1);
+        const std::size_t before = start == 0 ? std::string::npos : text.find_last_not_of('\\', start - 1);
+        isEscaped = (start - (before + 1)) % 2 != 0;
+    }
+    return start;
+}
+
+// The bytes of a text, counted as they are taken.
+class CountedText {
+  public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    CountedText(const char* first, std::size_t* taken) : next(first), count(taken) {}
+    reference operator*() const { return *next; }
+    CountedText& operator++() {
+        ++next;
+        ++*count;
+        return *this;
+    }
+    CountedText operator++(int) {
+        CountedText before = *this;
+        ++*this;
+        return before;
+    }
+    bool operator==(const CountedText& other) const { return next == other.next; }
+    bool operator!=(const CountedText& other) const { return next != other.next; }
+
+  private:
+    const char* next;
+    std::size_t* count;
 };
 
 }  // namespace
@@ -58,16 +123,31 @@ Json ParseJson(const std::string& text) {
     if (text.starts_with(kByteOrderMark) || text.find('\0') != std::string::npos) {
         return Json(Json::value_t::discarded);
     }
-    // Twice over the text: a callback that watched the parse would make the reader look at all earlier members of an
-    // object again whenever one of them ends.
-    constexpr bool whole = true;
-    constexpr bool throwing = false;
-    constexpr bool comments = true;
     KeyWatch keys;
-    if (!Json::sax_parse(text, &keys, Json::input_format_t::json, whole, comments)) {
+    if (!Json::sax_parse(text, &keys, Json::input_format_t::json, kWhole, kComments)) {
         return Json(Json::value_t::discarded);
     }
-    return Json::parse(text, nullptr, throwing, comments);
+    return Json::parse(text, nullptr, kThrowing, kComments);
+}
+
+std::optional<JsonFault> FindJsonFault(const std::string& text) {
+    if (text.starts_with(kByteOrderMark)) {
+        return JsonFault{0, "a byte order mark"};
+    }
+    if (const std::size_t zero = text.find('\0'); zero != std::string::npos) {
+        return JsonFault{zero, "a NUL byte"};
+    }
+    KeyWatch keys;
+    std::size_t taken = 0;
+    const CountedText begin(text.data(), &taken);
+    const CountedText end(text.data() + text.size(), &taken);
+    if (Json::sax_parse(begin, end, &keys, Json::input_format_t::json, kWhole, kComments)) {
+        return std::nullopt;
+    }
+    if (keys.Repeated()) {
+        return JsonFault{StartOfString(text, taken - 1), "the member \"" + *keys.Repeated() + "\" a second time"};
+    }
+    return JsonFault{std::min(std::max<std::size_t>(keys.ErrorBehind(), 1) - 1, text.size()), "not valid JSON"};
 }
 
 }  // namespace lofter

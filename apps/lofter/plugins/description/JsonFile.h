@@ -1,6 +1,7 @@
 // The bytes of a JSON file and the document in them. Comments are allowed, of both forms.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -16,5 +17,14 @@ std::optional<std::string> ReadFileContent(const std::string& path);
 // mark, a NUL byte and an object that has the same key twice are not valid either. Numbers are floating point to the
 // caller. The time it takes grows with the text's length, however many members there are and however deep they nest.
 nlohmann::json ParseJson(const std::string& text);
+
+// Why that is no document, and the byte, counted from 0, up to which it could have been one.
+struct JsonFault {
+    std::size_t byte;
+    std::string text;
+};
+
+// Nothing for a text that is valid.
+std::optional<JsonFault> FindJsonFault(const std::string& text);
 
 }  // namespace lofter
