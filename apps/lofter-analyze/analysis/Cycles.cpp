@@ -6,123 +6,13 @@
 #include <tuple>
 #include <utility>
 
+#include "analysis/LinkGraph.h"
+
 namespace lofter::analyze {
 
 namespace {
 
-// Plugins and barriers as the nodes of one graph without repeated links: plugins keep their indices, barriers follow.
-// That keeps a barrier of a thousand providers and a thousand requirers at two thousand links.
-class LinkGraph {
-  public:
-    using Node = std::size_t;
-    using Links = std::vector<std::vector<Node>>;
-
-    explicit LinkGraph(const Boot& boot)
-        : pluginCount(boot.plugins.size()), followers(pluginCount + boot.barriers.size()), leaders(followers.size()) {
-        for (BarrierIndex barrier = 0; barrier < boot.barriers.size(); ++barrier) {
-            for (const PluginIndex provider : boot.barriers[barrier].providers) {
-                Link(boot, provider, provider, NodeOf(barrier));
-            }
-            for (const PluginIndex requirer : boot.barriers[barrier].requirers) {
-                Link(boot, requirer, NodeOf(barrier), requirer);
-            }
-        }
-    }
-
-    std::size_t Size() const { return followers.size(); }
-    bool IsPlugin(Node node) const { return node < pluginCount; }
-    Node NodeOf(BarrierIndex barrier) const { return pluginCount + barrier; }
-    BarrierIndex BarrierOf(Node node) const { return node - pluginCount; }
-
-    const Links& Followers() const { return followers; }
-    const Links& Leaders() const { return leaders; }
-
-  private:
-    void Link(const Boot& boot, PluginIndex plugin, Node from, Node to) {
-        if (boot.plugins[plugin].Runs()) {
-            followers[from].push_back(to);
-            leaders[to].push_back(from);
-        }
-    }
-
-    std::size_t pluginCount;
-    Links followers;
-    Links leaders;
-};
-
 using Node = LinkGraph::Node;
-using Part = std::vector<Node>;
-
-// The strongly connected parts of more than one node, by Tarjan's algorithm; its path is kept here, not on the stack.
-class PartSearch {
-  public:
-    explicit PartSearch(const LinkGraph& linkGraph)
-        : links(linkGraph.Followers()), order(linkGraph.Size(), 0), lowest(linkGraph.Size(), 0) {
-        for (Node node = 0; node < links.size(); ++node) {
-            if (order[node] == 0) {
-                WalkFrom(node);
-            }
-        }
-    }
-
-    std::vector<Part> parts;
-
-  private:
-    struct Visit {
-        Node node;
-        std::size_t nextLink;
-    };
-    static constexpr std::size_t kClosed = std::numeric_limits<std::size_t>::max();
-
-    void Enter(Node node) {
-        order[node] = lowest[node] = ++entered;
-        open.push_back(node);
-        path.push_back({node, 0});
-    }
-
-    void WalkFrom(Node first) {
-        Enter(first);
-        while (!path.empty()) {
-            Visit& visit = path.back();
-            const Node node = visit.node;
-            if (visit.nextLink < links[node].size()) {
-                const Node follower = links[node][visit.nextLink++];
-                if (order[follower] == 0) {
-                    Enter(follower);
-                } else if (order[follower] != kClosed) {
-                    lowest[node] = std::min(lowest[node], order[follower]);
-                }
-                continue;
-            }
-            path.pop_back();
-            if (!path.empty()) {
-                lowest[path.back().node] = std::min(lowest[path.back().node], lowest[node]);
-            }
-            if (lowest[node] == order[node]) {
-                Close(node);
-            }
-        }
-    }
-
-    void Close(Node first) {
-        Part part;
-        do {
-            part.push_back(open.back());
-            order[open.back()] = kClosed;
-            open.pop_back();
-        } while (part.back() != first);
-        if (part.size() > 1) {
-            parts.push_back(std::move(part));
-        }
-    }
-
-    const LinkGraph::Links& links;
-    std::vector<std::size_t> order;  // in which nodes were entered, from 1; 0 before that
-    std::vector<std::size_t> lowest;
-    std::vector<Node> open;
-    std::vector<Visit> path;
-    std::size_t entered = 0;
-};
 
 // Finds the shortest loop of one part after the other. A loop counts for the smallest name in it, so plugins are looked
 // at in the order of their names, those of one name together, and are gone when the next name's turn comes. Whatever
@@ -353,8 +243,10 @@ std::vector<Cycle> FindCycles(const Boot& boot) {
     const LinkGraph graph(boot);
     LoopSearch loops(boot, graph);
     std::vector<Cycle> cycles;
-    for (const Part& part : PartSearch(graph).parts) {
-        cycles.push_back(loops.LeastLoopOf(part));
+    for (const Part& part : FindParts(graph)) {
+        if (part.size() > 1) {
+            cycles.push_back(loops.LeastLoopOf(part));
+        }
     }
     const auto nameOf = [&](const Cycle& cycle) {
         return std::tie(boot.plugins[cycle.front().plugin].Name(), cycle.front().plugin);

@@ -1,0 +1,260 @@
+#include "analysis/Standstill.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <iterator>
+#include <optional>
+#include <utility>
+
+#include "analysis/LinkGraph.h"
+
+namespace lofter::analyze {
+
+namespace {
+
+using Node = LinkGraph::Node;
+
+// What is not over yet: what is over counts as kept out, and what runs waits for nothing any more.
+Boot RestOf(Boot boot, const std::vector<Progress>& progress) {
+    for (PluginIndex plugin = 0; plugin < boot.plugins.size(); ++plugin) {
+        if (progress[plugin] == Progress::Over && boot.plugins[plugin].Runs()) {
+            boot.plugins[plugin].keptOutBy = "it is over";
+        }
+    }
+    for (BootBarrier& barrier : boot.barriers) {
+        std::erase_if(barrier.requirers, [&](PluginIndex plugin) { return progress[plugin] == Progress::Running; });
+    }
+    return boot;
+}
+
+// The rest of a boot, with its parts: whoever waits behind one member of a part waits behind all of them.
+class Rest {
+  public:
+    Rest(const Boot& boot, const std::vector<Progress>& itsProgress)
+        : rest(RestOf(boot, itsProgress)),
+          progress(itsProgress),
+          graph(rest),
+          parts(FindParts(graph)),
+          partOf(graph.Size()) {
+        for (std::size_t part = 0; part < parts.size(); ++part) {
+            for (const Node node : parts[part]) {
+                partOf[node] = part;
+            }
+        }
+    }
+
+    const Boot& Plugins() const { return rest; }
+    bool IsRunning(PluginIndex plugin) const { return IsLeft(plugin) && progress[plugin] == Progress::Running; }
+    bool HasToBegin(PluginIndex plugin) const { return IsLeft(plugin) && progress[plugin] == Progress::NotBegun; }
+
+    // Each behind those that follow it.
+    const std::vector<Part>& Parts() const { return parts; }
+    std::size_t PartOf(PluginIndex plugin) const { return partOf[plugin]; }
+
+    template <typename Action>
+    void ForEachPluginToBegin(const Part& part, const Action& action) const {
+        for (const Node node : part) {
+            if (graph.IsPlugin(node) && HasToBegin(node)) {
+                action(node);
+            }
+        }
+    }
+
+    // Calls with the parts behind it, some of them more than once.
+    template <typename Action>
+    void ForEachFollower(std::size_t part, const Action& action) const {
+        for (const Node node : parts[part]) {
+            for (const Node follower : graph.Followers()[node]) {
+                if (partOf[follower] != part) {
+                    action(partOf[follower]);
+                }
+            }
+        }
+    }
+
+    bool IsOpen(BarrierIndex barrier) const { return graph.Leaders()[graph.NodeOf(barrier)].empty(); }
+
+  private:
+    bool IsLeft(PluginIndex plugin) const { return rest.plugins[plugin].Runs(); }
+
+    Boot rest;
+    const std::vector<Progress>& progress;
+    LinkGraph graph;
+    std::vector<Part> parts;
+    std::vector<std::size_t> partOf;
+};
+
+// How many plugins wait in and behind each part. A set of plugins for every part would be too much for large boots, so
+// some plugins are looked for at a time.
+class WaiterCount {
+  public:
+    WaiterCount(const Rest& theRest, std::size_t pluginCount)
+        : rest(theRest), counts(rest.Parts().size()), sets(rest.Parts().size()) {
+        for (PluginIndex first = 0; first < pluginCount; first += kAtOnce) {
+            for (std::size_t part = 0; part < sets.size(); ++part) {
+                Fill(part, first);
+            }
+        }
+    }
+
+    std::size_t HeldUpBy(PluginIndex plugin) const {
+        return counts[rest.PartOf(plugin)] - (rest.HasToBegin(plugin) ? 1 : 0);
+    }
+
+  private:
+    static constexpr std::size_t kWordBits = 64;
+    static constexpr std::size_t kWords = 16;
+    static constexpr std::size_t kAtOnce = kWords * kWordBits;
+    using Set = std::array<std::uint64_t, kWords>;
+
+    void Fill(std::size_t part, PluginIndex first) {
+        Set set{};
+        rest.ForEachPluginToBegin(rest.Parts()[part], [&](PluginIndex plugin) {
+            if (plugin >= first && plugin - first < kAtOnce) {
+                set[(plugin - first) / kWordBits] |= std::uint64_t{1} << ((plugin - first) % kWordBits);
+            }
+        });
+        rest.ForEachFollower(part, [&](std::size_t follower) {
+            for (std::size_t word = 0; word < kWords; ++word) {
+                set[word] |= sets[follower][word];
+            }
+        });
+        for (const std::uint64_t word : set) {
+            counts[part] += static_cast<std::size_t>(std::popcount(word));
+        }
+        sets[part] = set;
+    }
+
+    const Rest& rest;
+    std::vector<std::size_t> counts;
+    std::vector<Set> sets;
+};
+
+constexpr std::size_t kMostHolders = 100;
+
+// What is at the root of the waits in each part, by rank: what runs, then cycles. Only the lowest ranks are kept.
+class RootSearch {
+  public:
+    using Ranks = std::vector<std::size_t>;  // ascending
+
+    RootSearch(const Rest& theRest, const Standstill& standstill) : rest(theRest), ranks(rest.Parts().size()) {
+        std::size_t rank = 0;
+        for (const Standstill::Holder& holder : standstill.running) {
+            ranks[rest.PartOf(holder.plugin)] = {rank++};
+        }
+        for (const Standstill::Loop& loop : standstill.loops) {
+            ranks[rest.PartOf(loop.cycle.front().plugin)] = {rank++};
+        }
+        for (std::size_t part = ranks.size(); part-- > 0;) {
+            rest.ForEachFollower(part, [&](std::size_t follower) { Add(ranks[follower], ranks[part]); });
+        }
+    }
+
+    const Ranks& Of(PluginIndex plugin) const { return ranks[rest.PartOf(plugin)]; }
+
+  private:
+    static void Add(Ranks& to, const Ranks& from) {
+        if (from.empty() || to == from) {
+            return;
+        }
+        Ranks both;
+        std::set_union(to.begin(), to.end(), from.begin(), from.end(), std::back_inserter(both));
+        both.resize(std::min(both.size(), kMostHolders));
+        to = std::move(both);
+    }
+
+    const Rest& rest;
+    std::vector<Ranks> ranks;
+};
+
+std::vector<PluginIndex> PluginsOf(const RootSearch::Ranks& ranks, const Standstill& standstill) {
+    std::vector<PluginIndex> plugins;
+    for (const std::size_t rank : ranks) {
+        if (rank < standstill.running.size()) {
+            plugins.push_back(standstill.running[rank].plugin);
+            continue;
+        }
+        for (const CycleStep& step : standstill.loops[rank - standstill.running.size()].cycle) {
+            if (plugins.size() < kMostHolders) {
+                plugins.push_back(step.plugin);
+            }
+        }
+    }
+    return plugins;
+}
+
+std::vector<BarrierIndex> ClosedBarriers(const BootPlugin& plugin, const Rest& rest) {
+    std::vector<BarrierIndex> closed;
+    for (const BarrierIndex barrier : plugin.requiredBarriers) {
+        if (!rest.IsOpen(barrier) && std::find(closed.begin(), closed.end(), barrier) == closed.end()) {
+            closed.push_back(barrier);
+        }
+    }
+    return closed;
+}
+
+template <typename Item>
+void SortByWeight(std::vector<Item>& items) {
+    std::stable_sort(items.begin(), items.end(),
+                     [](const Item& left, const Item& right) { return left.holdsUp > right.holdsUp; });
+}
+
+}  // namespace
+
+std::vector<Progress> WithWhatMustBeOver(const Boot& boot, std::vector<Progress> progress) {
+    std::vector<PluginIndex> begun;
+    for (PluginIndex plugin = 0; plugin < boot.plugins.size(); ++plugin) {
+        if (boot.plugins[plugin].Runs() && progress[plugin] != Progress::NotBegun) {
+            begun.push_back(plugin);
+        }
+    }
+    std::vector<bool> isOpen(boot.barriers.size());
+    while (!begun.empty()) {
+        const PluginIndex plugin = begun.back();
+        begun.pop_back();
+        for (const BarrierIndex barrier : boot.plugins[plugin].requiredBarriers) {
+            if (isOpen[barrier]) {
+                continue;
+            }
+            isOpen[barrier] = true;
+            for (const PluginIndex provider : boot.barriers[barrier].providers) {
+                if (std::exchange(progress[provider], Progress::Over) == Progress::NotBegun) {
+                    begun.push_back(provider);
+                }
+            }
+        }
+    }
+    return progress;
+}
+
+Standstill FindStandstill(const Boot& boot, const std::vector<Progress>& progress) {
+    const Rest rest(boot, progress);
+    const WaiterCount waiters(rest, boot.plugins.size());
+
+    Standstill standstill;
+    for (PluginIndex plugin = 0; plugin < boot.plugins.size(); ++plugin) {
+        if (rest.IsRunning(plugin)) {
+            standstill.running.push_back({plugin, waiters.HeldUpBy(plugin)});
+        }
+    }
+    for (Cycle& cycle : FindCycles(rest.Plugins())) {
+        const std::size_t holdsUp = waiters.HeldUpBy(cycle.front().plugin) + 1 - cycle.size();
+        standstill.loops.push_back({std::move(cycle), holdsUp});
+    }
+    SortByWeight(standstill.running);
+    SortByWeight(standstill.loops);
+
+    const RootSearch roots(rest, standstill);
+    for (PluginIndex plugin = 0; plugin < boot.plugins.size(); ++plugin) {
+        if (rest.HasToBegin(plugin) && !roots.Of(plugin).empty()) {
+            standstill.waiting.push_back({plugin, ClosedBarriers(boot.plugins[plugin], rest),
+                                          PluginsOf(roots.Of(plugin), standstill), waiters.HeldUpBy(plugin)});
+        }
+    }
+    SortByWeight(standstill.waiting);
+    return standstill;
+}
+
+}  // namespace lofter::analyze
