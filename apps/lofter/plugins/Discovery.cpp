@@ -204,16 +204,14 @@ void Discovery::ApplyRunOnceRule(Plugin& plugin) {
     runOnce.insert(RecordedKey(key));
 }
 
-bool LoadContained(const std::string& fileName, const std::function<void()>& load) {
+void LoadContained(const std::string& fileName, const std::function<void()>& load) {
     try {
         load();
-        return true;
     } catch (const std::exception& e) {
         Log_Level(kWarning, "exception occurred whilst loading plugin %s: %s\n", fileName.c_str(), e.what());
     } catch (...) {
         Log_Level(kWarning, "unknown exception occurred whilst loading plugin %s\n", fileName.c_str());
     }
-    return false;
 }
 
 }  // namespace lofter

@@ -68,7 +68,7 @@ class Discovery {
     std::string currentFile;
 };
 
-// Runs `load`, which makes what the file describes. Whatever it throws is logged, and false is returned.
-bool LoadContained(const std::string& fileName, const std::function<void()>& load);
+// Runs `load`, which makes what the file describes. Whatever it throws is logged.
+void LoadContained(const std::string& fileName, const std::function<void()>& load);
 
 }  // namespace lofter

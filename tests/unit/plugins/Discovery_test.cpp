@@ -166,9 +166,9 @@ TEST_F(DiscoveryTest, ReportsADebugFileThatTheSystemHasNoRoomForAndGoesOn) {
 }
 
 TEST_F(DiscoveryTest, ReportsWhateverIsThrownWhileAFileIsLoaded) {
-    EXPECT_TRUE(LoadContained("good.so", [] {}));
-    EXPECT_FALSE(LoadContained("100%s.so", [] { throw std::runtime_error("50%n"); }));
-    EXPECT_FALSE(LoadContained("100%s.so", [] { throw 7; }));  // NOLINT: anything may be thrown
+    LoadContained("good.so", [] {});
+    LoadContained("100%s.so", [] { throw std::runtime_error("50%n"); });
+    LoadContained("100%s.so", [] { throw 7; });  // NOLINT: anything may be thrown
     EXPECT_EQ(log.Entries(), (Entries{{kWarning, "exception occurred whilst loading plugin 100%s.so: 50%n"},
                                       {kWarning, "unknown exception occurred whilst loading plugin 100%s.so"}}));
 }
