@@ -259,7 +259,10 @@ std::vector<Cycle> FindCycles(const Boot& boot) {
 std::vector<Knot> FindKnots(const Boot& boot) {
     const LinkGraph graph(boot);
     std::vector<Knot> knots;
-    for (Part part : PartSearch(graph).parts) {
+    for (Part part : FindParts(graph)) {
+        if (part.size() == 1) {
+            continue;
+        }
         std::sort(part.begin(), part.end());
         Knot& knot = knots.emplace_back();
         for (const Node node : part) {
