@@ -260,6 +260,9 @@ std::vector<Knot> FindKnots(const Boot& boot) {
     const LinkGraph graph(boot);
     std::vector<Knot> knots;
     for (Part part : FindParts(graph)) {
+        if (part.size() == 1) {
+            continue;
+        }
         std::sort(part.begin(), part.end());
         Knot& knot = knots.emplace_back();
         for (const Node node : part) {

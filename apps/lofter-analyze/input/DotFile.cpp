@@ -116,7 +116,7 @@ class DotReader {
             return made[found->second];
         }
         BootPlugin& plugin = AddPlugin(identifier, std::to_string(identifier), {file, line, 0});
-        plugin.keptOutBy = "it was kept out when the graph was dumped";
+        plugin.keptOutBy = "kept out when the graph was dumped";
         return plugin;
     }
 
