@@ -21,7 +21,10 @@ struct CommandEntry {
 };
 
 // In the order in which the usage text lists them. The first is the one that runs when none is named.
-const std::vector<CommandEntry> kCommands{};
+const std::vector<CommandEntry> kCommands{
+    {"chart", "the boot as a picture, or for a trace viewer", DeclareChart},
+    {"dot", "the graph for people, as a Graphviz file", DeclareDot},
+};
 
 int Fail(const std::exception& e, ExitStatus status) {
     std::cerr << "lofter-analyze: " << e.what() << '\n';

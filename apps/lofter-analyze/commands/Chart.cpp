@@ -42,8 +42,8 @@ int Run(const Question& question, const std::string& path) {
     const Writer write = WriterFor(path);
     const Boot boot = ReadBoot(question.options.input, std::cerr);
     if (!LastToEnd(boot)) {
-        throw NoAnswerError(boot.run ? "chart: no plugin ran in the boot of this log"
-                                     : "chart: there is no profiling log");
+        throw NoAnswerError(boot.run ? "chart: no plugin ran in this boot"
+                                     : "chart: there is no profiling log of this boot");
     }
     std::ostringstream content;
     write(boot, FindCourse(boot), content);

@@ -1,6 +1,7 @@
 #include "report/Dot.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -60,7 +61,7 @@ class Drawing {
     void Write();
 
   private:
-    using Part = std::optional<std::size_t>;  // of those that are strongly connected
+    using Loop = std::optional<std::size_t>;  // which of the knots
 
     bool IsOnLoop(PluginIndex plugin, BarrierIndex barrier) const {
         return loopOfPlugin[plugin] && loopOfPlugin[plugin] == loopOfBarrier[barrier];
@@ -72,9 +73,12 @@ class Drawing {
     bool IsFolded(BarrierIndex barrier) const;
     bool IsBarrierDrawn(BarrierIndex barrier) const;
 
+    void FindLoops();
     void NameNodes();
     void WritePlugin(PluginIndex index);
     void WriteBarrier(BarrierIndex index);
+    // The plugins on a barrier's side whose links are drawn, by name.
+    std::vector<PluginIndex> Linked(const std::vector<PluginIndex>& side, BarrierIndex barrier) const;
     void WriteLinksOf(BarrierIndex index);
     void WriteFoldedLinksFrom(PluginIndex provider);
     void WriteLegend();
@@ -84,9 +88,10 @@ class Drawing {
     const DotView& view;
     std::ostream& output;
     PluginSet isDrawn;
-    std::vector<Part> loopOfPlugin;
-    std::vector<Part> loopOfBarrier;
+    std::vector<Loop> loopOfPlugin;
+    std::vector<Loop> loopOfBarrier;
     std::vector<PluginIndex> plugins;  // those that are drawn, by name
+    std::vector<std::size_t> placeOf;  // of a plugin among them
     std::vector<std::string> pluginNodes;
     std::vector<std::string> barrierNodes;  // empty for those that are not drawn
     bool hasMissing = false;
@@ -100,16 +105,9 @@ Drawing::Drawing(const Boot& drawn, const DotView& itsView, std::ostream& stream
       output(stream),
       isDrawn(view.plugins),
       loopOfPlugin(boot.plugins.size()),
-      loopOfBarrier(boot.barriers.size()) {
-    const std::vector<Knot> knots = FindKnots(boot);
-    for (std::size_t part = 0; part < knots.size(); ++part) {
-        for (const PluginIndex plugin : knots[part].plugins) {
-            loopOfPlugin[plugin] = part;
-        }
-        for (const BarrierIndex barrier : knots[part].barriers) {
-            loopOfBarrier[barrier] = part;
-        }
-    }
+      loopOfBarrier(boot.barriers.size()),
+      placeOf(boot.plugins.size()) {
+    FindLoops();
     for (PluginIndex plugin = 0; plugin < boot.plugins.size(); ++plugin) {
         isDrawn[plugin] = isDrawn[plugin] && (!view.isLoopsOnly || loopOfPlugin[plugin]);
         if (isDrawn[plugin]) {
@@ -119,6 +117,9 @@ Drawing::Drawing(const Boot& drawn, const DotView& itsView, std::ostream& stream
     std::stable_sort(plugins.begin(), plugins.end(), [this](PluginIndex left, PluginIndex right) {
         return boot.plugins[left].Name() < boot.plugins[right].Name();
     });
+    for (std::size_t place = 0; place < plugins.size(); ++place) {
+        placeOf[plugins[place]] = place;
+    }
     NameNodes();
 }
 
@@ -136,6 +137,18 @@ bool Drawing::IsBarrierDrawn(BarrierIndex barrier) const {
         });
     };
     return !IsFolded(barrier) && isTied(boot.barriers[barrier].providers) && isTied(boot.barriers[barrier].requirers);
+}
+
+void Drawing::FindLoops() {
+    const std::vector<Knot> knots = FindKnots(boot);
+    for (std::size_t knot = 0; knot < knots.size(); ++knot) {
+        for (const PluginIndex plugin : knots[knot].plugins) {
+            loopOfPlugin[plugin] = knot;
+        }
+        for (const BarrierIndex barrier : knots[knot].barriers) {
+            loopOfBarrier[barrier] = knot;
+        }
+    }
 }
 
 void Drawing::NameNodes() {
@@ -189,17 +202,24 @@ void Drawing::WriteBarrier(BarrierIndex index) {
     output << "];\n";
 }
 
+std::vector<PluginIndex> Drawing::Linked(const std::vector<PluginIndex>& side, BarrierIndex barrier) const {
+    std::vector<PluginIndex> linked;
+    std::copy_if(side.begin(), side.end(), std::back_inserter(linked),
+                 [&](PluginIndex plugin) { return IsLinkDrawn(plugin, barrier); });
+    std::sort(linked.begin(), linked.end(),
+              [this](PluginIndex left, PluginIndex right) { return placeOf[left] < placeOf[right]; });
+    return linked;
+}
+
 void Drawing::WriteLinksOf(BarrierIndex index) {
     const auto write = [&](PluginIndex plugin, const std::string& from, const std::string& to) {
-        if (IsLinkDrawn(plugin, index)) {
-            output << "  " << from << " -> " << to;
-            output << (IsOnLoop(plugin, index) ? std::string(" [") + kLoopStyle + "]" : "") << ";\n";
-        }
+        output << "  " << from << " -> " << to;
+        output << (IsOnLoop(plugin, index) ? std::string(" [") + kLoopStyle + "]" : "") << ";\n";
     };
-    for (const PluginIndex provider : boot.barriers[index].providers) {
+    for (const PluginIndex provider : Linked(boot.barriers[index].providers, index)) {
         write(provider, pluginNodes[provider], barrierNodes[index]);
     }
-    for (const PluginIndex requirer : boot.barriers[index].requirers) {
+    for (const PluginIndex requirer : Linked(boot.barriers[index].requirers, index)) {
         write(requirer, barrierNodes[index], pluginNodes[requirer]);
     }
 }
@@ -209,25 +229,25 @@ void Drawing::WriteFoldedLinksFrom(PluginIndex provider) {
         std::set<BarrierIndex> barriers;
         bool isOnLoop = false;
     };
-    std::map<PluginIndex, Link> links;
+    std::map<std::size_t, Link> links;  // by the place of what waits
     for (const BarrierIndex barrier : boot.plugins[provider].providedBarriers) {
         if (!IsFolded(barrier) || !IsLinkDrawn(provider, barrier)) {
             continue;
         }
         for (const PluginIndex requirer : boot.barriers[barrier].requirers) {
             if (IsLinkDrawn(requirer, barrier)) {
-                Link& link = links[requirer];
+                Link& link = links[placeOf[requirer]];
                 link.barriers.insert(barrier);
                 link.isOnLoop |= IsOnLoop(provider, barrier) && IsOnLoop(requirer, barrier);
             }
         }
     }
-    for (const auto& [requirer, link] : links) {
+    for (const auto& [place, link] : links) {
         std::string label;
         for (const BarrierIndex barrier : link.barriers) {
             label += (label.empty() ? "" : "\\n") + Escaped(boot.barriers[barrier].name);
         }
-        output << "  " << pluginNodes[provider] << " -> " << pluginNodes[requirer] << " [label=\"" << label << '"'
+        output << "  " << pluginNodes[provider] << " -> " << pluginNodes[plugins[place]] << " [label=\"" << label << '"'
                << (link.isOnLoop ? std::string(", ") + kLoopStyle : "") << "];\n";
     }
 }
