@@ -75,14 +75,11 @@ class TerminalStream {
     // when the device cannot be opened.
     bool Revive() const;
 
-    // The name under which the device is opened again; empty for a stream that is no terminal.
-    const std::string& Device() const { return device; }
-
   private:
     bool Reopen() const;
 
     int descriptor;
-    std::string device;
+    std::string device;  // its name; empty for a stream that is no terminal
     int statusFlags;
     termios modes{};
     bool isTerminal;

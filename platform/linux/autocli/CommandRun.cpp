@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <span>
 #include <string_view>
 
@@ -18,16 +17,13 @@
 #include "autocli/Streams.h"
 #include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
+#include "posix/Reason.h"
 
 namespace platform {
 
 namespace {
 
 constexpr std::string_view kDispatcherVariable = "QORCLI_DISPATCHER=";
-
-std::string Reason(const std::string& what, int number) {
-    return what + ": " + std::strerror(number);
-}
 
 // The first lines of a command's standard error.
 class ErrorText {
@@ -242,11 +238,11 @@ std::vector<std::string> RunCommand(const std::string& program, const std::vecto
                                     const std::string& dispatcher) {
     ErrorPipe errors;
     if (const int failure = errors.Open(); failure != 0) {
-        return {Reason("no pipe for the errors of " + program, failure)};
+        return {posix::WithReason("no pipe for the errors of " + program, failure)};
     }
     pid_t child = 0;
     if (const int failure = Spawn(child, program, arguments, dispatcher, errors); failure != 0) {
-        return {Reason("cannot run " + program, failure)};
+        return {posix::WithReason("cannot run " + program, failure)};
     }
     errors.CloseWriteEnd();
 
@@ -256,7 +252,7 @@ std::vector<std::string> RunCommand(const std::string& program, const std::vecto
         const int failure = errno;
         errors.CloseReadEnd();
         WaitForEnd(child);
-        return {Reason("cannot watch " + program, failure)};
+        return {posix::WithReason("cannot watch " + program, failure)};
     }
     ErrorText text;
     if (Follow(process, errors, text)) {
