@@ -44,6 +44,7 @@ struct ChildDescriptors {
     ChildDescriptors() {
         root = posix::OpenFile("/", O_RDONLY | O_DIRECTORY);
         if (root.Get() <= 0) {
+            // Another file's name, kept on purpose: operators match on this text.
             Panic("VERIFY %s:%d\n", "apps/lofter/hopper/DaemonPlugin", 86);
         }
         null = posix::OpenFile(paths::kNull, O_RDWR);
