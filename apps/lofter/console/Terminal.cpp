@@ -37,7 +37,7 @@ void Pause() {
 // How long a signal's handler waits for a stopped terminal, in milliseconds.
 volatile std::sig_atomic_t handlerPatience = 0;
 
-// Where a signal that ends the process comes by first. Calls only what a signal's handler may.
+// Handles the signals that end the process. Calls only what a signal's handler may.
 void LeaveUsableTerminal(int number) {
     termios modes{};
     if (::tcgetattr(STDIN_FILENO, &modes) == 0) {
