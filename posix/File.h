@@ -15,18 +15,17 @@
 
 namespace posix {
 
-// Closed on exec, and never the controlling terminal. Owns nothing when the file cannot be opened.
+// Opens a file, closed on exec and never as the controlling terminal. The result owns nothing when it cannot be opened.
 Descriptor OpenFile(const std::string& path, int flags, mode_t mode = 0);
 
-// The same without ever waiting for a pipe's other end: writing to a pipe that nobody reads fails with ENXIO. Once it
-// is open, reading and writing wait as usual.
+// As OpenFile, but never waits for a pipe's other end: opening a pipe that nobody reads for writing fails with ENXIO.
+// Once it is open, reading and writing wait as usual.
 Descriptor OpenAtOnce(const std::string& path, int flags, mode_t mode = 0);
 
-// The same for what has to be a regular file: what is none, but can be opened, fails with ENXIO, or with EISDIR if it
-// is a directory.
+// As OpenAtOnce, for a regular file. Anything else that can be opened fails with ENXIO, a directory with EISDIR.
 Descriptor OpenRegularFile(const std::string& path, int flags, mode_t mode = 0);
 
-// The same for what may be a character device, too.
+// As OpenRegularFile, but a character device may be opened, too.
 Descriptor OpenFileOrDevice(const std::string& path, int flags, mode_t mode = 0);
 
 bool IsRegularFile(const Descriptor& file);

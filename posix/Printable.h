@@ -27,8 +27,8 @@ constexpr std::size_t PrintableLength(std::size_t bytes) {
     return 4 * bytes;
 }
 
-// The same in the given room and without other memory: as much of its start as fits, not ending within what stands for
-// one character.
+// The text as it is shown, in the given room and without other memory: as much of its start as fits, not ending within
+// what stands for one character.
 std::string_view Printable(std::string_view text, std::span<char> room);
 
 // As much of the start of a text as fits into that many bytes, not ending within a UTF-8 sequence.

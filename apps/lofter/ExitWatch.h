@@ -1,7 +1,8 @@
 // While it lives, an exit of this process that the program did not ask for, through exit() or quick_exit(), is a
-// failure: what was given is done, and the exit status is 1. Processes that were forked meanwhile exit as they like.
+// failure: the given last act is performed, and the exit status is 1. Processes that were forked meanwhile exit as they
+// like.
 //
-// One at a time, and on the main thread. What was given must not throw.
+// One at a time, and on the main thread. The last act must not throw.
 #pragma once
 
 #include <functional>

@@ -17,6 +17,9 @@ class SpawnFileActions {
     SpawnFileActions& operator=(const SpawnFileActions&) = delete;
 
     // A descriptor that is duplicated onto itself is inherited even when it is marked close-on-exec.
+    int AddOpen(int target, const char* path, int flags) {
+        return ::posix_spawn_file_actions_addopen(&actions, target, path, flags, 0);
+    }
     int AddDup2(int source, int target) { return ::posix_spawn_file_actions_adddup2(&actions, source, target); }
     int AddChangeDirectory(int directory) { return ::posix_spawn_file_actions_addfchdir_np(&actions, directory); }
     int AddCloseFrom(int lowest) { return ::posix_spawn_file_actions_addclosefrom_np(&actions, lowest); }

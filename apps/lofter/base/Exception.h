@@ -1,4 +1,4 @@
-// The exceptions of the program. Each holds one message and returns it from what().
+// The exceptions of the program, each of which holds one message and returns it from what(), and the text of any.
 #pragma once
 
 #include <exception>
@@ -36,5 +36,19 @@ class InvalidPluginException : public Exception {
     InvalidPluginException(const std::string& identifier, const std::string& reason)
         : Exception("plugin `" + identifier + "' is invalid: " + reason) {}
 };
+
+// "unknown exception" for what is none of the standard's, nothing for null.
+inline std::string TextOf(const std::exception_ptr& failure) {
+    if (!failure) {
+        return {};
+    }
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "unknown exception";
+    }
+}
 
 }  // namespace lofter

@@ -9,7 +9,6 @@
 
 #include "base/Exception.h"
 #include "base/Paths.h"
-#include "posix/AcrossSignals.h"
 #include "posix/Descriptor.h"
 #include "posix/File.h"
 #include "tslibs/dictionary.h"
@@ -58,7 +57,7 @@ void InitializeLogging(const std::string& identifier) {
 }
 
 void RedirectStandardStreams(const std::string& logPath) {
-    posix::Descriptor null(posix::AcrossSignals([] { return open(paths::kNull, O_RDWR); }));
+    posix::Descriptor null = posix::OpenFile(paths::kNull, O_RDWR);
     if (!null) {
         Warning("Failed opening /dev/null");
     } else if (dup2(null.Get(), STDIN_FILENO) != STDIN_FILENO) {

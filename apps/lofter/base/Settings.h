@@ -22,7 +22,9 @@ struct Settings {
     bool interactive = false;
     bool trace = false;
     std::uint32_t threadCount = 1;
-    std::int64_t randomSeed;  // seconds since the epoch when the record was created, unless given
+    // Seconds since the epoch when the record was created, unless given. Only reported, in the profiling log: no
+    // generator is seeded with it, on purpose.
+    std::int64_t randomSeed;
     std::string pluginDirectory;
     std::vector<std::string> disabledPlugins;
     std::vector<std::string> interactiveModeRequirements;

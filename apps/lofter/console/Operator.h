@@ -1,4 +1,4 @@
-// Whoever has a say in what a run does, plugin by plugin.
+// Decides, plugin by plugin, whether a run executes it.
 #pragma once
 
 #include <string>

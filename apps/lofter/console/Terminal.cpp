@@ -11,8 +11,7 @@
 #include <unistd.h>
 
 #include "base/Logging.h"
-#include "posix/AcrossSignals.h"
-#include "posix/Descriptor.h"
+#include "posix/File.h"
 
 namespace lofter {
 
@@ -38,7 +37,7 @@ void Pause() {
 // How long a signal's handler waits for a stopped terminal, in milliseconds.
 volatile std::sig_atomic_t handlerPatience = 0;
 
-// Where a signal that ends the process comes by first. Calls only what a signal's handler may.
+// Handles the signals that end the process. Calls only what a signal's handler may.
 void LeaveUsableTerminal(int number) {
     termios modes{};
     if (::tcgetattr(STDIN_FILENO, &modes) == 0) {
@@ -158,8 +157,7 @@ bool TerminalStream::Revive() const {
 bool TerminalStream::Reopen() const {
     // Without waiting for a carrier: the line that has just been hung up may not have one at once.
     const int access = statusFlags & O_ACCMODE;
-    const posix::Descriptor again(
-        posix::AcrossSignals([&] { return ::open(device.c_str(), access | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }));
+    const posix::Descriptor again = posix::OpenFile(device, access | O_NONBLOCK);
     return again && ::fcntl(again.Get(), F_SETFL, statusFlags) != -1 && ::dup2(again.Get(), descriptor) != -1;
 }
 

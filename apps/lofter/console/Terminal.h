@@ -71,18 +71,15 @@ class TerminalStream {
     // earlier modes. A device that cannot be opened is logged, and the stream stays dead.
     void Restore() const;
 
-    // Does the same for a stream that has been hung up, and nothing for any other. False, with the reason in errno,
+    // As Restore, but leaves a stream that is not hung up as it is, and logs nothing. False, with the reason in errno,
     // when the device cannot be opened.
     bool Revive() const;
-
-    // The name under which the device is opened again; empty for a stream that is no terminal.
-    const std::string& Device() const { return device; }
 
   private:
     bool Reopen() const;
 
     int descriptor;
-    std::string device;
+    std::string device;  // its name; empty for a stream that is no terminal
     int statusFlags;
     termios modes{};
     bool isTerminal;
@@ -91,7 +88,7 @@ class TerminalStream {
 // All three standard streams as they are now.
 class StandardStreams {
   public:
-    // As TerminalStream::Restore, for each.
+    // Restores each of them.
     void Restore() const;
 
     // Returns at once unless the terminal on standard input has been hung up. Else the streams that were hung up are

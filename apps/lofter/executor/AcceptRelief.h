@@ -20,12 +20,12 @@ class AcceptRelief {
 
     explicit AcceptRelief(std::function<void(int milliseconds)> passTime = Sleep) : pass(std::move(passTime)) {}
 
-    // Where a connection was accepted, or none was tried yet: takes a reserve if there is none, and begins again with
-    // the shortest pause.
+    // Before the first connection and after each that was accepted: takes a reserve if there is none, and makes the
+    // next pause the shortest.
     void SetAside();
 
-    // Where one could not be accepted: lets go of the reserve and pauses for 10 milliseconds, twice as long each
-    // further time, a second at most.
+    // After each connection that could not be accepted: lets go of the reserve and pauses for 10 milliseconds, twice as
+    // long each further time, a second at most.
     void AfterFailure();
 
   private:

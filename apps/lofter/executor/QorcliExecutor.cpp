@@ -21,6 +21,7 @@
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
+#include "posix/Reason.h"
 
 namespace lofter {
 
@@ -37,7 +38,7 @@ struct Answer {
 Answer Exchange(const posix::Descriptor connection, const std::string& command) {
     const std::size_t length = std::strlen(command.c_str());
     if (posix::AcrossSignals([&] { return ::send(connection.Get(), command.c_str(), length, 0); }) == -1) {
-        return {"Failed sending command to executor: "};
+        return {"Failed sending command to executor"};
     }
     if (length == 0) {
         // Nothing was sent, and the executor would wait for it. The end of input tells it that the command is empty.
@@ -50,7 +51,7 @@ Answer Exchange(const posix::Descriptor connection, const std::string& command) 
         errno = ECONNRESET;  // the end of input leaves no reason behind, although the reason is clear
     }
     if (received <= 0) {
-        answer.failure = "Failed to recieve command status from Executor: ";
+        answer.failure = "Failed to recieve command status from Executor";
     }
     return answer;
 }
@@ -103,6 +104,7 @@ void QorcliExecutor::Reset() const {
     QorcliExecutorProcess executor(controlSocket, outputLog);
     const pid_t child = ::fork();
     if (child == -1) {
+        // Without a separator, here and below: operators match on these texts.
         throw Exception(std::string("Failed to fork") + std::strerror(errno));
     }
     if (child == 0) {
@@ -125,7 +127,7 @@ void QorcliExecutor::SendCommand(const std::string& command) const {
             const Answer answer = Exchange(posix::Descriptor(connection), command);
             // Thrown here, where nothing is left to clean up: a failing command costs half as much to report.
             if (answer.failure != nullptr) {
-                throw Exception(std::string(answer.failure) + std::strerror(errno));
+                throw Exception(posix::WithReason(answer.failure));
             }
             if (answer.status != 0) {
                 throw Exception("Executor failed executing qorcli command: " + command);

@@ -20,6 +20,7 @@
 #include "poll/poll.h"
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
+#include "posix/Reason.h"
 
 namespace lofter {
 
@@ -37,10 +38,6 @@ bool exitFlag = false;
 
 // Touched by the event-loop thread only, once there is one.
 AcceptRelief relief;
-
-Exception SystemFailure(const char* what) {
-    return Exception(std::string(what) + std::strerror(errno));
-}
 
 // Any text that merely begins with the word counts; kept on purpose.
 bool IsStop(const char* command) {
@@ -149,13 +146,13 @@ void QorcliExecutorProcess::SetupSocket() {
     const ControlSocketAddress address(controlSocket);
     posix::Descriptor created(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!created) {
-        throw SystemFailure("Error opening control socket for executor: ");
+        throw Exception(posix::WithReason("Error opening control socket for executor"));
     }
     if (BindForOwner(created, address) != 0) {
-        throw SystemFailure("Failed to bind to executor control socket: ");
+        throw Exception(posix::WithReason("Failed to bind to executor control socket"));
     }
     if (::listen(created.Get(), kBacklog) != 0) {
-        throw SystemFailure("Failed to listen on executor control socket: ");
+        throw Exception(posix::WithReason("Failed to listen on executor control socket"));
     }
     listenSocket = std::move(created);
 }

@@ -29,7 +29,8 @@ class ReadyQueue {
     void Push(Node& node);
 
     // Removes and returns the best node: the one that waited longest or, when `random`, the one of the best nodes whose
-    // index in waiting order is rand() modulo their number. The queue is not empty.
+    // index in waiting order is rand() modulo their number. Nobody seeds rand(), on purpose: on one thread, every
+    // random run of a graph takes the same order. The queue is not empty.
     Node& Take(bool random);
 
   private:

@@ -33,6 +33,7 @@
 #include "posix/AcrossSignals.h"
 #include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
+#include "posix/File.h"
 
 namespace lofter {
 
@@ -158,9 +159,9 @@ void ServeReads(const SharedStage& stage) {
 
 // Nothing that an operator types is for an object that is loaded. Without the device, something else takes its place.
 void TakeInputAway() {
-    posix::Descriptor nowhere(open(paths::kNull, O_RDWR | O_CLOEXEC));
+    posix::Descriptor nowhere = posix::OpenFile(paths::kNull, O_RDWR);
     if (!nowhere) {
-        nowhere.Reset(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        nowhere = posix::OpenFile("/", O_RDONLY | O_DIRECTORY);
     }
     dup2(nowhere.Get(), STDIN_FILENO);
 }

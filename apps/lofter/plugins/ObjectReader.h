@@ -7,7 +7,7 @@
 // with this process at the latest, together with what objects have forked.
 //
 //      this process to the other   the path of an object, one message
-//      the other to this process   what it says, once the object has come and gone; the loader's own refusals included
+//      the other to this process   what it says, once it was loaded and unloaded; the loader's own refusals included
 //
 // For the thread that discovers plugins, while there is no other.
 #pragma once
@@ -26,7 +26,8 @@ class ObjectReader {
     explicit ObjectReader(std::chrono::milliseconds loadLimit = std::chrono::seconds(10));
     ~ObjectReader();
 
-    // As DescribeNativePlugin. Where no process can be had, that is logged once and the object is read in this one.
+    // What DescribeNativePlugin says. Where no process can be had, that is logged once and the object is read in this
+    // one.
     // Throws InvalidPluginException with the path and "ended its loader with signal <number> (<name>)", "exited its
     // loader with status <number>", "closed or replaced its loader's descriptors", "damaged its loader" or "did not
     // load within <limit> s".

@@ -1,7 +1,5 @@
 #include "util/RunOnceRecord.h"
 
-#include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
@@ -15,6 +13,7 @@
 #include <unistd.h>
 
 #include "posix/File.h"
+#include "posix/Reason.h"
 
 namespace lofter {
 
@@ -73,11 +72,6 @@ std::string Compress(const std::string& text) {
     return compressed;
 }
 
-[[noreturn]] void FailWriting(const std::string& path) {
-    const std::string reason = std::strerror(errno);
-    throw std::runtime_error("unable to write '" + path + "': " + reason);
-}
-
 }  // namespace
 
 void ReadRunOnceRecord(const std::string& path, std::set<std::string>& names) {
@@ -107,7 +101,7 @@ void WriteRunOnceRecord(const std::string& path, const std::set<std::string>& na
     constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;  // less the umask
     const posix::Descriptor file = posix::OpenRegularFile(path, O_WRONLY | O_CREAT | O_TRUNC, kMode);
     if (!file || !posix::WriteWhole(file, compressed) || !posix::SyncToDisk(file)) {
-        FailWriting(path);
+        throw std::runtime_error(posix::WithReason("unable to write '" + path + "'"));
     }
 }
 

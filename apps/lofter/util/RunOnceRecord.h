@@ -14,7 +14,9 @@ namespace lofter {
 // the file is no whole gzip stream.
 void ReadRunOnceRecord(const std::string& path, std::set<std::string>& names);
 
-// Writes the record in place. Throws std::runtime_error "unable to write '<path>': <reason>".
+// Writes the record in place, unlike other files that outlive a boot; kept on purpose: it stays the same file, with its
+// owner, mode and links, and needs no room for two on the boot bank. Throws std::runtime_error "unable to write
+// '<path>': <reason>".
 void WriteRunOnceRecord(const std::string& path, const std::set<std::string>& names);
 
 }  // namespace lofter

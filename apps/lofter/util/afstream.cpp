@@ -14,16 +14,13 @@
 #include <unistd.h>
 
 #include "posix/File.h"
+#include "posix/Reason.h"
 
 namespace lofter {
 
 namespace {
 
 constexpr char kPatternSuffix[] = ".XXXXXX";
-
-std::string ErrorText(int error) {
-    return std::strerror(error);
-}
 
 }  // namespace
 
@@ -60,8 +57,8 @@ void afstream::CreateTemporaryFile(const char* path) {
     destination = path;
     temporary.Reset(mkostemp(pattern.get(), O_CLOEXEC));
     if (!temporary) {
-        throw std::runtime_error("unable to create temporary file to write '" + std::string(path) +
-                                 "': " + ErrorText(errno));
+        throw std::runtime_error(
+            posix::WithReason("unable to create temporary file to write '" + std::string(path) + "'"));
     }
     tempName = pattern.get();
 }
@@ -79,7 +76,7 @@ void afstream::open(const char* path, std::ios_base::openmode mode) {
         setstate(std::ios_base::failbit);
     }
     if (!good()) {
-        throw std::runtime_error("failed to create temp file: " + ErrorText(errno));
+        throw std::runtime_error(posix::WithReason("failed to create temp file"));
     }
 }
 
@@ -96,7 +93,7 @@ void afstream::reopen(const char* path, std::ios_base::openmode mode) {
         setstate(std::ios_base::failbit);
     }
     if (!good()) {
-        throw std::runtime_error("failed to write to temp file: " + ErrorText(errno));
+        throw std::runtime_error(posix::WithReason("failed to write to temp file"));
     }
 }
 
@@ -110,7 +107,7 @@ void afstream::commit() {
     }
     // The rename must not become durable before the data that it publishes.
     if (!posix::SyncToDisk(temporary)) {
-        throw std::runtime_error("unable to sync '" + tempName + "': " + ErrorText(errno));
+        throw std::runtime_error(posix::WithReason("unable to sync '" + tempName + "'"));
     }
 
     errno = 0;
@@ -118,7 +115,7 @@ void afstream::commit() {
     const bool hasOld = stat(destination.c_str(), &old) == 0;
     const int statError = hasOld ? 0 : errno;
     if (std::rename(tempName.c_str(), destination.c_str()) != 0) {
-        throw std::runtime_error("unable to rename '" + tempName + "' to '" + destination + "': " + ErrorText(errno));
+        throw std::runtime_error(posix::WithReason("unable to rename '" + tempName + "' to '" + destination + "'"));
     }
     tempName.clear();
     const posix::Descriptor committed = std::move(temporary);
@@ -131,8 +128,8 @@ void afstream::commit() {
         permissionError = errno;
     }
     if (permissionError != 0) {
-        throw std::runtime_error("failed to restore file permissions, file permissions may be incorrect: " +
-                                 ErrorText(permissionError));
+        throw std::runtime_error(posix::WithReason(
+            "failed to restore file permissions, file permissions may be incorrect", permissionError));
     }
 }
 

@@ -29,8 +29,8 @@ class afstream : public std::ostream {
     // with errno as the failed call left it.
     void open(const char* path, std::ios_base::openmode mode);
 
-    // The same, and copies the destination's current content into the stream. It must be a regular file and not empty.
-    // Throws "failed to write to temp file: <reason>" as well.
+    // As open, and copies the destination's current content into the stream. The destination must be a regular file and
+    // not empty. Throws what open throws, and "failed to write to temp file: <reason>".
     void reopen(const char* path, std::ios_base::openmode mode);
 
     // Flushes, syncs and renames. The state of the stream before is the writer's to check. Throws
@@ -47,7 +47,7 @@ class afstream : public std::ostream {
     posix::FileBuffer file;
     posix::Descriptor temporary;  // to the end: by its name it may be another file by now
     std::string tempName;         // empty until an open succeeded in creating it
-    std::string destination;      // empty likewise
+    std::string destination;      // empty as long as tempName
 };
 
 }  // namespace lofter

@@ -21,7 +21,6 @@ class Input {
   public:
     using Parameter = std::pair<std::string, std::string>;
 
-    virtual ~Input() = default;
     void AddParameter(const std::string& name, const std::string& value) { parameters.emplace_back(name, value); }
     const std::vector<Parameter>& GetParameters() const { return parameters; }
 
@@ -32,7 +31,6 @@ class Input {
 // What became of a call: nothing to say, or errors.
 class Output {
   public:
-    virtual ~Output() = default;
     bool HasError() const { return !errors.empty(); }
     const std::vector<std::string>& GetErrors() const { return errors; }
     void AddError(const std::string& text) { errors.push_back(text); }

@@ -1,5 +1,5 @@
 // The progress screen that the host's console shows while the host boots. Any number of objects show the same screen;
-// all operations may be called from any thread, and none throws but for want of memory.
+// all operations may be called from any thread, and none throws anything but std::bad_alloc.
 #pragma once
 
 #include <string>

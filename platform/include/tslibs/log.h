@@ -14,7 +14,7 @@ struct LogOutput;
 // throws and never fails visibly; errno is left as it was. Messages logged before any output exists are dropped.
 void Log_Level(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// The same for the syslog output alone; dropped while there is none.
+// Logs one message to the syslog output alone; it is dropped while there is no such output.
 void Log_Syslog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Sets up the syslog output from "log.syslogID" (identifier) and "log.syslogLevel" (the finest level that is let

@@ -3,31 +3,26 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <span>
 #include <string_view>
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Spawn.h"
 #include "autocli/Streams.h"
 #include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
+#include "posix/Reason.h"
 
 namespace platform {
 
 namespace {
 
 constexpr std::string_view kDispatcherVariable = "QORCLI_DISPATCHER=";
-
-std::string Reason(const std::string& what, int number) {
-    return what + ": " + std::strerror(number);
-}
 
 // The first lines of a command's standard error.
 class ErrorText {
@@ -109,32 +104,12 @@ class ErrorPipe {
     posix::Descriptor writeEnd;
 };
 
-class SpawnOptions {
-  public:
-    explicit SpawnOptions(const ErrorPipe& errors) {
-        sigset_t all;
-        sigset_t none;
-        sigfillset(&all);
-        sigemptyset(&none);
-        posix_spawnattr_init(&attributes);
-        posix_spawnattr_setsigdefault(&attributes, &all);
-        posix_spawnattr_setsigmask(&attributes, &none);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&actions, errors.WriteEnd(), STDERR_FILENO);
-        posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-    }
-    ~SpawnOptions() {
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attributes);
-    }
-    SpawnOptions(const SpawnOptions&) = delete;
-    SpawnOptions& operator=(const SpawnOptions&) = delete;
-
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_t actions;
-};
+// Returns 0 or an errno.
+int Prepare(SpawnFileActions& actions, const ErrorPipe& errors) {
+    int status = actions.AddOpen(STDIN_FILENO, "/dev/null", O_RDONLY);
+    status = status != 0 ? status : actions.AddDup2(errors.WriteEnd(), STDERR_FILENO);
+    return status != 0 ? status : actions.AddCloseFrom(STDERR_FILENO + 1);
+}
 
 std::vector<std::string> EnvironmentFor(const std::string& dispatcher) {
     std::vector<std::string> environment;
@@ -163,8 +138,12 @@ int Spawn(pid_t& child, const std::string& program, const std::vector<std::strin
     std::vector<std::string> words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<std::string> environment = EnvironmentFor(dispatcher);
-    const SpawnOptions options(errors);
-    return ::posix_spawn(&child, program.c_str(), &options.actions, &options.attributes, Pointers(words).data(),
+    SpawnFileActions actions;
+    if (const int status = Prepare(actions, errors); status != 0) {
+        return status;
+    }
+    const SpawnAttributes cleanSignals;
+    return ::posix_spawn(&child, program.c_str(), actions.Get(), cleanSignals.Get(), Pointers(words).data(),
                          Pointers(environment).data());
 }
 
@@ -242,11 +221,11 @@ std::vector<std::string> RunCommand(const std::string& program, const std::vecto
                                     const std::string& dispatcher) {
     ErrorPipe errors;
     if (const int failure = errors.Open(); failure != 0) {
-        return {Reason("no pipe for the errors of " + program, failure)};
+        return {posix::WithReason("no pipe for the errors of " + program, failure)};
     }
     pid_t child = 0;
     if (const int failure = Spawn(child, program, arguments, dispatcher, errors); failure != 0) {
-        return {Reason("cannot run " + program, failure)};
+        return {posix::WithReason("cannot run " + program, failure)};
     }
     errors.CloseWriteEnd();
 
@@ -256,7 +235,7 @@ std::vector<std::string> RunCommand(const std::string& program, const std::vecto
         const int failure = errno;
         errors.CloseReadEnd();
         WaitForEnd(child);
-        return {Reason("cannot watch " + program, failure)};
+        return {posix::WithReason("cannot watch " + program, failure)};
     }
     ErrorText text;
     if (Follow(process, errors, text)) {

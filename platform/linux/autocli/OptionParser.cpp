@@ -35,7 +35,8 @@ class Remainder {
     std::string_view rest;
 };
 
-// What a backslash in front of the symbol comes to between double quotes. Behind a line end the line goes on.
+// What a backslash and the symbol behind it stand for between double quotes. In front of a line end they join two
+// lines.
 std::string Escaped(std::string_view symbol) {
     if (symbol == "\n") {
         return {};

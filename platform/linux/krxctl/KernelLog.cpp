@@ -1,12 +1,11 @@
 #include "krxctl/KernelLog.h"
 
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
 #include "posix/File.h"
 #include "posix/Printable.h"
+#include "posix/Reason.h"
 
 namespace platform {
 
@@ -28,7 +27,7 @@ std::string RecordOf(const std::string& text) {
 }
 
 [[noreturn]] void Fail(const char* path) {
-    throw std::runtime_error(std::string(path) + ": " + std::strerror(errno));
+    throw std::runtime_error(posix::WithReason(path));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "krxctl/KernelProgressScreenImpl.h"
-#include "posix/AcrossSignals.h"
+#include "posix/File.h"
 #include "posix/Printable.h"
 #include "tslibs/LogOutput.h"
 #include "tslibs/log.h"
@@ -54,8 +54,7 @@ ProgressScreen::ProgressScreen(const char* consolePath) : path(consolePath) {
 }
 
 void ProgressScreen::Open() {
-    console.Reset(
-        posix::AcrossSignals([this] { return ::open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); }));
+    console = posix::OpenFile(path, O_WRONLY | O_NONBLOCK);
     if (console && ::isatty(console.Get()) == 0) {
         console.Reset();
     }

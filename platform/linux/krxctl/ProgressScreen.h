@@ -1,12 +1,13 @@
 // The progress screen: one line of the console that is redrawn in place, "Activating Lofter Plugins [3] net".
 //
 // The line shows the progress text, the number of steps when there were any, and the status text, cut to the console's
-// width. The cursor is left at its start, so that whatever else is printed there takes its place; once it has
-// nothing to show it is erased, and nothing is written until it has something again. Where the console is no terminal,
-// each text that is not empty becomes a log line instead, but for one that was only taken away and put back; so does
-// the rest once the console fails. One that was hung up is opened again. A console that takes no output, for instance
-// because it was stopped, misses redraws and holds up nobody. Any thread may call it; nothing throws but for want of
-// memory.
+// width. The cursor is left at its start, so that whatever else is printed there overwrites it. When there is nothing
+// to show the line is erased, and nothing is written until there is something again.
+//
+// Where the console is no terminal, or fails, each text that is not empty becomes a log line instead, unless it was
+// only taken away and put back. A terminal that was hung up is opened again. One that takes no output, for instance
+// because it was stopped, misses redraws and holds up nobody. Any thread may call it; nothing but std::bad_alloc is
+// thrown.
 #pragma once
 
 #include <mutex>

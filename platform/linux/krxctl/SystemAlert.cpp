@@ -1,7 +1,6 @@
 #include "krxctl/SystemAlert.h"
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -11,6 +10,7 @@
 #include "krxctl/SystemInfoImpl.h"
 #include "posix/File.h"
 #include "posix/Printable.h"
+#include "posix/Reason.h"
 #include "tslibs/LogOutput.h"
 
 namespace platform {
@@ -21,7 +21,7 @@ constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kAlertMode = 0644;
 
 [[noreturn]] void Fail(const std::filesystem::path& path) {
-    throw std::runtime_error(path.string() + ": " + std::strerror(errno));
+    throw std::runtime_error(posix::WithReason(path));
 }
 
 // The login prompt reads a backslash as the start of an escape.

@@ -330,13 +330,6 @@ TEST_F(HungUpTerminal, LeavesALivingTerminalOpenAndOnlyRestoresItsModes) {
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST(TerminalStream, FindsItsDeviceByItself) {
-    const PseudoTerminal terminal;
-    const posix::Descriptor stream(::open(terminal.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    const TerminalStream before(stream.Get());
-    EXPECT_EQ(before.Device(), terminal.Name());
-}
-
 TEST(TerminalStream, LeavesAStreamThatIsNoTerminalAlone) {
     const test::LogCapture log;
     const posix::Descriptor ended = EndOfInput();

@@ -29,7 +29,7 @@ struct DebugConfiguration {
 
 DebugConfiguration ParseDebugConfiguration(std::istream& input);
 
-// The same for a file. One that cannot be opened or read, or is no regular file, has no entries.
+// Parses a file. One that cannot be opened or read, or is no regular file, has no entries.
 DebugConfiguration ReadDebugConfiguration(const std::string& path);
 
 }  // namespace lofter

@@ -15,20 +15,6 @@ constexpr char kProvides = 'p';
 constexpr char kRequiredFlag = '+';
 constexpr char kDisablingFlag = '-';
 
-// Empty when nothing failed.
-std::string FailureText(const std::exception_ptr& failure) {
-    if (!failure) {
-        return {};
-    }
-    try {
-        std::rethrow_exception(failure);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown exception";
-    }
-}
-
 class Fields {
   public:
     explicit Fields(std::string_view text) : left(text) {}
@@ -86,7 +72,7 @@ std::string ToText(const PluginDescription& plugin) {
     const auto add = [&text](std::string_view field) {
         text.append(field).push_back('\0');
     };
-    add(FailureText(plugin.failure));
+    add(TextOf(plugin.failure));
     add(std::to_string(plugin.version));
     add(std::to_string(static_cast<int>(plugin.hasHostProfileOperation)));
     add(std::to_string(static_cast<int>(plugin.runOnce)));

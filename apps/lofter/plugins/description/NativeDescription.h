@@ -1,7 +1,7 @@
 // Native plugins, described by the two symbols that their object exports.
 //
-// Loading an object runs its constructors, and damage to it strikes where it likes. A program that has more to do than
-// to describe one object does it in another process.
+// Loading an object runs its constructors, and a damaged object may crash anywhere. A program that has more to do than
+// to describe one object describes it in another process.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// A shared object in this process, unloaded when its owner goes: on every way out of whoever looks into it. One that
-// refuses to go stays.
+// A shared object in this process, unloaded when its owner goes: on every way out of whoever looks into it. An
+// object that refuses to be unloaded stays.
 //
 // Pointers obtained from it die with it. The loader keeps its error text per thread, so objects may be used on any
 // thread.
