@@ -4,7 +4,7 @@ from typing import Any
 
 import jsonschema
 
-from companion import REPOSITORY
+from lofterdev.repository import REPOSITORY
 
 SCHEMA: dict[str, Any] = json.loads((REPOSITORY / "apps" / "lofter-analyze" / "report" / "analyze.schema.json").read_text())
 COMMANDS = list(SCHEMA["definitions"])

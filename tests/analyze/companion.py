@@ -6,7 +6,8 @@ import pathlib
 import subprocess
 from typing import Any
 
-REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+from lofterdev.repository import REPOSITORY
+
 BUILD = pathlib.Path(os.environ.get("LOFTER_BUILD", REPOSITORY / "build" / "release"))
 PROGRAM = BUILD / "apps" / "lofter-analyze" / "lofter-analyze"
 BOUND = 120
@@ -32,6 +33,6 @@ class Analyze:
 
     def __call__(self, *arguments: str | pathlib.Path, stdin: str = "", **variables: str) -> Result:
         environment = {name: value for name, value in os.environ.items() if name != "NO_COLOR"} | variables
-        process = subprocess.run([PROGRAM, *map(str, arguments)], cwd=self.folder, env=environment, input=stdin.encode(), capture_output=True,
-                                 timeout=BOUND)
+        process = subprocess.run([PROGRAM, *map(str, arguments)], cwd=self.folder, env=environment, input=stdin.encode(),
+                                 capture_output=True, timeout=BOUND)
         return Result(process.returncode, process.stdout.decode(errors="surrogateescape"), process.stderr.decode(errors="surrogateescape"))

@@ -11,6 +11,7 @@ import dataclasses
 import datetime
 import json
 import pathlib
+from typing import Any
 
 START = datetime.datetime(2026, 1, 2, 3, 4, 5)
 NEVER = datetime.datetime(1970, 1, 1)
@@ -29,7 +30,7 @@ def read_plugins(text: str) -> list[Plugin]:
     for line in text.strip().splitlines():
         name, _, clauses = line.strip().partition(":")
         plugin = Plugin(name)
-        target: list = []
+        target: list[Any] = []
         for word in clauses.split():
             if word in ("requires", "provides", "ran"):
                 target = getattr(plugin, word)

@@ -2,10 +2,10 @@
 import pathlib
 import subprocess
 
-REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+from lofterdev.repository import REPOSITORY
 
 
-def Tracked(*patterns):
+def tracked(*patterns: str) -> list[pathlib.PurePosixPath]:
     """Also files that are new and not ignored, so that a check speaks before the commit does."""
     listing = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", "--", *patterns],
                              cwd=REPOSITORY, check=True, stdout=subprocess.PIPE, text=True).stdout

@@ -1,12 +1,14 @@
 """The manual pages tell the operator of everything that the program reads, writes and complains of."""
 import re
+from collections.abc import Iterator
 
-from sources import REPOSITORY, Tracked
+from lofterdev.repository import REPOSITORY
+from sources import tracked
 
 # Levels whose messages are for an operator; those of the third, informational one are for whoever follows a run.
 COMPLAINTS = "kWarning|kError"
 # Where a message is no more than another text, that text is made elsewhere.
-MADE_ELSEWHERE = {
+MADE_ELSEWHERE: dict[str, list[str]] = {
     "apps/lofter/ProfilingLog.cpp": ["unable to log profiling information"],
     "apps/lofter/graph/Barriers.cpp": ["Lofter dependency error: Initialization barrier "],
     "apps/lofter/plugins/JSONPlugin.cpp": [],  # the reasons of failed host commands
@@ -14,51 +16,51 @@ MADE_ELSEWHERE = {
 }
 
 
-def Page(name):
+def read_page(name: str) -> str:
     """The text of a page on one line, without its marks of emphasis."""
     text = (REPOSITORY / "docs" / "man" / name).read_text()
     text = re.sub(r"\\(.)", r"\1", re.sub(r"[*_](?=\S)|(?<=\S)[*_]", "", text))
     return re.sub(r"\s+", " ", text)
 
 
-def Plain(text):
+def plain(text: str) -> str:
     return re.sub(r"\s+", " ", text.replace("_", "").replace("*", ""))
 
 
-def Sources():
-    return [path.as_posix() for path in Tracked("apps/lofter") if path.suffix == ".cpp"]
+def sources() -> list[str]:
+    return [path.as_posix() for path in tracked("apps/lofter") if path.suffix == ".cpp"]
 
 
-def Complaints(text):
+def complaints(text: str) -> Iterator[str]:
     """The formats of all warnings and errors; empty for one that is not written in place."""
     literal = r'"((?:[^"\\]|\\.)*)"'
     for format in re.findall(r"Log_(?:Level|Syslog)\((?:lofter::)?(?:" + COMPLAINTS + r"),\s*((?:" + literal + r"\s*)+|\w+)", text):
         yield "".join(re.findall(literal, format[0]))
 
 
-def LongestPiece(message):
+def longest_piece(message: str) -> str:
     """Of a format, what stands between the values: enough to look the message up."""
     return max(re.split(r"%#?[0-9]*l*[sdx]|\\n", message), key=len).strip(" .:()'-")
 
 
-def test_the_manual_page_has_every_file():
-    page = Page("lofter.8.scd")
+def test_the_manual_page_has_every_file() -> None:
+    page = read_page("lofter.8.scd")
     paths = re.findall(r'"(/[^" ]+)', (REPOSITORY / "apps" / "lofter" / "base" / "Paths.h").read_text())
     assert len(paths) > 15
-    assert [path for path in paths if Plain(path) not in page] == []
+    assert [path for path in paths if plain(path) not in page] == []
 
 
-def test_the_manual_page_has_every_warning_and_error():
-    page = Page("lofter.8.scd")
+def test_the_manual_page_has_every_warning_and_error() -> None:
+    page = read_page("lofter.8.scd")
     unknown, seen, made = [], 0, set()
-    for path in Sources():
+    for path in sources():
         text = (REPOSITORY / path).read_text()
-        for message in Complaints(text):
+        for message in complaints(text):
             seen += 1
             if message in ("%s\\n", ""):
                 made.add(path)
                 continue
-            if Plain(LongestPiece(message)) not in page:
+            if plain(longest_piece(message)) not in page:
                 unknown.append((path, message))
     assert unknown == []
     assert seen > 40
@@ -68,6 +70,6 @@ def test_the_manual_page_has_every_warning_and_error():
         assert [message for message in messages if message not in text or message.strip() not in page] == []
 
 
-def test_formats_are_found_whole():
-    assert list(Complaints('Log_Level(kWarning, "a \\"%s\\" "\n    "b: %d\\n", x); Log_Level(kInfo, "c\\n");')) == ['a \\"%s\\" b: %d\\n']
-    assert LongestPiece("ignoring plugin '%s' because: %#08x\\n") == "ignoring plugin"
+def test_formats_are_found_whole() -> None:
+    assert list(complaints('Log_Level(kWarning, "a \\"%s\\" "\n    "b: %d\\n", x); Log_Level(kInfo, "c\\n");')) == ['a \\"%s\\" b: %d\\n']
+    assert longest_piece("ignoring plugin '%s' because: %#08x\\n") == "ignoring plugin"

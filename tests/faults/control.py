@@ -1,5 +1,7 @@
 """The file that the preloaded library shares with the processes of a run: what is to fail, and what happened."""
+import pathlib
 import struct
+from collections.abc import Sequence
 
 LIBRARY = "usr/lib/faults.so"
 PRELOADED = "etc/ld.so.preload"
@@ -16,7 +18,8 @@ HEAD = struct.Struct(f"=IIIiQIIIIIIQ{FRAMES}Q")
 CALLS = struct.Struct(f"={PROCESSES * len(KINDS)}Q")
 
 
-def Order(kind=None, number=0, process=0, error=0, storm=(), trace=False):
+def order(kind: str | None = None, number: int = 0, process: int = 0, error: int = 0, storm: Sequence[str] = (),
+          trace: bool = False) -> bytes:
     """The file's content before a run: one call that fails, or kinds of call that are all interrupted once."""
     head = HEAD.pack(kind is not None, KINDS.index(kind) if kind else 0, process, error, number,
                      sum(1 << KINDS.index(name) for name in storm), trace, *([0] * (5 + FRAMES)))
@@ -26,8 +29,8 @@ def Order(kind=None, number=0, process=0, error=0, storm=(), trace=False):
 class Record:
     """The file's content after a run."""
 
-    def __init__(self, content):
-        _, _, _, _, _, _, _, self.hits, self.processes, self.killedBy, count, base, *frames = HEAD.unpack(content[:HEAD.size])
+    def __init__(self, content: bytes) -> None:
+        _, _, _, _, _, _, _, self.hits, self.processes, self.killed_by, count, base, *frames = HEAD.unpack(content[:HEAD.size])
         # Return addresses; the calls are before them.
         self.frames = [frame - base - 1 for frame in frames[:count]]
         counts = CALLS.unpack(content[HEAD.size:])
@@ -37,7 +40,7 @@ class Record:
             self.calls.update({(kind, process): count for kind, count in zip(KINDS, row) if count > 0})
 
 
-def Install(root, library):
+def install(root: pathlib.Path, library: pathlib.Path) -> None:
     """Every program that starts in the root from now on has the library, lofter's native runner included."""
     root.joinpath(LIBRARY).write_bytes(library.read_bytes())
     root.joinpath(PRELOADED).write_text(f"/{LIBRARY}\n")

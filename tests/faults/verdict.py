@@ -2,8 +2,12 @@
 import dataclasses
 import re
 import signal
+from collections.abc import Iterator
+from typing import Any
 
 import scenarios
+from control import Record
+from scenarios import Root
 
 # A run that says one of these has given up what comes after it, as it should.
 GIVEN_UP = ("Failed to start executor", "unhandled exception whilst enumerating plugins", "unable to execute plugins",
@@ -55,45 +59,45 @@ STAMP = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ")
 
 @dataclasses.dataclass
 class Outcome:
-    """Everything that a run left; see Plain() for what two equal runs have in common."""
-    status: int
+    """Everything that a run left; see plain() for what two equal runs have in common."""
+    status: int | None  # None: it did not end
     output: str
-    syslog: list
-    deaths: list
-    leftovers: list
-    marks: list
+    syslog: list[str]
+    deaths: list[int]
+    leftovers: list[str]
+    marks: list[str]
     profile: str
     mode: int
-    record: str
+    record: str | None
     kernel: str
-    executorLog: str
-    unexpected: list
-    run: object
+    executor_log: str
+    unexpected: list[str]
+    run: Record
 
     @staticmethod
-    def Collect(answer, root, record):
+    def collect(answer: dict[str, Any], root: Root, record: Record) -> "Outcome":
         return Outcome(answer["status"], answer["output"], answer["syslog"], answer["deaths"], answer["leftovers"],
-                       root.Read(scenarios.MARKS).splitlines(), root.Read(scenarios.PROFILE), root.Mode(), root.Record(),
-                       root.Read(scenarios.KERNEL_LOG), root.Read(scenarios.EXECUTOR_LOG), root.Unexpected(), record)
+                       root.read(scenarios.MARKS).splitlines(), root.read(scenarios.PROFILE), root.mode(), root.record(),
+                       root.read(scenarios.KERNEL_LOG), root.read(scenarios.EXECUTOR_LOG), root.unexpected(), record)
 
-    def Plain(self):
+    def plain(self) -> dict[str, Any]:
         """Without times, and without the order in which processes took turns."""
-        def Lines(text):
+        def lines(text: str) -> list[str]:
             text = re.sub(scenarios.TIME, "TIME", STAMP.sub("", text))
             text = re.sub(r"took \d+ us|Time: \d+|Random Seed: \d+", "N", text)
             return sorted(text.splitlines())
         syslog = sorted(re.sub(r"^(<\d+>).{15} ", r"\1", record.rstrip("\0")) for record in self.syslog)
         syslog = [re.sub(r"took \d+ us", "N", line) for line in syslog]
-        return {"status": self.status, "output": Lines(self.output), "syslog": syslog, "deaths": self.deaths,
-                "leftovers": self.leftovers, "marks": sorted(self.marks), "profile": Lines(self.profile), "mode": self.mode,
-                "record": self.record, "kernel": Lines(self.kernel), "executor log": Lines(self.executorLog),
+        return {"status": self.status, "output": lines(self.output), "syslog": syslog, "deaths": self.deaths,
+                "leftovers": self.leftovers, "marks": sorted(self.marks), "profile": lines(self.profile), "mode": self.mode,
+                "record": self.record, "kernel": lines(self.kernel), "executor log": lines(self.executor_log),
                 "unexpected": self.unexpected}
 
-    def Said(self):
-        return self.output + self.executorLog + "\n".join(self.syslog)
+    def said(self) -> str:
+        return self.output + self.executor_log + "\n".join(self.syslog)
 
 
-def ProfileComplaint(scenario, outcome):
+def profile_complaint(scenario: str, outcome: Outcome) -> str | None:
     old = scenarios.OLD_PROFILE
     if outcome.profile == old:
         return None
@@ -105,61 +109,61 @@ def ProfileComplaint(scenario, outcome):
     return f"the profiling log is neither the old one nor a new one:\n{outcome.profile}"
 
 
-def Complaints(scenario, kind, outcome, usual):
+def complaints(scenario: str, kind: str | None, outcome: Outcome, usual: Outcome) -> Iterator[str]:
     """What is wrong with a run in which one call failed."""
     if outcome.status is None:
         yield f"did not end; there were {outcome.leftovers}"
         return
-    if outcome.status == -signal.SIGABRT and any(text in outcome.Said() for text in PANICS):
+    if outcome.status == -signal.SIGABRT and any(text in outcome.said() for text in PANICS):
         return
     if outcome.status not in (0, 1):
         yield f"exit status {outcome.status}"
-    if outcome.status == 1 and "error" not in outcome.Said() and "warning" not in outcome.Said():
+    if outcome.status == 1 and "error" not in outcome.said() and "warning" not in outcome.said():
         yield "exit status 1 without a reason"
-    for number in [*outcome.deaths, *([outcome.run.killedBy] if outcome.run.killedBy else [])]:
+    for number in [*outcome.deaths, *([outcome.run.killed_by] if outcome.run.killed_by else [])]:
         yield f"a process was ended by signal {number}"
-    if outcome.leftovers and not any(text in outcome.Said() for text in EXECUTOR_LEFT):
+    if outcome.leftovers and not any(text in outcome.said() for text in EXECUTOR_LEFT):
         yield f"left processes behind: {outcome.leftovers}"
     if outcome.unexpected:
         yield f"left files behind: {outcome.unexpected}"
-    if complaint := ProfileComplaint(scenario, outcome):
+    if complaint := profile_complaint(scenario, outcome):
         yield complaint
     records = (scenarios.OLD_RECORD, scenarios.EMPTY_RECORD, usual.record)
-    if outcome.record not in records and "unable to save run-once record" not in outcome.Said():
+    if outcome.record not in records and "unable to save run-once record" not in outcome.said():
         yield f"the run-once record is damaged: {outcome.record!r}"
-    yield from PluginComplaints(outcome, usual)
+    yield from plugin_complaints(outcome, usual)
 
 
-def PluginComplaints(outcome, usual):
+def plugin_complaints(outcome: Outcome, usual: Outcome) -> Iterator[str]:
     """One fault costs one plugin at most, and that one says so."""
     missing = sorted(set(usual.marks) - set(outcome.marks))
     plugins = {mark.partition(".")[0] for mark in missing}
-    allowed = 1 if not any(text in outcome.Said() for text in COMMON_MEANS) else 3
-    if len(plugins) > allowed and not any(text in outcome.Said() for text in GIVEN_UP):
+    allowed = 1 if not any(text in outcome.said() for text in COMMON_MEANS) else 3
+    if len(plugins) > allowed and not any(text in outcome.said() for text in GIVEN_UP):
         yield f"what did not happen: {missing}"
 
 
 BEFORE_THE_LOG = ("lofter::InitializeLogging(", "lofter::Settings::Instance(")
 
 
-def IsUnavoidable(process, outcome, locations):
+def is_unavoidable(process: int, outcome: Outcome, locations: list[str]) -> bool:
     """Of a run in which memory ran out: whether it ended a process at a place where nothing else could come of it.
 
     The locations are those of the program's own functions, the innermost first."""
     if outcome.status == 1 and any(place.startswith(BEFORE_THE_LOG) for place in locations):
         return True  # and nobody to tell
-    deaths = {*outcome.deaths, *([outcome.run.killedBy] if outcome.run.killedBy else [])}
+    deaths = {*outcome.deaths, *([outcome.run.killed_by] if outcome.run.killed_by else [])}
     if outcome.status != -signal.SIGABRT and (outcome.status not in (0, 1) or deaths != {signal.SIGABRT}):
         return False
     # Nobody is there yet to take an exception.
-    beforeMain = process == 0 and all(place == "_start" or place.startswith("_GLOBAL__") for place in locations[-2:])
+    before_main = process == 0 and all(place == "_start" or place.startswith("_GLOBAL__") for place in locations[-2:])
     # The JSON library's destructor is noexcept and allocates.
     own = [place for place in locations if not place.startswith("std::")]
-    return beforeMain or (own != [] and own[0].startswith("nlohmann::") and "::destroy(" in own[0])
+    return before_main or (own != [] and own[0].startswith("nlohmann::") and "::destroy(" in own[0])
 
 
-def StormComplaints(outcome, usual):
-    plain, expected = outcome.Plain(), usual.Plain()
+def storm_complaints(outcome: Outcome, usual: Outcome) -> Iterator[str]:
+    plain, expected = outcome.plain(), usual.plain()
     for name, value in plain.items():
         if value != expected[name]:
             if isinstance(value, list):

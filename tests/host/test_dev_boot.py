@@ -3,33 +3,36 @@ import fcntl
 import os
 import re
 import subprocess
+from collections.abc import Sequence
+from typing import Any, BinaryIO
 
 import pytest
 
-from support.host import BUILD, REPOSITORY
-from support.terminal import Terminal
+from lofterdev.host import BUILD
+from lofterdev.repository import REPOSITORY
+from lofterdev.terminal import Terminal
 
 # They share one demo host, that of ./dev boot.
 pytestmark = pytest.mark.xdist_group("demo")
 
 # What goes around a command so that the kernel refuses it namespaces, and the kernel's words for that.
 REFUSALS = {
-    "ordinary user": (1, "unshare --user --map-user=1000 --map-group=1000", "[Errno 28] unshare: No space left on device"),
+    "ordinary user": (1, "unshare --user --map-user=1000 --map-group=1000", "unshare failed: No space left on device"),
     "root without privileges": (0, "setpriv --bounding-set=-all --inh-caps=-all", "[Errno 1] Operation not permitted: '/'"),
 }
 NOBODY_READS = "./dev boot: whoever read its output has gone. To keep all of it: ./dev boot >boot.log\n"
 
 
-def DevBoot(*arguments, around=(), **settings):
+def dev_boot(*arguments: str, around: Sequence[str] = (), **settings: Any) -> subprocess.CompletedProcess[str]:
     settings = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **settings}
     return subprocess.run([*around, "./dev", "boot", *arguments], cwd=REPOSITORY, text=True, timeout=120,
                           env={**os.environ, "LOFTER_BUILD": str(BUILD)}, **settings)
 
 
-def test_dev_boot_boots_the_demo_host_and_shows_what_it_did():
+def test_dev_boot_boots_the_demo_host_and_shows_what_it_did() -> None:
     graph = REPOSITORY / "build/host/boot.svg"
     graph.unlink(missing_ok=True)
-    outcome = DevBoot(stderr=subprocess.STDOUT)
+    outcome = dev_boot(stderr=subprocess.STDOUT)
     assert outcome.returncode == 0, outcome.stdout
     assert "lofter: Lofter plugin hello activated.\n" in outcome.stdout
     assert "Lofter plugin scratch activation failed: scratch->start() failed: error while executing the cli" in outcome.stdout
@@ -40,50 +43,51 @@ def test_dev_boot_boots_the_demo_host_and_shows_what_it_did():
     assert graph.read_text().count("<polygon") > 5
 
 
-def test_a_boot_in_which_no_plugin_of_the_demo_did_anything_says_so():
-    outcome = DevBoot("--plugin=none.json")
+def test_a_boot_in_which_no_plugin_of_the_demo_did_anything_says_so() -> None:
+    outcome = dev_boot("--plugin=none.json")
     assert (outcome.returncode, outcome.stderr) == (0, "")
     assert "==> what each plugin did (/run/demo)\n" \
         "nothing: no plugin of the demo ran. Without arguments, ./dev boot runs all of them\n" in outcome.stdout
 
 
-def test_a_reader_who_goes_ends_the_boot_with_one_line():
+def test_a_reader_who_goes_ends_the_boot_with_one_line() -> None:
     reader, writer = os.pipe()
     os.close(reader)
     try:
-        outcome = DevBoot(stdout=writer)
+        outcome = dev_boot(stdout=writer)
     finally:
         os.close(writer)
     assert (outcome.returncode, outcome.stderr) == (141, NOBODY_READS)
 
 
-def ReadUntil(stream, text):
+def read_until(stream: BinaryIO, text: bytes) -> None:
     for line in stream:
         if text in line:
             return
-    raise AssertionError(f"not said: {text}")
+    raise AssertionError(f"not said: {text!r}")
 
 
-def test_a_reader_who_goes_in_the_middle_of_the_boot_ends_it_with_one_line():
+def test_a_reader_who_goes_in_the_middle_of_the_boot_ends_it_with_one_line() -> None:
     """With a terminal as standard input the output comes by way of the tool that enters the root."""
     terminal = Terminal()
-    before = terminal.Modes()
+    before = terminal.modes()
     reader, writer = os.pipe()
     fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)  # into which the rest does not fit
     with subprocess.Popen(["./dev", "boot"], cwd=REPOSITORY, env={**os.environ, "LOFTER_BUILD": str(BUILD)}, stdin=terminal.slave,
                           stdout=writer, stderr=subprocess.PIPE, text=True, start_new_session=True) as boot:
         os.close(writer)
         with open(reader, "rb", buffering=0) as output:
-            ReadUntil(output, b"Launching Executor")
+            read_until(output, b"Launching Executor")
+        assert boot.stderr
         errors = boot.stderr.read()
     assert (boot.returncode, errors) == (141, NOBODY_READS)
-    assert terminal.Modes() == before
-    terminal.Close()
+    assert terminal.modes() == before
+    terminal.close()
 
 
 @pytest.mark.parametrize("granted, around, reason", REFUSALS.values(), ids=REFUSALS)
-def test_a_kernel_that_grants_no_namespaces_is_told_in_one_line(granted, around, reason):
-    outcome = DevBoot(around=["unshare", "--user", "--map-root-user", "sh", "-c",
+def test_a_kernel_that_grants_no_namespaces_is_told_in_one_line(granted: int, around: str, reason: str) -> None:
+    outcome = dev_boot(around=["unshare", "--user", "--map-root-user", "sh", "-c",
                               f'echo {granted} >/proc/sys/user/max_user_namespaces; exec {around} "$@"', "sh"])
     assert outcome.returncode == 1
     assert outcome.stderr == "enter: this kernel grants neither namespaces nor a chroot here" \

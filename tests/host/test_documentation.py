@@ -1,87 +1,91 @@
 """What an operator reads and types: the manual pages and the completion of the command line."""
+import pathlib
 import re
 import subprocess
+from collections.abc import Sequence
 
 import pytest
+
+from lofterdev.host import Host
 
 PAGES = {"lofter": 8, "lofter-debug.conf": 5, "lofter-plugin": 7, "lofter-plugin-json": 5}
 
 
-def Page(host, name):
-    return host.Path(f"/usr/share/man/man{PAGES[name]}/{name}.{PAGES[name]}")
+def read_page(host: Host, name: str) -> pathlib.Path:
+    return host.path(f"/usr/share/man/man{PAGES[name]}/{name}.{PAGES[name]}")
 
 
-def Rendered(host, name):
+def rendered(host: Host, name: str) -> str:
     """The page as a reader sees it, without emphasis, on one line."""
-    command = ["mandoc", "-T", "utf8", "-O", "width=900", Page(host, name)]
+    command = ["mandoc", "-T", "utf8", "-O", "width=900", str(read_page(host, name))]
     text = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
     return re.sub(r"\s+", " ", re.sub(".\b", "", text))
 
 
-def Options(host):
+def documented_options(host: Host) -> list[str]:
     """What the program itself says it knows, and the two options that it keeps to itself."""
-    usage = host.Lofter("--help").output
+    usage = host.lofter("--help").output
     return sorted({*re.findall(r"^ +(?:-h,)?(--[a-z-]+)", usage, re.MULTILINE), "--run-once", "--plugin-directory"})
 
 
 @pytest.mark.parametrize("name", PAGES)
-def test_manual_pages_are_well_formed(host, name):
-    check = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", Page(host, name)], stdout=subprocess.PIPE,
+def test_manual_pages_are_well_formed(host: Host, name: str) -> None:
+    check = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", read_page(host, name)], stdout=subprocess.PIPE,
                            stderr=subprocess.STDOUT, text=True)
     # The page generator puts a paragraph in front of headings and lists, which a formatter leaves out.
     complaints = [line for line in check.stdout.splitlines() if "skipping paragraph macro" not in line]
     assert complaints == []
 
 
-def test_every_manual_page_is_checked(host):
-    installed = {path.name for path in host.Path("/usr/share/man").glob("man?/*")}
+def test_every_manual_page_is_checked(host: Host) -> None:
+    installed = {path.name for path in host.path("/usr/share/man").glob("man?/*")}
     assert installed == {f"{name}.{section}" for name, section in PAGES.items()}
 
 
-def test_the_manual_page_explains_every_option(host):
-    page = Rendered(host, "lofter")
+def test_the_manual_page_explains_every_option(host: Host) -> None:
+    page = rendered(host, "lofter")
     options = page[page.index(" MODES "):page.index(" DAEMONS ")]
-    assert [option for option in Options(host) if option not in options] == []
+    assert [option for option in documented_options(host) if option not in options] == []
 
 
-def test_the_manual_page_names_no_option_that_does_not_exist(host):
-    known = Options(host)
-    assert [option for option in re.findall(r"--[a-z][a-z-]+", Rendered(host, "lofter")) if option not in known] == []
+def test_the_manual_page_names_no_option_that_does_not_exist(host: Host) -> None:
+    known = documented_options(host)
+    assert [option for option in re.findall(r"--[a-z][a-z-]+", rendered(host, "lofter")) if option not in known] == []
 
 
-def Complete(host, *words, plugins=()):
+def complete(host: Host, *words: pathlib.Path | str, plugins: Sequence[str] = ()) -> list[str]:
     """What bash offers for the last of these words."""
     script = """source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _lofter; printf '%s\\n' "${COMPREPLY[@]}" """
-    completion = host.Path("/usr/share/bash-completion/completions/lofter")
+    completion = host.path("/usr/share/bash-completion/completions/lofter")
     outcome = subprocess.run(["bash", "-c", script, "bash", completion, "lofter", *map(str, words)], check=True,
                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     assert outcome.stderr == ""
     return sorted(filter(None, outcome.stdout.splitlines()))
 
 
-def test_completion_offers_every_option(host):
-    offered = sorted(word.rstrip("=") for word in Complete(host, ""))
-    assert offered == sorted([*Options(host), "-h"])
-    assert Complete(host, "--daemon") == ["--daemon", "--daemon-wait-timeout="]
+def test_completion_offers_every_option(host: Host) -> None:
+    offered = sorted(word.rstrip("=") for word in complete(host, ""))
+    assert offered == sorted([*documented_options(host), "-h"])
+    assert complete(host, "--daemon") == ["--daemon", "--daemon-wait-timeout="]
 
 
-def test_completion_knows_the_values_of_options(host):
-    assert Complete(host, "--method", "=") == ["apply_host_profile", "start", "stop"]
-    assert Complete(host, "--method", "=", "st") == ["start", "stop"]
-    assert Complete(host, "--daemon", "=", "n") == ["nowait"]
+def test_completion_knows_the_values_of_options(host: Host) -> None:
+    assert complete(host, "--method", "=") == ["apply_host_profile", "start", "stop"]
+    assert complete(host, "--method", "=", "st") == ["start", "stop"]
+    assert complete(host, "--daemon", "=", "n") == ["nowait"]
 
 
-def test_completion_finds_plugins_behind_the_last_comma(host):
-    directory = host.Path("/plugins")
+def test_completion_finds_plugins_behind_the_last_comma(host: Host) -> None:
+    directory = host.path("/plugins")
     for name in ("net.json", "libdisk.so", "README"):
-        host.Write(f"/plugins/{name}", "")
+        host.write(f"/plugins/{name}", "")
     where = ("--plugin-directory", "=", directory)
-    assert Complete(host, *where, "--plugin", "=") == ["libdisk.so", "net.json"]
-    assert Complete(host, *where, "--plugin", "=", "net.json,l") == ["net.json,libdisk.so"]
-    assert Complete(host, *where, "--disable-plugins", "=") == ["disk", "net"]
+    assert complete(host, *where, "--plugin", "=") == ["libdisk.so", "net.json"]
+    assert complete(host, *where, "--plugin", "=", "net.json,l") == ["net.json,libdisk.so"]
+    assert complete(host, *where, "--disable-plugins", "=") == ["disk", "net"]
 
 
-def test_completion_finds_directories_and_files(host):
-    host.Write("/place/file", "")
-    assert Complete(host, "--plugin-directory", "=", host.Path("/pla")) == [str(host.Path("/place"))]
-    assert Complete(host, "--dump-dependency-tree", "=", host.Path("/place/f")) == [str(host.Path("/place/file"))]
+def test_completion_finds_directories_and_files(host: Host) -> None:
+    host.write("/place/file", "")
+    assert complete(host, "--plugin-directory", "=", host.path("/pla")) == [str(host.path("/place"))]
+    assert complete(host, "--dump-dependency-tree", "=", host.path("/place/f")) == [str(host.path("/place/file"))]

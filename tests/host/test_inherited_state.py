@@ -1,9 +1,10 @@
 """What the invoking process left behind must not change the run."""
+from lofterdev.host import Host
 
 
-def test_a_caller_that_ignores_the_end_of_its_children_changes_nothing(host):
-    host.DebugConfiguration("good:::true", "bad:::exit 3")
-    outcome = host.Run("/usr/bin/gnu-env", "--ignore-signal=CHLD", "/usr/sbin/lofter",
+def test_a_caller_that_ignores_the_end_of_its_children_changes_nothing(host: Host) -> None:
+    host.debug_configuration("good:::true", "bad:::exit 3")
+    outcome = host.run("/usr/bin/gnu-env", "--ignore-signal=CHLD", "/usr/sbin/lofter",
                        bind=[("/usr/bin/env", "/usr/bin/gnu-env")])
     assert outcome.status == 0
     injections = [line for line in outcome.output.splitlines() if "debug injection" in line]

@@ -1,28 +1,31 @@
 """The commands of the kit's README, run word for word and in its order, lead to a boot that runs the plugin."""
 import os
+import pathlib
 import re
 import shutil
 import subprocess
 
 import pytest
 
-from support.host import BUILD, ENVIRONMENT, REPOSITORY
+from lofterdev.host import BUILD, ENVIRONMENT, Host
+from lofterdev.repository import REPOSITORY
 
 README = REPOSITORY / "sdk" / "README.md"
 PLUGINS = "usr/libexec/lofter/plugins"
 
 
 @pytest.fixture
-def checkout(tmp_path):
+def checkout(tmp_path: pathlib.Path) -> pathlib.Path:
     """What the README takes for the repository: nothing that its commands make lands in the real one."""
     (tmp_path / "build").mkdir()
     (tmp_path / "build" / "release").symlink_to(BUILD)
-    (tmp_path / "host").symlink_to(REPOSITORY / "host")
+    for part in ("host", "tools"):
+        (tmp_path / part).symlink_to(REPOSITORY / part)
     shutil.copytree(REPOSITORY / "sdk", tmp_path / "sdk")
     return tmp_path
 
 
-def test_following_the_readme_boots_the_plugin(checkout):
+def test_following_the_readme_boots_the_plugin(checkout: pathlib.Path) -> None:
     blocks = re.findall(r"^```sh\n(.*?)^```$", README.read_text(), re.MULTILINE | re.DOTALL)
     assert blocks
     (checkout / "commands").write_text("".join(blocks))
@@ -42,7 +45,7 @@ def test_following_the_readme_boots_the_plugin(checkout):
     assert (checkout / "host-root/run/banner").read_text() == "Welcome\n"
 
 
-def test_the_three_line_plugin_of_the_readme_compiles_as_c_and_as_cxx(tmp_path):
+def test_the_three_line_plugin_of_the_readme_compiles_as_c_and_as_cxx(tmp_path: pathlib.Path) -> None:
     source = re.search(r"^```c\n(.*?)^```$", README.read_text(), re.MULTILINE | re.DOTALL).group(1)
     assert source.count("\n") == 3
     for compiler, suffix, standards in (("gcc", "c", ("c11", "c17")), ("g++", "cpp", ("c++17", "c++20"))):
@@ -53,11 +56,12 @@ def test_the_three_line_plugin_of_the_readme_compiles_as_c_and_as_cxx(tmp_path):
                             f"-I{REPOSITORY / 'sdk' / 'include'}", "-o", tmp_path / "plugin.so", path], check=True)
 
 
-def test_pkg_config_names_the_folder_for_plugins(host):
-    environment = {**os.environ, "PKG_CONFIG_PATH": str(host.Path("/usr/share/pkgconfig"))}
-    Ask = lambda *words: subprocess.run(["pkg-config", *words, "lofter"], env=environment, check=True, text=True,
-                                        stdout=subprocess.PIPE).stdout.strip()
-    assert Ask("--variable=plugindir") == "/usr/libexec/lofter/plugins"
-    assert Ask("--variable=includedir") == "/usr/include"
-    assert host.Exists("/usr/include/lofter/plugin.h")
-    assert host.Exists("/usr/share/man/man7/lofter-plugin.7")
+def test_pkg_config_names_the_folder_for_plugins(host: Host) -> None:
+    environment = {**os.environ, "PKG_CONFIG_PATH": str(host.path("/usr/share/pkgconfig"))}
+
+    def ask(word: str) -> str:
+        return subprocess.run(["pkg-config", word, "lofter"], env=environment, check=True, text=True, stdout=subprocess.PIPE).stdout.strip()
+    assert ask("--variable=plugindir") == "/usr/libexec/lofter/plugins"
+    assert ask("--variable=includedir") == "/usr/include"
+    assert host.exists("/usr/include/lofter/plugin.h")
+    assert host.exists("/usr/share/man/man7/lofter-plugin.7")

@@ -1,5 +1,12 @@
-"""The graph and the rules of scheduling, for one worker: lists and walks, as slow and as plain as they can be told."""
+"""The graph and the rules of scheduling, for one worker: lists and walks, as slow and as plain as they can be told.
+
+The graph fuzzer has a model of its own, GraphModel.h. Both stay: that one is asked thousands of times a second in the
+fuzzer's process, and about what only the program's inside shows (states, marks, nodes that go); this one is a part of
+what a whole boot has to log. One for both would need a bridge between the languages, and a mistake in it would be in both.
+"""
 import ctypes
+from collections.abc import Callable
+from typing import Any
 
 IDLE, START_PENDING, STOP_PENDING, START_QUEUED, STOP_QUEUED, STARTED, STOPPED = range(7)
 
@@ -7,28 +14,32 @@ libc = ctypes.CDLL(None)  # for rand(): randomized runs draw from its default se
 
 
 class Node:
-    def __init__(self, name, kind="plugin", scheduleClass=1):
-        self.name, self.kind, self.scheduleClass = name, kind, scheduleClass
-        self.dependencies, self.dependents = [], []
+    def __init__(self, name: str, kind: str = "plugin", schedule_class: int = 1) -> None:
+        self.name, self.kind, self.schedule_class = name, kind, schedule_class
+        self.dependencies: list[Node] = []
+        self.dependents: list[Node] = []
         self.state = IDLE
         self.version = -1
-        self.runOnce, self.release = False, ""
-        self.requiredFlags, self.disablingFlags = set(), set()
-        self.source = None
-        self.marks = []       # what its work leaves behind, in order
-        self.pause = 0        # milliseconds that its work takes at least
-        self.depths = {}
+        self.run_once, self.release = False, ""
+        self.required_flags: set[str] = set()
+        self.disabling_flags: set[str] = set()
+        self.source: Any = None  # of the plan
+        self.start_commands: list[str] = []
+        self.profile_commands: list[str] = []
+        self.marks: list[str] = []  # what its work leaves behind, in order
+        self.pause = 0  # milliseconds that its work takes at least
+        self.depths: dict[str, int] = {}
         self.ran = False
 
-    def AddDependency(self, other):
+    def add_dependency(self, other: "Node") -> None:
         self.dependencies.append(other)
         other.dependents.append(self)
 
-    def AddDependent(self, other):
-        other.AddDependency(self)
+    def add_dependent(self, other: "Node") -> None:
+        other.add_dependency(self)
 
 
-def HasCycle(nodes):
+def has_cycle(nodes: list[Node]) -> bool:
     """Over everything that is linked with these nodes."""
     every, queue = set(nodes), list(nodes)
     while queue:
@@ -49,7 +60,7 @@ def HasCycle(nodes):
     return done < len(every)
 
 
-def Depth(node, side):
+def depth_of(node: Node, side: str) -> int:
     """The longest chain on one side, without recursion."""
     stack = [node]
     while stack:
@@ -69,15 +80,15 @@ def Depth(node, side):
 class Player:
     """The scheduling rules with one worker."""
 
-    def __init__(self, work, randomize, depthsCount):
-        self.queue = []
+    def __init__(self, work: Callable[[Node, bool], object], randomize: bool, depths_count: bool) -> None:
+        self.queue: list[Node] = []
         self.work = work
         self.randomize = randomize
-        self.depthsCount = depthsCount
+        self.depths_count = depths_count
         if randomize:
             libc.srand(1)
 
-    def Schedule(self, node, stop):
+    def schedule(self, node: Node, stop: bool) -> None:
         pending, queued, ended = (STOP_PENDING, STOP_QUEUED, STOPPED) if stop else (START_PENDING, START_QUEUED, STARTED)
         if node.state in (queued, ended):
             return
@@ -86,7 +97,7 @@ class Player:
         satisfied = True
         for other in node.dependents if stop else node.dependencies:
             if other.state == IDLE:
-                self.Schedule(other, stop)
+                self.schedule(other, stop)
                 satisfied = False
             elif other.state in (pending, queued):
                 satisfied = False
@@ -94,36 +105,36 @@ class Player:
             node.state = queued
             self.queue.append(node)
 
-    def Pick(self):
-        candidates, bestClass, bestDepth = [], 2 ** 32 - 1, 0
+    def pick(self) -> Node:
+        candidates, best_class, best_depth = [], 2 ** 32 - 1, 0
         for node in self.queue:
             depth = 0
-            if self.depthsCount:
-                depth = Depth(node, "dependents" if node.state == START_QUEUED else "dependencies")
-            if node.scheduleClass < bestClass:
-                candidates, bestClass, bestDepth = [node], node.scheduleClass, depth
-            elif node.scheduleClass == bestClass and depth > bestDepth:
-                candidates, bestDepth = [node], depth
-            elif node.scheduleClass == bestClass and depth == bestDepth:
+            if self.depths_count:
+                depth = depth_of(node, "dependents" if node.state == START_QUEUED else "dependencies")
+            if node.schedule_class < best_class:
+                candidates, best_class, best_depth = [node], node.schedule_class, depth
+            elif node.schedule_class == best_class and depth > best_depth:
+                candidates, best_depth = [node], depth
+            elif node.schedule_class == best_class and depth == best_depth:
                 candidates.append(node)
         chosen = candidates[libc.rand() % len(candidates) if self.randomize else 0]
         self.queue.remove(chosen)
         return chosen
 
-    def Run(self, nodes, stop):
+    def run(self, nodes: list[Node], stop: bool) -> bool:
         for node in nodes:
-            self.Schedule(node, stop)
+            self.schedule(node, stop)
         while self.queue:
-            node = self.Pick()
+            node = self.pick()
             self.work(node, stop)
             node.state = STOPPED if stop else STARTED
             for other in node.dependencies if stop else node.dependents:
                 if other.state == (STOP_PENDING if stop else START_PENDING):
-                    self.Schedule(other, stop)
+                    self.schedule(other, stop)
         return all(node.state == (STOPPED if stop else STARTED) for node in nodes)
 
 
-def Edges(ran, stop):
+def edges(ran: list[Node], stop: bool) -> list[tuple[Node, Node]]:
     """Who has to wait for whom: plugins joined by barriers alone. What was marked started holds nobody up."""
     edges = []
     for node in ran:

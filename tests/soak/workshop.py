@@ -2,8 +2,9 @@
 import pathlib
 import subprocess
 
-from plan import JsonFile, NativeFile, Script
-from support.host import BUILD, MKHOST, REPOSITORY
+from lofterdev.host import BUILD, Host
+from lofterdev.roots import assemble
+from plan import HostPlan, JsonFile, NativeFile, Script
 
 SOURCE = pathlib.Path(__file__).resolve().parent / "plugin.c"
 MARKER = b"@the text of a plugin@"
@@ -34,43 +35,44 @@ NEVER = "#!/bin/sh\necho shadowed >>/var/marks\n"
 
 
 class Workshop:
-    def __init__(self, folder):
+    def __init__(self, folder: pathlib.Path) -> None:
         self.folder = folder
         self.template = folder / "template"
-        self.objects = {}
+        self.objects: dict[str, bytes] = {}
 
-    def Compile(self, name, *options):
+    def compile_object(self, name: str, *options: pathlib.Path | str) -> None:
         target = self.folder / f"{name}.so"
-        subprocess.run(["cc", "-std=gnu11", "-Wall", "-Werror", "-O1", "-shared", "-fPIC", "-Wl,-Bsymbolic", *options, "-o", target], check=True)
+        subprocess.run(["cc", "-std=gnu11", "-Wall", "-Werror", "-O1", "-shared", "-fPIC", "-Wl,-Bsymbolic", *options, "-o", target],
+                       check=True)
         self.objects[name] = target.read_bytes()
 
-    def Prepare(self):
+    def prepare(self) -> None:
         """Once: the template, the commands, and the objects of which every native plugin is made."""
         self.folder.mkdir(parents=True, exist_ok=True)
-        subprocess.run([MKHOST, "--build", BUILD, "--dest", self.template, "--bare"], check=True)
+        assemble(BUILD, self.template, bare=True)
         for path, text in (("soak.mark", COMMAND), ("soak.deep.est", COMMAND), ("int/soak.inner", COMMAND), ("ext/soak.outer", COMMAND),
                            ("int/soak.mark", NEVER), ("int/ext/soak.inner", NEVER), ("ext/soak.mark", NEVER)):
             command = self.template / COMMANDS.lstrip("/") / path
             command.write_text(text)
             command.chmod(0o755)
-        self.LoadObjects()
+        self.load_objects()
 
-    def LoadObjects(self):
-        self.Compile("whole", SOURCE)
-        self.Compile("bare", "-xc", "/dev/null")
+    def load_objects(self) -> None:
+        self.compile_object("whole", SOURCE)
+        self.compile_object("bare", "-xc", "/dev/null")
         half = self.folder / "half.c"
         half.write_text("int (*operations[2])(void);\n")
-        self.Compile("half", half)
+        self.compile_object("half", half)
 
-    def NativeBytes(self, plugin):
+    def native_bytes(self, plugin: NativeFile) -> bytes:
         if plugin.flaw in ("bare", "half"):
             return self.objects[plugin.flaw]
         if plugin.flaw == "text":
             return b"not an object\n"
         words = [f"v{plugin.version}"]
         words += [f"R{plugin.release}"] if plugin.release is not None else []
-        words += ["o"] if plugin.runOnce else []
-        for letter, names in (("r", plugin.requires), ("p", plugin.provides), ("n", plugin.requiredFlags), ("d", plugin.disablingFlags)):
+        words += ["o"] if plugin.run_once else []
+        for letter, names in (("r", plugin.requires), ("p", plugin.provides), ("n", plugin.required_flags), ("d", plugin.disabling_flags)):
             words += [letter + name for name in names]
         for letter, work in (("s", plugin.start), ("a", plugin.profile)):
             words += [f"{letter}{work.mark} {work.pause} {work.status} {work.signal}"] if work else []
@@ -81,42 +83,42 @@ class Workshop:
         patched = whole[:place] + text.ljust(TEXT_SIZE, b"\0") + whole[place + TEXT_SIZE:]
         return patched[:len(patched) // 2] if plugin.flaw == "truncated" else patched
 
-    def Furnish(self, host, plan):
+    def furnish(self, host: Host, plan: HostPlan) -> None:
         for file in plan.files:
             if isinstance(file, JsonFile):
-                host.Plugin(file.file, file.text)
+                host.plugin(file.file, file.text)
             elif isinstance(file, NativeFile):
-                host.Plugin(file.file, self.NativeBytes(file))
+                host.plugin(file.file, self.native_bytes(file))
             else:
-                host.Plugin(file.file, "")
+                host.plugin(file.file, "")
         if plan.debug:
-            host.DebugConfiguration(*[line.text for line in plan.debug])
-        host.Write("/sys/devices/system/cpu/online", f"0-{plan.processors - 1}\n" if plan.processors > 1 else "0\n")
+            host.debug_configuration(*[line.text for line in plan.debug])
+        host.write("/sys/devices/system/cpu/online", f"0-{plan.processors - 1}\n" if plan.processors > 1 else "0\n")
         if plan.stateless:
-            host.Write("/stateless.tgz", "")
-        if plan.hostProfile is not None:
-            host.Write(f"/etc/tessel/hostprofile.{plan.hostProfile}", "")
+            host.write("/stateless.tgz", "")
+        if plan.host_profile is not None:
+            host.write(f"/etc/tessel/hostprofile.{plan.host_profile}", "")
         if plan.services:
             for path in ("/usr/lib/tessel/tssyslog/bin/tssyslogd", "/etc/init.d/hxed"):
-                host.WriteScript(path, f'echo "{path} $*" >>/var/marks')
-            host.WriteScript("/usr/lib/tessel/tssyslog/bin/upgrade-syslog.conf.sh", "echo upgrade >>/var/marks")
-        if plan.syslogConfiguration:
-            host.Write("/etc/syslog.conf", "")
-        if plan.syslogPid is not None:
-            host.Write("/run/tessel/tssyslogd.pid", plan.syslogPid)
-        self.FurnishDaemons(host, plan)
+                host.write_script(path, f'echo "{path} $*" >>/var/marks')
+            host.write_script("/usr/lib/tessel/tssyslog/bin/upgrade-syslog.conf.sh", "echo upgrade >>/var/marks")
+        if plan.syslog_configuration:
+            host.write("/etc/syslog.conf", "")
+        if plan.syslog_pid is not None:
+            host.write("/run/tessel/tssyslogd.pid", plan.syslog_pid)
+        self.furnish_daemons(host, plan)
 
-    def FurnishDaemons(self, host, plan):
+    def furnish_daemons(self, host: Host, plan: HostPlan) -> None:
         for script in plan.scripts:
             if script.flaw != "missing":
-                host.WriteScript(script.path, ScriptBody(script))
-                host.Path(script.path).chmod(0o644 if script.flaw == "locked" else 0o755)
+                host.write_script(script.path, script_body(script))
+                host.path(script.path).chmod(0o644 if script.flaw == "locked" else 0o755)
         lines = [f"{line.path} {line.priority}" if isinstance(line, Script) else line for line in plan.listing]
-        host.Write("/etc/chkconfig.list", "".join(f"{line}\n" for line in lines))
-        host.WriteScript("/bin/chkconfig", '[ "$*" = -p ] && cat /etc/chkconfig.list')
+        host.write("/etc/chkconfig.list", "".join(f"{line}\n" for line in lines))
+        host.write_script("/bin/chkconfig", '[ "$*" = -p ] && cat /etc/chkconfig.list')
 
 
-def ScriptBody(script):
+def script_body(script: Script) -> str:
     cases = ""
     for method, work in (("start", script.start), ("stop", script.stop)):
         signal = f"kill -{work.signal} $$; " if work.signal else ""

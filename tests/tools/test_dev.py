@@ -1,13 +1,16 @@
 """./dev on a fresh clone, and on machines that lack something. The tools that it calls are stood in for, so nothing is built."""
 import os
+import pathlib
 import platform
 import re
 import shutil
 import subprocess
+from typing import Any
 
 import pytest
 
-from sources import REPOSITORY, Tracked
+from lofterdev.repository import REPOSITORY
+from sources import tracked
 
 VM = "release" if platform.machine() == "aarch64" else "aarch64"
 # The words of a call, and the preset with whose configuration its work begins.
@@ -29,10 +32,10 @@ EMPTY_ARCHIVE = "tar -cf - -T /dev/null"
 
 
 @pytest.fixture(scope="session")
-def clone(tmp_path_factory):
+def clone(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
     """What a clone of this tree has in it."""
     clone = tmp_path_factory.mktemp("clone")
-    for path in Tracked():
+    for path in tracked():
         (clone / path.parent).mkdir(parents=True, exist_ok=True)
         shutil.copy2(REPOSITORY / path, clone / path, follow_symlinks=False)
     subprocess.run(["git", "init", "-q", clone], check=True)
@@ -40,74 +43,75 @@ def clone(tmp_path_factory):
 
 
 class Machine:
-    def __init__(self, clone, folder):
+    def __init__(self, clone: pathlib.Path, folder: pathlib.Path) -> None:
         shutil.rmtree(clone / "build", ignore_errors=True)
         self.clone, self.tools, self.calls = clone, folder / "tools", folder / "calls"
         self.tools.mkdir()
         self.path = f"{self.tools}:/usr/sbin:/usr/bin:/sbin:/bin"
-        self.Tool("dpkg-query", INSTALLED)
-        self.Tool("cmake", OUT_OF_ORDER)
-        self.Tool("apt-get", APT)
-        self.Tool("dpkg-deb", EMPTY_ARCHIVE)
-        self.Tool("gcovr", "exit 1")
+        self.tool("dpkg-query", INSTALLED)
+        self.tool("cmake", OUT_OF_ORDER)
+        self.tool("apt-get", APT)
+        self.tool("dpkg-deb", EMPTY_ARCHIVE)
+        self.tool("gcovr", "exit 1")
 
-    def Tool(self, name, body):
+    def tool(self, name: str, body: str) -> None:
         path = self.tools / name
         path.write_text(f"#!/bin/sh\n{body}\n")
         path.chmod(0o755)
 
-    def HasOnly(self, *tools):
+    def has_only(self, *tools: str) -> None:
         """Of what this machine has; and of what stands in for it, all."""
         for name in tools:
             if not (self.tools / name).exists():
-                (self.tools / name).symlink_to(shutil.which(name))
+                (self.tools / name).symlink_to(shutil.which(name) or name)
         self.path = str(self.tools)
 
-    def Run(self, *words, **settings):
+    def run(self, *words: str, **settings: Any) -> subprocess.CompletedProcess[str]:
+        settings.setdefault("stdout", subprocess.PIPE)
         environment = {"PATH": self.path, "HOME": "/", "CALLS": str(self.calls)}
         return subprocess.run(words, cwd=self.clone, env=environment, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-                              timeout=120, **{"stdout": subprocess.PIPE, **settings})
+                              timeout=120, **settings)
 
-    def Dev(self, *words, **settings):
-        return self.Run("./dev", *words, **settings)
+    def dev(self, *words: str, **settings: Any) -> subprocess.CompletedProcess[str]:
+        return self.run("./dev", *words, **settings)
 
-    def Calls(self):
+    def called(self) -> list[str]:
         return self.calls.read_text().splitlines() if self.calls.exists() else []
 
 
 @pytest.fixture
-def machine(clone, tmp_path):
+def machine(clone: pathlib.Path, tmp_path: pathlib.Path) -> Machine:
     return Machine(clone, tmp_path)
 
 
-def IsPlain(outcome):
+def is_plain(outcome: subprocess.CompletedProcess[str]) -> bool:
     """Nobody has to know how it is made to read it."""
     said = f"{outcome.stdout}{outcome.stderr}"
     return "Traceback" not in said and not re.search(r"^(\S*/)?(sh|dev|fetch|apt|sysroot|boot): \d+: ", said, re.MULTILINE) and \
         "No such file" not in said
 
 
-def test_every_command_is_among_those_that_are_tried(machine):
-    usage = machine.Dev("help").stdout
+def test_every_command_is_among_those_that_are_tried(machine: Machine) -> None:
+    usage = machine.dev("help").stdout
     assert sorted(re.findall(r"^  (\w+) ", usage, re.MULTILINE)) == sorted(COMMANDS)
 
 
 @pytest.mark.parametrize("words, preset", COMMANDS.values(), ids=COMMANDS)
-def test_a_command_comes_as_far_as_its_build_on_a_fresh_clone(machine, words, preset):
-    outcome = machine.Dev(*words)
-    assert machine.Calls()[:1] and f"--preset {preset}" in machine.Calls()[0], outcome
+def test_a_command_comes_as_far_as_its_build_on_a_fresh_clone(machine: Machine, words: list[str], preset: str) -> None:
+    outcome = machine.dev(*words)
+    assert machine.called()[:1] and f"--preset {preset}" in machine.called()[0], outcome
     assert outcome.returncode == 1
     assert "cmake: out of order" in outcome.stdout + outcome.stderr
-    assert IsPlain(outcome), outcome
+    assert is_plain(outcome), outcome
 
 
 @pytest.mark.parametrize("words", [words for name, (words, _) in COMMANDS.items() if name not in QUIET_BEFORE_THEIR_BUILD])
-def test_a_reader_who_has_gone_ends_a_command_with_one_line(machine, words):
+def test_a_reader_who_has_gone_ends_a_command_with_one_line(machine: Machine, words: list[str]) -> None:
     reader, writer = os.pipe()
     os.close(reader)
-    machine.Tool("cmake", OUT_OF_ORDER.replace('echo "cmake: out of order" >&2; ', ""))
+    machine.tool("cmake", OUT_OF_ORDER.replace('echo "cmake: out of order" >&2; ', ""))
     try:
-        outcome = machine.Dev(*words, stdout=writer)
+        outcome = machine.dev(*words, stdout=writer)
     finally:
         os.close(writer)
     assert outcome.returncode == 141, outcome
@@ -120,44 +124,44 @@ SHELL = ("sh", "env", "dirname", "sed", "cat", "grep", "uname")
 ONE_IS_MISSING = INSTALLED + " | grep -vx 'scdoc installed'"
 
 
-def test_nothing_is_installed_where_nothing_is_missing(machine):
-    machine.Tool("apt-get", 'echo "$*" >>"$CALLS"')
-    machine.Dev("test")
-    assert not any("install" in call for call in machine.Calls())
+def test_nothing_is_installed_where_nothing_is_missing(machine: Machine) -> None:
+    machine.tool("apt-get", 'echo "$*" >>"$CALLS"')
+    machine.dev("test")
+    assert not any("install" in call for call in machine.called())
 
 
-def test_what_is_missing_is_installed(machine):
-    machine.Tool("dpkg-query", ONE_IS_MISSING)
-    machine.Tool("id", "echo 0")
-    machine.Tool("apt-get", 'echo "apt-get $*" >>"$CALLS"')
-    outcome = machine.Dev("test")
+def test_what_is_missing_is_installed(machine: Machine) -> None:
+    machine.tool("dpkg-query", ONE_IS_MISSING)
+    machine.tool("id", "echo 0")
+    machine.tool("apt-get", 'echo "apt-get $*" >>"$CALLS"')
+    outcome = machine.dev("test")
     assert "==> installing scdoc\n" in outcome.stdout
-    assert machine.Calls()[:2] == ["apt-get update -qq", "apt-get install -y -qq --no-install-recommends scdoc"]
+    assert machine.called()[:2] == ["apt-get update -qq", "apt-get install -y -qq --no-install-recommends scdoc"]
 
 
-def test_a_machine_without_sudo_is_told_what_root_has_to_do(machine):
-    machine.Tool("dpkg-query", ONE_IS_MISSING)
-    machine.Tool("id", "echo 1000")
-    machine.HasOnly(*SHELL)
-    outcome = machine.Dev("test")
+def test_a_machine_without_sudo_is_told_what_root_has_to_do(machine: Machine) -> None:
+    machine.tool("dpkg-query", ONE_IS_MISSING)
+    machine.tool("id", "echo 1000")
+    machine.has_only(*SHELL)
+    outcome = machine.dev("test")
     assert (outcome.returncode, outcome.stdout) == (1, "")
     assert outcome.stderr == "dev: packages are missing, and there is no sudo to install them with. As root: apt-get install scdoc\n"
 
 
-def test_a_machine_without_apt_is_told_what_is_missing(machine):
-    machine.Tool("dpkg-query", ONE_IS_MISSING)
+def test_a_machine_without_apt_is_told_what_is_missing(machine: Machine) -> None:
+    machine.tool("dpkg-query", ONE_IS_MISSING)
     (machine.tools / "apt-get").unlink()
-    machine.HasOnly(*SHELL)
-    outcome = machine.Dev("test")
+    machine.has_only(*SHELL)
+    outcome = machine.dev("test")
     assert (outcome.returncode, outcome.stdout) == (1, "")
     assert outcome.stderr == "dev: packages are missing, and there is no apt-get to install them with. By other means, install: scdoc\n"
 
 
-def test_an_apt_that_fails_is_left_with_its_own_reason_and_what_to_do(machine):
-    machine.Tool("dpkg-query", ONE_IS_MISSING)
-    machine.Tool("id", "echo 0")
-    machine.Tool("apt-get", APT_OUT_OF_ORDER)
-    outcome = machine.Dev("test")
+def test_an_apt_that_fails_is_left_with_its_own_reason_and_what_to_do(machine: Machine) -> None:
+    machine.tool("dpkg-query", ONE_IS_MISSING)
+    machine.tool("id", "echo 0")
+    machine.tool("apt-get", APT_OUT_OF_ORDER)
+    outcome = machine.dev("test")
     assert (outcome.returncode, outcome.stdout) == (1, "==> installing scdoc\n")
     assert outcome.stderr == "E: out of order\n" \
         "dev: apt-get has failed, for the reason above. Once that is mended, repeat the command, or as root: apt-get install scdoc\n"
@@ -166,41 +170,42 @@ def test_an_apt_that_fails_is_left_with_its_own_reason_and_what_to_do(machine):
 # What fetches packages.
 
 @pytest.mark.parametrize("root", [True, False], ids=["root", "ordinary user"])
-def test_a_package_that_cannot_be_fetched_costs_one_line_behind_apts(machine, root):
-    machine.Tool("id", "case $1 in -u) echo %d ;; *) echo user ;; esac" % (0 if root else 1000))
-    machine.Tool("sudo", '"$@"')
-    machine.Tool("apt-get", APT_OUT_OF_ORDER)
-    outcome = machine.Run("host/fetch", "busybox-static", "inetutils-syslogd")
+def test_a_package_that_cannot_be_fetched_costs_one_line_behind_apts(machine: Machine, root: bool) -> None:
+    machine.tool("id", "case $1 in -u) echo %d ;; *) echo user ;; esac" % (0 if root else 1000))
+    machine.tool("sudo", '"$@"')
+    machine.tool("apt-get", APT_OUT_OF_ORDER)
+    outcome = machine.run("host/fetch", "busybox-static", "inetutils-syslogd")
     assert (outcome.returncode, outcome.stdout) == (1, "")
     assert outcome.stderr.splitlines()[-1] == \
-        "fetch: apt cannot download busybox-static inetutils-syslogd, for the reason above. Look at the network and at /etc/apt/sources.list*"
+        "fetch: apt cannot download busybox-static inetutils-syslogd, for the reason above." \
+        " Look at the network and at /etc/apt/sources.list*"
     assert set(outcome.stderr.splitlines()[:-1]) == {"E: out of order"}
 
 
-def test_lists_of_packages_that_cannot_be_renewed_without_sudo(machine):
-    machine.Tool("id", "case $1 in -u) echo 1000 ;; *) echo user ;; esac")
-    machine.Tool("apt-get", APT_OUT_OF_ORDER)
-    machine.HasOnly(*SHELL, "dpkg", "mkdir", "mktemp", "rm")
-    outcome = machine.Run("host/fetch", "busybox-static")
+def test_lists_of_packages_that_cannot_be_renewed_without_sudo(machine: Machine) -> None:
+    machine.tool("id", "case $1 in -u) echo 1000 ;; *) echo user ;; esac")
+    machine.tool("apt-get", APT_OUT_OF_ORDER)
+    machine.has_only(*SHELL, "dpkg", "mkdir", "mktemp", "rm")
+    outcome = machine.run("host/fetch", "busybox-static")
     assert (outcome.returncode, outcome.stdout) == (1, "")
     assert outcome.stderr == "fetch: apt's lists of packages are missing or old, and there is no sudo. As root: apt-get update\n"
 
 
-def test_a_root_whose_packages_cannot_be_fetched_is_not_assembled(machine):
-    machine.Tool("apt-get", APT_OUT_OF_ORDER)
+def test_a_root_whose_packages_cannot_be_fetched_is_not_assembled(machine: Machine) -> None:
+    machine.tool("apt-get", APT_OUT_OF_ORDER)
     program = machine.clone / "build/release/apps/lofter"
     program.parent.mkdir(parents=True)
     shutil.copy("/bin/true", program)
-    outcome = machine.Run("host/mkhost", "--build", "build/release", "--dest", "build/root")
+    outcome = machine.run("host/mkhost", "--build", "build/release", "--dest", "build/root")
     assert outcome.returncode == 1
     assert outcome.stderr.splitlines()[-1].startswith("fetch: apt cannot download busybox-static, for the reason above.")
-    assert IsPlain(outcome), outcome
+    assert is_plain(outcome), outcome
 
 
-def test_a_cross_build_whose_libraries_cannot_be_fetched_is_not_begun(machine):
-    machine.Tool("apt-get", APT_OUT_OF_ORDER)
-    machine.Tool("dpkg", "echo amd64")
-    outcome = machine.Run("host/machine/sysroot")
+def test_a_cross_build_whose_libraries_cannot_be_fetched_is_not_begun(machine: Machine) -> None:
+    machine.tool("apt-get", APT_OUT_OF_ORDER)
+    machine.tool("dpkg", "echo amd64")
+    outcome = machine.run("host/machine/sysroot")
     assert (outcome.returncode, outcome.stdout) == (1, "")
     assert outcome.stderr == "E: out of order\n" \
         "apt: no lists of packages for arm64, for the reason above. Look at the network, and whether the mirror carries arm64\n"

@@ -2,11 +2,9 @@
 import pathlib
 import re
 import socket
-import sys
 
-REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(REPOSITORY / "host" / "machine"))
-from machine import MakeDisk  # noqa: E402
+from lofterdev.machine import Machine, make_disk
+from lofterdev.repository import REPOSITORY
 
 IMAGE = REPOSITORY / "build" / "machine"
 # Generous: emulated, and maybe on a busy machine.
@@ -16,36 +14,36 @@ BOOT = 240
 class Console:
     """Somebody who is logged in on the serial line. `boot` is what the line showed before."""
 
-    def __init__(self, machine):
+    def __init__(self, machine: Machine) -> None:
         self.machine = machine
-        self.Login()
+        self.login()
 
-    def Login(self):
-        self.machine.Expect(r"# $", 60, self.machine.Expect(r"^machine: verdict \d+.*\n", BOOT).end())
+    def login(self) -> None:
+        self.machine.expect(r"# $", 60, self.machine.expect(r"^machine: verdict \d+.*\n", BOOT).end())
         # The kernel writes its records on the line when it finds the time to.
-        for plugin in Activations(self.machine.text)[0]:
-            self.machine.Expect(rf"lofter: Lofter plugin {re.escape(plugin)} activat", 60)
+        for plugin in activations(self.machine.text)[0]:
+            self.machine.expect(rf"lofter: Lofter plugin {re.escape(plugin)} activat", 60)
         self.boot = self.machine.text
-        self.Run("dmesg -n 1")  # from now on none between the lines of an answer
+        self.run("dmesg -n 1")  # from now on none between the lines of an answer
 
-    def Run(self, command, seconds=60):
+    def run(self, command: str, seconds: float = 60) -> tuple[str, int]:
         """Returns what the command wrote and its exit status."""
         start = len(self.machine.text)
-        self.machine.Type(f"echo '<<'; {command}; echo \">>$?\"\n")
-        answer = self.machine.Expect(r"<<\n((?:.*\n)*?)(.*)>>(\d+)$", seconds, start)
+        self.machine.type(f"echo '<<'; {command}; echo \">>$?\"\n")
+        answer = self.machine.expect(r"<<\n((?:.*\n)*?)(.*)>>(\d+)$", seconds, start)
         return answer.group(1) + answer.group(2), int(answer.group(3))
 
-    def Output(self, command, seconds=60):
-        output, status = self.Run(command, seconds)
+    def output(self, command: str, seconds: float = 60) -> str:
+        output, status = self.run(command, seconds)
         assert status == 0, f"{command}: {output}"
         return output
 
-    def SwitchOff(self):
-        self.machine.Type("sync; poweroff -f\n")
-        self.machine.WaitForEnd(60)
+    def switch_off(self) -> None:
+        self.machine.type("sync; poweroff -f\n")
+        self.machine.wait_for_end(60)
 
 
-def Ask(port, request, expected, seconds=30):
+def ask(port: int, request: bytes, expected: bytes, seconds: float = 30) -> bytes:
     """What a service on this machine's loopback answers. The first byte may take as long as a daemon needs."""
     answer = b""
     with socket.create_connection(("127.0.0.1", port), timeout=seconds) as connection:
@@ -57,7 +55,7 @@ def Ask(port, request, expected, seconds=30):
     return answer
 
 
-def IsOpen(port):
+def is_open(port: int) -> bool:
     """Whether a service says something of its own accord. QEMU itself takes every call, and hangs up when there is no service."""
     try:
         with socket.create_connection(("127.0.0.1", port), timeout=5) as connection:
@@ -66,15 +64,15 @@ def IsOpen(port):
         return False
 
 
-def Activations(text):
+def activations(text: str) -> tuple[list[str], list[str]]:
     """The plugins in the order in which the kernel log says that they were activated, and what came of each."""
     begun = re.findall(r"lofter: Activating Lofter plugin (\S+)\.$", text, re.MULTILINE)
     ended = re.findall(r"lofter: Lofter plugin (\S+) activated\.$", text, re.MULTILINE)
     return begun, ended
 
 
-def MakeDisks(folder):
+def make_disks(folder: pathlib.Path) -> list[pathlib.Path]:
     disks = [folder / "bootbank.img", folder / "scratch.img"]
     for disk, label in zip(disks, ("bootbank", "scratch")):
-        MakeDisk(disk, label, 32)
+        make_disk(disk, label, 32)
     return disks

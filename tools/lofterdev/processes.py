@@ -3,9 +3,9 @@ import contextlib
 import os
 
 
-def ProcessesBelow(parent):
+def processes_below(parent: int) -> list[tuple[int, list[str]]]:
     """(process id, words of the command line) of everything that a process has started."""
-    children = {}
+    children: dict[int, list[tuple[int, list[str]]]] = {}
     for name in filter(str.isdigit, os.listdir("/proc")):
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
             with open(f"/proc/{name}/stat", "rb") as stat, open(f"/proc/{name}/cmdline", "rb") as words:

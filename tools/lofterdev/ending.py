@@ -3,9 +3,10 @@ import os
 import signal
 import subprocess
 import sys
+from collections.abc import Callable
 
 
-def Call(main, name=None):
+def call(main: Callable[[], object], name: str | None = None) -> None:
     """Calls a program's entry. Without a name of its own, the program is a part of another tool, which says the rest.
 
     A program that it called, and that failed, has said why already.

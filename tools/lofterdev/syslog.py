@@ -2,12 +2,14 @@
 import contextlib
 import dataclasses
 import os
+import pathlib
 import re
 import select
 import socket
 import threading
+from collections.abc import Iterator
 
-from support.waiting import Eventually
+from lofterdev.waiting import eventually
 
 ERROR, WARNING, INFO = 3, 4, 6
 ALERT = 1
@@ -22,7 +24,7 @@ class Record:
     raw: bytes
 
     @staticmethod
-    def Parse(raw):
+    def parse(raw: bytes) -> "Record":
         text = raw.decode(errors="surrogateescape").rstrip("\0")
         match = re.match(r"<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?([^\s:\[]+)(?:\[\d+\])?: ?(.*)", text, re.DOTALL)
         if match is None:
@@ -32,7 +34,7 @@ class Record:
 
 
 @contextlib.contextmanager
-def ShortName(path):
+def short_name(path: pathlib.Path) -> Iterator[str]:
     """Another name of a socket: the path of a test's root may be longer than a socket's name can be."""
     directory = os.open(path.parent, os.O_PATH)
     try:
@@ -44,10 +46,10 @@ def ShortName(path):
 class DeafSyslog:
     """A daemon that hangs: its socket is full from the start."""
 
-    def __init__(self, root):
+    def __init__(self, root: pathlib.Path) -> None:
         self.path = root / "dev" / "log"
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        with ShortName(self.path) as name, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
+        with short_name(self.path) as name, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as client:
             self.socket.bind(name)
             client.setblocking(False)
             with contextlib.suppress(BlockingIOError):
@@ -55,7 +57,7 @@ class DeafSyslog:
                     client.sendto(b"other", name)
         self.path.chmod(0o666)
 
-    def Close(self):
+    def close(self) -> None:
         self.socket.close()
         self.path.unlink(missing_ok=True)
 
@@ -63,44 +65,44 @@ class DeafSyslog:
 class Syslog:
     """Takes every datagram as it comes, so that no sender ever waits for the test."""
 
-    def __init__(self, root):
+    def __init__(self, root: pathlib.Path) -> None:
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.path = root / "dev" / "log"
-        with ShortName(self.path) as name:
+        with short_name(self.path) as name:
             self.socket.bind(name)
         self.path.chmod(0o666)
-        self.records = []
+        self.taken: list[Record] = []
         self.lock = threading.Lock()
         self.waker = os.pipe()
-        self.reader = threading.Thread(target=self.Read, daemon=True)
+        self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
 
-    def Read(self):
+    def read(self) -> None:
         while True:
             if self.waker[0] in select.select([self.socket, self.waker[0]], [], [])[0]:
                 return
-            self.Drain()
+            self.drain()
 
-    def Drain(self):
+    def drain(self) -> None:
         with self.lock:
             while True:
                 try:
-                    self.records.append(Record.Parse(self.socket.recv(1 << 20, socket.MSG_DONTWAIT)))
+                    self.taken.append(Record.parse(self.socket.recv(1 << 20, socket.MSG_DONTWAIT)))
                 except BlockingIOError:
                     return
 
-    def Records(self):
+    def records(self) -> list[Record]:
         """Everything sent so far; what a process sent before it ended is always in it."""
-        self.Drain()
-        return list(self.records)
+        self.drain()
+        return list(self.taken)
 
-    def Texts(self, severity=None):
-        return [record.text for record in self.Records() if severity in (None, record.severity)]
+    def texts(self, severity: int | None = None) -> list[str]:
+        return [record.text for record in self.records() if severity in (None, record.severity)]
 
-    def WaitFor(self, text, seconds=10):
-        Eventually(lambda: any(text in line for line in self.Texts()), f"syslog line with {text!r}", seconds)
+    def wait_for(self, text: str, seconds: float = 10) -> None:
+        eventually(lambda: any(text in line for line in self.texts()), f"syslog line with {text!r}", seconds)
 
-    def Close(self):
+    def close(self) -> None:
         os.write(self.waker[1], b".")
         self.reader.join()
         self.socket.close()
