@@ -22,8 +22,10 @@ struct CommandEntry {
 
 // In the order in which the usage text lists them. The first is the one that runs when none is named.
 const std::vector<CommandEntry> kCommands{
+    {"verify", "what is wrong with a host's plugins before it boots", DeclareVerify},
     {"chart", "the boot as a picture, or for a trace viewer", DeclareChart},
     {"dot", "the graph for people, as a Graphviz file", DeclareDot},
+    {"flags", "what each boot flag keeps out or lets in", DeclareFlags},
 };
 
 int Fail(const std::exception& e, ExitStatus status) {

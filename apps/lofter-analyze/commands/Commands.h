@@ -27,5 +27,7 @@ void RequireFormat(const Question& question, const std::string& command, std::in
 
 Command DeclareChart(CLI::App& part);
 Command DeclareDot(CLI::App& part);
+Command DeclareVerify(CLI::App& part);
+Command DeclareFlags(CLI::App& part);
 
 }  // namespace lofter::analyze
