@@ -4,7 +4,7 @@ import os
 import pathlib
 import subprocess
 
-from companion import REPOSITORY
+from lofterdev.repository import REPOSITORY
 
 PLUGINS = "usr/libexec/lofter/plugins"
 PLUGIN_SOURCE = """

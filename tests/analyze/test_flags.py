@@ -1,5 +1,6 @@
 """flags: what each boot flag keeps out or lets in, and what nobody provides then."""
 import pathlib
+from typing import Any
 
 import pytest
 
@@ -7,7 +8,7 @@ from answers import faults
 from companion import Analyze
 from roots import Root
 
-RELEASE = {"version": 3, "run_once": False, "plugin_version": "1"}
+RELEASE: dict[str, Any] = {"version": 3, "run_once": False, "plugin_version": "1"}
 
 
 @pytest.fixture

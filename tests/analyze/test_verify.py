@@ -1,6 +1,7 @@
 """verify: every rule with something to say, and without."""
 import json
 import pathlib
+from typing import Any
 
 import pytest
 
@@ -342,7 +343,7 @@ def test_a_key_that_the_record_cannot_hold_is_told_of(analyze: Analyze, root: Ro
 
 
 def test_what_keeps_a_plugin_out_is_a_note(analyze: Analyze, root: Root) -> None:
-    release = {"version": 3, "run_once": False, "plugin_version": "1.0"}
+    release: dict[str, Any] = {"version": 3, "run_once": False, "plugin_version": "1.0"}
     root.json("a", **release, disabling_flags=["z", "x", "y"])
     root.json("b", **release, required_flags=["v", "w"])
     root.json("c", **release, disabling_flags=["x"], required_flags=["v"])

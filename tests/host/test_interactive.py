@@ -33,12 +33,12 @@ def redrawn(answer: str) -> bytes:
 class Boot:
     """A boot of the debug plugins a, b and c, each of which leaves a line in /tmp/ran, with an operator in front of it."""
 
-    def __init__(self, host: Host, *arguments: str) -> None:
+    def __init__(self, host: Host, *arguments: str, grace: float = 10) -> None:
         host.debug_configuration("a::a:echo a >>/tmp/ran", "b:a:b:echo b >>/tmp/ran", "c:b:c:echo c >>/tmp/ran")
         host.kernel_log()
         self.host, self.terminal, self.position = host, host.terminal(), 0
         self.before = self.terminal.modes()
-        self.running = host.start_lofter(*arguments, terminal=self.terminal, console=True, grace=10)
+        self.running = host.start_lofter(*arguments, terminal=self.terminal, console=True, grace=grace)
 
     def expect(self, text: bytes | str) -> bytes:
         start, self.position = self.position, self.terminal.expect(text, 20, self.position)
@@ -365,7 +365,7 @@ ending_signals = pytest.mark.parametrize("ending", [signal.SIGTERM, signal.SIGIN
 @ending_signals
 @pytest.mark.parametrize("prompt", ["first", "after a shell"])
 def test_a_signal_that_ends_a_prompt_leaves_a_usable_terminal(host: Host, ending: int, prompt: str) -> None:
-    boot = Boot(host, "--interactive")
+    boot = Boot(host, "--interactive", grace=0)  # the executor outlives a program that is killed: it is not waited for
     boot.expect(question("a"))
     boot.wait_for_keys()
     if prompt == "after a shell":
