@@ -348,7 +348,7 @@ def test_what_keeps_a_plugin_out_is_a_note(analyze: Analyze, root: Root) -> None
     root.json("b", **release, required_flags=["v", "w"])
     root.json("c", **release, disabling_flags=["x"], required_flags=["v"])
     root.json("d", **release)
-    root.json("e", **release | {"run_once": True})
+    root.json("e", **dict(release, run_once=True))
     says(analyze, f"""/{PLUGINS}/a.json: note: does not run: disabled by the boot flags x, y [kept-out]
 /{PLUGINS}/b.json: note: does not run: without the boot flag v [kept-out]
 /{PLUGINS}/c.json: note: does not run: disabled by the boot flag x, and without the boot flag v [kept-out]
