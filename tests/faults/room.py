@@ -112,6 +112,7 @@ class Room:
 
 
 def main() -> None:
+    signal.signal(signal.SIGINT, lambda *_: os._exit(128 + signal.SIGINT))  # and everything in the namespace with it
     room = Room(os.path.realpath(sys.argv[1]))
     for line in sys.stdin:
         print(json.dumps(room.run(**json.loads(line))), flush=True)

@@ -78,8 +78,9 @@ def setup_script(root: str, bind: Pairs = (), tmpfs: Iterable[tuple[str, str]] =
         mount("-t", "tmpfs", "-o", f"size={size or '16m'},mode=0755", "tmpfs", inside(root, folder))
     for part in read_only:
         mount("--bind", "-o", "ro", inside(root, part), inside(root, part))
-    if os.path.exists(inside(root, "etc/hostname")):
-        line("hostname", "-F", inside(root, "etc/hostname"))
+    host_name = inside(root, "etc/hostname")
+    if os.path.exists(host_name) and os.path.getsize(host_name) > 0:
+        line("hostname", "-F", host_name)
     # A container that hides parts of its own /proc gives no fresh one to an ordinary user: better the outer one than none.
     proc = shlex.quote(inside(root, "proc"))
     lines.append(f"mount -n -t proc proc {proc} 2>/dev/null || mount -n --rbind /proc {proc}")
@@ -144,9 +145,6 @@ def parse_arguments() -> argparse.Namespace:
     add("--net", action="store_true", help="a network of its own, without interfaces")
     add("--console", action="store_true", help="a terminal of its own that is also /dev/console (when called from a terminal)")
     add("--plain", action="store_true", help="a plain chroot, no namespaces")
-    add("--wait", action="store_true", help="wait for the daemons that the command leaves behind, rather than ending them")
-    add("--leftovers", type=int, metavar="FD", help="write a line on FD for every process that the command left behind")
-    add("--grace", type=float, default=0, metavar="SECONDS", help="how long those may take to end by themselves")
     add("root", metavar="ROOT")
     add("command", nargs=argparse.REMAINDER, metavar="COMMAND")
     options = parser.parse_args()
