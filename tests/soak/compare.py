@@ -5,10 +5,10 @@ import gzip
 import re
 from collections.abc import Iterable, Sequence
 
-from boot import Seen
 from model import Expectation, Line
 from plan import HostPlan, Run
 from scheduling import Node
+from seen import Seen
 
 TIME = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}"
 LEVELS = {"error": 3, "warning": 4, "info": 6}
@@ -16,7 +16,7 @@ NEVER = "1970-01-01 00:00:00.000000"
 
 
 class Comparison:
-    """Of one run. `seen` is what boot.py has collected of it."""
+    """Of one run. `seen` is what it left."""
 
     def __init__(self, plan: HostPlan, run: Run, expected: Expectation, seen: Seen) -> None:
         self.plan, self.run, self.expected, self.seen = plan, run, expected, seen
