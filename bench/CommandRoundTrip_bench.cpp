@@ -21,27 +21,12 @@
 #include "executor/QorcliExecutor.h"
 #include "posix/ChildProcess.h"
 #include "posix/Descriptor.h"
+#include "support/TemporaryDirectory.h"
 
 namespace lofter {
 namespace {
 
 constexpr char kProgram[] = "/bin/true";
-
-class Directory {
-  public:
-    Directory() {
-        std::string pattern = std::filesystem::temp_directory_path() / "lofter-bench-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("no directory " + pattern);
-        }
-        path = pattern;
-    }
-    ~Directory() { std::filesystem::remove_all(path); }
-    Directory(const Directory&) = delete;
-    Directory& operator=(const Directory&) = delete;
-
-    std::filesystem::path path;
-};
 
 // An executor that knows one more command, `true`.
 class RunningExecutor {
@@ -55,26 +40,26 @@ class RunningExecutor {
 
   private:
     RunningExecutor() {
-        std::filesystem::create_directory(directory.path / "commands");
-        std::filesystem::create_symlink(kProgram, directory.path / "commands/true");
-        QorcliDispatcher::Instance()->AddExternalDirectory(directory.path / "commands");
+        std::filesystem::create_directory(directory / "commands");
+        std::filesystem::create_symlink(kProgram, directory / "commands/true");
+        QorcliDispatcher::Instance()->AddExternalDirectory(directory / "commands");
         client.Reset();
     }
     ~RunningExecutor() { client.Stop(); }
 
-    Directory directory;
-    QorcliExecutor client{directory.path / "socket", directory.path / "log"};
+    test::TemporaryDirectory directory;
+    QorcliExecutor client{directory / "socket", directory / "log"};
 };
 
 // A process that answers every message with four bytes and does nothing else. It waits for connections as the executor
 // does, in an event loop and not in accept(): what is compared is the executor's work, not the kind of wait.
 class BareServer {
   public:
-    BareServer() : address(directory.path / "socket") {
+    BareServer() : address(directory / "socket") {
         posix::Descriptor listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         if (::bind(listening.Get(), address.Get(), ControlSocketAddress::Length()) != 0 ||
             ::listen(listening.Get(), 16) != 0) {
-            throw std::runtime_error("no socket in " + directory.path.string());
+            throw std::runtime_error("no socket in " + directory.Path().string());
         }
         process = ::fork();
         if (process == 0) {
@@ -117,7 +102,7 @@ class BareServer {
         ::_exit(1);
     }
 
-    Directory directory;
+    test::TemporaryDirectory directory;
     ControlSocketAddress address;
     pid_t process = -1;
 };

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Exception.h"
+#include "support/FailureOf.h"
 #include "support/Faults.h"
 
 namespace lofter {
@@ -69,12 +70,9 @@ TEST(GraphCondition, LetsOthersInWhileItWaitsAndHoldsTheLockAfterwards) {
 
 TEST(GraphCondition, SaysWhatItWasForWhenTheSystemRefusesIt) {
     const test::FailingCall failing(test::Call::PthreadCondInit, 0);
-    try {
-        GraphCondition condition("Condition variable for X could not be initialized");
-        FAIL() << "no exception";
-    } catch (const Exception& e) {
-        EXPECT_STREQ(e.what(), "Condition variable for X could not be initialized");
-    }
+    EXPECT_EQ(test::FailureOf<Exception>(
+                  [&] { GraphCondition condition("Condition variable for X could not be initialized"); }),
+              "Condition variable for X could not be initialized");
 }
 
 }  // namespace

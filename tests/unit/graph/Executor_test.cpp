@@ -15,6 +15,7 @@
 
 #include "base/Exception.h"
 #include "graph/GraphRun.h"
+#include "support/FailureOf.h"
 #include "support/Faults.h"
 #include "support/ForkedChild.h"
 #include "support/TestGraph.h"
@@ -287,35 +288,23 @@ TEST(Executor, EndsTheProcessWithANodeThatThrows) {
 
 TEST(Executor, SaysHowManyThreadsItCouldCreate) {
     const test::FailingCall failing(test::Call::PthreadCreate, 3);
-    try {
-        Executor executor(8, false);
-        FAIL() << "no exception";
-    } catch (const Exception& e) {
-        EXPECT_STREQ(e.what(), "Could not create enough execution threads. (3 created, 8requested)");
-    }
+    EXPECT_EQ(test::FailureOf<Exception>([&] { Executor executor(8, false); }),
+              "Could not create enough execution threads. (3 created, 8requested)");
 }
 
 TEST(Executor, SaysHowManyThreadsItHadMemoryFor) {
     for (const int allocations : {0, 1}) {
+        const std::string created = std::to_string(allocations);  // one for each thread
+        const std::string expected = "Could not create enough execution threads. (" + created + " created, 2requested)";
         const test::FailingCall failing(test::Call::OperatorNew, allocations, 1);
-        try {
-            Executor executor(2, false);
-            FAIL() << "no exception";
-        } catch (const Exception& e) {
-            const std::string created = std::to_string(allocations);  // one for each thread
-            EXPECT_EQ(e.what(), "Could not create enough execution threads. (" + created + " created, 2requested)");
-        }
+        EXPECT_EQ(test::FailureOf<Exception>([&] { Executor executor(2, false); }), expected);
     }
 }
 
 TEST(Executor, SaysSoWhenItsConditionVariableIsRefused) {
     const test::FailingCall failing(test::Call::PthreadCondInit, 0);
-    try {
-        Executor executor(1, false);
-        FAIL() << "no exception";
-    } catch (const Exception& e) {
-        EXPECT_STREQ(e.what(), "Condition variable for Executor could not be initialized");
-    }
+    EXPECT_EQ(test::FailureOf<Exception>([&] { Executor executor(1, false); }),
+              "Condition variable for Executor could not be initialized");
 }
 
 }  // namespace

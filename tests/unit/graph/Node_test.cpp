@@ -9,6 +9,7 @@
 
 #include "base/Exception.h"
 #include "graph/GraphRun.h"
+#include "support/FailureOf.h"
 #include "support/Faults.h"
 #include "support/TestGraph.h"
 
@@ -255,12 +256,8 @@ TEST(Node, QueuesThoseBehindItAlsoWithoutMemory) {
 
 TEST(Node, SaysSoWhenItsConditionVariableIsRefused) {
     const test::FailingCall failing(test::Call::PthreadCondInit, 0);
-    try {
-        PlainNode node("refused");
-        FAIL() << "no exception";
-    } catch (const Exception& e) {
-        EXPECT_STREQ(e.what(), "Condition variable for Node could not be initialized");
-    }
+    EXPECT_EQ(test::FailureOf<Exception>([&] { PlainNode node("refused"); }),
+              "Condition variable for Node could not be initialized");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "base/Exception.h"
+#include "support/FailureOf.h"
 #include "support/Plugins.h"
 #include "support/TemporaryDirectory.h"
 
@@ -33,12 +34,8 @@ TEST(LegacyDaemonPlugin, ComesAfterEveryOtherKindOfNode) {
 TEST(LegacyDaemonPlugin, KnowsNoHostProfile) {
     LegacyDaemonPlugin daemon = Daemon("crond", "/etc/init.d/crond");
     EXPECT_FALSE(daemon.HasApplyHostProfile());
-    try {
-        daemon.ApplyHostProfile();
-        FAIL() << "nothing thrown";
-    } catch (const NotImplementedException& failure) {
-        EXPECT_STREQ(failure.what(), "method `LegacyDaemonPlugin::ApplyHostProfile' is not implemented");
-    }
+    EXPECT_EQ(test::FailureOf<NotImplementedException>([&] { daemon.ApplyHostProfile(); }),
+              "method `LegacyDaemonPlugin::ApplyHostProfile' is not implemented");
 }
 
 }  // namespace

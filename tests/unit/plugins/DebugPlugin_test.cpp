@@ -7,6 +7,7 @@
 
 #include "base/Exception.h"
 #include "base/Logging.h"
+#include "support/FailureOf.h"
 #include "support/Faults.h"
 #include "support/LogCapture.h"
 #include "support/Plugins.h"
@@ -74,12 +75,8 @@ TEST_F(DebugPluginTest, LogsAShellThatCouldNotBeRun) {
 TEST_F(DebugPluginTest, TakesNoPartInHostProfiles) {
     const auto plugin = Step("true");
     EXPECT_FALSE(plugin->HasApplyHostProfile());
-    try {
-        plugin->ApplyHostProfile();
-        FAIL() << "was applied";
-    } catch (const NotImplementedException& failure) {
-        EXPECT_STREQ(failure.what(), "method `DebugPlugin::ApplyHostProfile' is not implemented");
-    }
+    EXPECT_EQ(test::FailureOf<NotImplementedException>([&] { plugin->ApplyHostProfile(); }),
+              "method `DebugPlugin::ApplyHostProfile' is not implemented");
 }
 
 }  // namespace

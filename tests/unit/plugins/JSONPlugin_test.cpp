@@ -124,12 +124,8 @@ TEST_F(JsonPlugin, OfVersion1IgnoresItsHostProfileCommands) {
     const auto plugin = Load(WithVersion("1", "", R"("start": [], "apply_host_profile": ["a"])"));
     EXPECT_FALSE(plugin->HasApplyHostProfile());
     EXPECT_EQ(plugin->Description().hostProfileCommands, Words());
-    try {
-        plugin->ApplyHostProfile();
-        FAIL();
-    } catch (const NotImplementedException& e) {
-        EXPECT_STREQ(e.what(), "method `json_plugin::ApplyHostProfile' is not implemented");
-    }
+    EXPECT_EQ(test::FailureOf<NotImplementedException>([&] { plugin->ApplyHostProfile(); }),
+              "method `json_plugin::ApplyHostProfile' is not implemented");
 }
 
 TEST_F(JsonPlugin, OfVersion1DoesNotLookAtTheHostProfileKey) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Exception.h"
+#include "support/FailureOf.h"
 #include "support/Faults.h"
 #include "support/Plugins.h"
 
@@ -62,12 +63,8 @@ TEST(Plugin, DoesNothingWhenItIsStopped) {
 
 TEST(Plugin, IsNotBuiltWithoutItsConditionVariable) {
     const test::FailingCall noCondition(test::Call::PthreadCondInit, 0);
-    try {
-        const BarePlugin plugin;
-        FAIL() << "was built";
-    } catch (const Exception& failure) {
-        EXPECT_STREQ(failure.what(), "Condition variable for Node could not be initialized");
-    }
+    EXPECT_EQ(test::FailureOf<Exception>([&] { const BarePlugin plugin; }),
+              "Condition variable for Node could not be initialized");
 }
 
 }  // namespace
