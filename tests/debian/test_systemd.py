@@ -41,7 +41,13 @@ def test_the_service_can_be_restarted_and_leaves_running_what_plugins_left(machi
     assert machine.run("cat /run/greeting") == "--text=good morning\n"
     assert machine.run("cat /run/tessel/hxed.pid /run/tessel/tssyslogd.pid") == before
     machine.run("kill -0 $(cat /run/tessel/hxed.pid) && kill -0 $(cat /run/tessel/tssyslogd.pid)")
-    assert machine.run("ls /run/tessel") == "hxed.pid\nlofterExecutor.sock\ntssyslogd.pid\n"
+    assert machine.run("ls -1 /run/tessel") == "hxed.pid\ntssyslogd.pid\n"
+
+
+def test_lofter_can_be_called_on_the_host_that_has_booted(machine):
+    machine.run("rm /run/greeting; lofter --invoke --method=start --plugin=greeting.json")
+    assert machine.run("cat /run/greeting") == "--text=good morning\n"
+    machine.run("systemctl restart lofter")
 
 
 def test_daemons_are_not_lofters_here(machine):
