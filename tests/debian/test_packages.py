@@ -5,7 +5,8 @@ import subprocess
 
 import pytest
 
-REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+from lofterdev.repository import REPOSITORY
+
 PACKAGES = REPOSITORY / "build" / "debian"
 # What Debian wants in a package, and cmake does not install.
 DEBIANS = ("usr/share/doc/", "usr/share/lintian/")
@@ -29,18 +30,19 @@ def installed(folder: pathlib.Path, *options: str) -> set[str]:
     return files(folder)
 
 
-def test_packages_and_cmake_install_the_same_files(tmp_path):
+def test_packages_and_cmake_install_the_same_files(tmp_path: pathlib.Path) -> None:
     unpacked("lofter", tmp_path / "packages")
+    unpacked("lofter-analyze", tmp_path / "packages")
     assert unpacked("lofter-dev", tmp_path / "packages") == installed(tmp_path / "root")
     assert unpacked("lofter-host", tmp_path / "host") == installed(tmp_path / "host-root", "--component", "host")
 
 
-@pytest.mark.parametrize("name", ["lofter", "lofter-dev", "lofter-host"])
-def test_no_package_has_a_plugin(tmp_path, name):
+@pytest.mark.parametrize("name", ["lofter", "lofter-analyze", "lofter-dev", "lofter-host"])
+def test_no_package_has_a_plugin(tmp_path: pathlib.Path, name: str) -> None:
     assert [path for path in unpacked(name, tmp_path) if path.startswith("usr/libexec/lofter/plugins/")] == []
 
 
-def test_lintian_finds_no_error():
+def test_lintian_finds_no_error() -> None:
     changes, = PACKAGES.glob("*.changes")
     outcome = subprocess.run(["lintian", "--fail-on", "error", "--allow-root", changes], text=True, stdout=subprocess.PIPE)
     assert outcome.returncode == 0, outcome.stdout

@@ -4,7 +4,8 @@ import re
 
 import pytest
 
-from support.host import REPOSITORY
+from lofterdev.host import Host
+from lofterdev.repository import REPOSITORY
 
 HEADERS = pathlib.Path(__file__).with_name("init-headers.txt")
 FACILITIES = {
@@ -46,32 +47,32 @@ def dependencies_among(headers: dict[str, dict[str, list[str]]]) -> set[tuple[st
     return {(first, after) for first, after in pairs if first != after}
 
 
-def write_script(host, name: str, header: dict[str, list[str]]) -> None:
+def write_script(host: Host, name: str, header: dict[str, list[str]]) -> None:
     lines = [f"# {key}: {' '.join(words)}" for key, words in header.items()]
-    host.WriteScript(f"/etc/init.d/{name}", "\n".join(["### BEGIN INIT INFO", *lines, "### END INIT INFO"]))
+    host.write_script(f"/etc/init.d/{name}", "\n".join(["### BEGIN INIT INFO", *lines, "### END INIT INFO"]))
 
 
-def link(host, entry: str) -> None:
-    folder = host.Path("/etc/rc2.d")
+def link(host: Host, entry: str) -> None:
+    folder = host.path("/etc/rc2.d")
     folder.mkdir(exist_ok=True)
     (folder / entry).symlink_to(f"../init.d/{entry[3:]}")
 
 
-def priorities(host) -> dict[str, int]:
-    outcome = host.Run("/bin/chkconfig", "-p")
+def priorities(host: Host) -> dict[str, int]:
+    outcome = host.run("/bin/chkconfig", "-p")
     assert (outcome.status, outcome.errors) == (0, "")
     return {line.split()[0].removeprefix("/etc/init.d/"): int(line.split()[1]) for line in outcome.output.splitlines()}
 
 
 @pytest.fixture
-def chkconfig_host(host):
-    host.Write("/bin/chkconfig", (REPOSITORY / "host/linux/chkconfig").read_bytes(), 0o755)
-    host.Write("/etc/insserv.conf.d/postfix", "# added by a package\n$mail-transport-agent +postfix\n")
+def chkconfig_host(host: Host) -> Host:
+    host.write("/bin/chkconfig", (REPOSITORY / "host/linux/chkconfig").read_bytes(), 0o755)
+    host.write("/etc/insserv.conf.d/postfix", "# added by a package\n$mail-transport-agent +postfix\n")
     return host
 
 
 @pytest.mark.parametrize("links", ["without links", "all links alike"])
-def test_sixty_real_scripts_come_after_all_that_they_need(chkconfig_host, links):
+def test_sixty_real_scripts_come_after_all_that_they_need(chkconfig_host: Host, links: str) -> None:
     headers = read_headers()
     pairs = dependencies_among(headers)
     assert len(headers) > 60 and len(pairs) > 100
@@ -87,18 +88,18 @@ def test_sixty_real_scripts_come_after_all_that_they_need(chkconfig_host, links)
     assert {name: needed.get(name, 0) + 1 for name in found} == found
 
 
-def test_links_that_are_all_alike_say_what_runs_and_the_headers_when(chkconfig_host):
+def test_links_that_are_all_alike_say_what_runs_and_the_headers_when(chkconfig_host: Host) -> None:
     write_script(chkconfig_host, "logger", {"Provides": ["rsyslog"], "Default-Start": ["2"]})
     write_script(chkconfig_host, "web", {"Provides": ["web"], "Required-Start": ["$syslog"], "Default-Start": ["2"]})
     write_script(chkconfig_host, "mail", {"Provides": ["mail"], "Required-Start": ["$syslog"], "Default-Start": ["2"]})
     write_script(chkconfig_host, "elsewhere", {"Provides": ["elsewhere"], "Required-Start": ["web"], "Default-Start": ["3"]})
-    chkconfig_host.WriteScript("/etc/init.d/plain", "exit 0")
+    chkconfig_host.write_script("/etc/init.d/plain", "exit 0")
     for entry in ("S01logger", "S01web", "S01elsewhere", "S01plain", "K01mail"):
         link(chkconfig_host, entry)
     assert priorities(chkconfig_host) == {"logger": 1, "plain": 1, "web": 2, "elsewhere": 3}
 
 
-def test_links_that_differ_are_the_order(chkconfig_host):
+def test_links_that_differ_are_the_order(chkconfig_host: Host) -> None:
     for name in ("one", "two"):
         write_script(chkconfig_host, name, {"Provides": [name], "Default-Start": ["2"]})
     link(chkconfig_host, "S01two")
