@@ -1,4 +1,5 @@
 """What an operator reads and types: the manual pages and the completion of the command line."""
+import os
 import pathlib
 import re
 import subprocess
@@ -6,12 +7,16 @@ from collections.abc import Sequence
 
 import pytest
 
-from lofterdev.host import Host
+from lofterdev.host import BUILD, Host
+from lofterdev.repository import REPOSITORY
 
-PAGES = {"lofter": 8, "lofter-debug.conf": 5, "lofter-plugin": 7, "lofter-plugin-json": 5}
+PAGES = {"chkconfig": 8, "lofter": 8, "lofter-analyze": 1, "lofter-command": 7, "lofter-debug.conf": 5, "lofter-plugin": 7,
+         "lofter-plugin-json": 5, "lofter-profile": 5}
 
 
 def read_page(host: Host, name: str) -> pathlib.Path:
+    if name == "chkconfig":  # which a bare host has not
+        return BUILD / "docs" / f"{name}.{PAGES[name]}"
     return host.path(f"/usr/share/man/man{PAGES[name]}/{name}.{PAGES[name]}")
 
 
@@ -38,8 +43,27 @@ def test_manual_pages_are_well_formed(host: Host, name: str) -> None:
 
 
 def test_every_manual_page_is_checked(host: Host) -> None:
+    written = {path.stem for path in (REPOSITORY / "docs" / "man").glob("*.scd")}
+    assert written == {f"{name}.{section}" for name, section in PAGES.items()}
     installed = {path.name for path in host.path("/usr/share/man").glob("man?/*")}
-    assert installed == {f"{name}.{section}" for name, section in PAGES.items()}
+    assert installed == written - {"chkconfig.8"}
+
+
+def test_pages_that_point_to_each_other_do_so_both_ways(host: Host) -> None:
+    pointers = {(name, other) for name in PAGES
+                for other in re.findall(r"([\w.-]+)\(\d\)", rendered(host, name).split("SEE ALSO")[1]) if other in PAGES and other != name}
+    assert {(name, "lofter") for name in PAGES if name != "lofter"} <= pointers
+    assert {(one, other) for one, other in pointers if (other, one) not in pointers} == set()
+
+
+@pytest.mark.parametrize("name", PAGES)
+def test_options_can_be_copied_and_searched(host: Host, name: str) -> None:
+    for width in (60, 70, 80):
+        environment = {**os.environ, "LC_ALL": "C.UTF-8"}
+        command = ["groff", "-man", "-Tutf8", f"-rLL={width}n", str(read_page(host, name))]
+        text = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True, env=environment).stdout
+        assert "\u2010" not in text and "\u2212" not in text
+        assert [line for line in text.splitlines() if line.endswith("-")] == []
 
 
 def test_the_manual_page_explains_every_option(host: Host) -> None:

@@ -38,11 +38,12 @@ def test_following_the_readme_boots_the_plugin(checkout: pathlib.Path) -> None:
     assert followed.stdout.count("\nmy-step ran\n") == 2
     assert "executing start plugin: my-step\n" in followed.stdout
     plugins = {path.name for path in (checkout / "host-root" / PLUGINS).iterdir()}
-    assert plugins == {"my-step.so", "hello.so", "inventory.so", "identity.so", "banner.so"}
+    assert plugins == {"my-step.so", "hello.so", "inventory.so", "identity.so", "banner.so", "greeting.json"}
     for step in ("hello", "inventory", "identity", "banner"):
         assert f"executing start plugin: {step}\n" in followed.stdout
     assert "Method invocation failed" not in followed.stdout
     assert (checkout / "host-root/run/banner").read_text() == "Welcome\n"
+    assert (checkout / "host-root/run/greeting").read_text() == "good morning\n"
 
 
 def test_the_three_line_plugin_of_the_readme_compiles_as_c_and_as_cxx(tmp_path: pathlib.Path) -> None:
@@ -65,3 +66,17 @@ def test_pkg_config_names_the_folder_for_plugins(host: Host) -> None:
     assert ask("--variable=includedir") == "/usr/include"
     assert host.exists("/usr/include/lofter/plugin.h")
     assert host.exists("/usr/share/man/man7/lofter-plugin.7")
+
+
+@pytest.mark.parametrize("build", ["make", "cmake"])
+def test_a_symbol_that_is_nowhere_is_found_when_the_template_is_built(host: Host, tmp_path: pathlib.Path, build: str) -> None:
+    shutil.copytree(REPOSITORY / "sdk" / "template", tmp_path / "my-step")
+    source = tmp_path / "my-step" / "my-step.c"
+    source.write_text(source.read_text().replace('puts("my-step ran");', "int Nowhere(void); Nowhere();"))
+    environment = {**os.environ, "CMAKE_PREFIX_PATH": str(host.path("/usr")), "PKG_CONFIG_SYSROOT_DIR": str(host.path("/")),
+                   "PKG_CONFIG_PATH": str(host.path("/usr/share/pkgconfig"))}
+    commands = {"make": "make", "cmake": "cmake -B build && cmake --build build"}
+    outcome = subprocess.run(["sh", "-c", commands[build]], cwd=tmp_path / "my-step", env=environment, text=True,
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    assert outcome.returncode != 0
+    assert "undefined reference to `Nowhere'" in outcome.stdout

@@ -190,6 +190,7 @@ def assemble(build: pathlib.Path, dest: pathlib.Path, *, bare: bool = False, dae
     root.install(build)
     if not bare:
         root.install(build, "--component", "host")
+        root.install(build, "--component", "demo")
         root.add_program(fetch(["inetutils-syslogd"], architecture)[0] / "usr/sbin/syslogd", "usr/sbin/syslogd")
         root.copy_tree(HOST / "demo")
     if daemons:

@@ -1,7 +1,9 @@
 #!/bin/sh
-# Brings an older syslog configuration up to date: boot messages get a file of their own.
+# Brings an older configuration of inetutils' syslogd up to date: boot messages get a file of their own.
 set -eu
 
+# Which is not what rsyslog goes by.
+[ ! -x /usr/sbin/rsyslogd ] || exit 0
 configuration=/etc/syslog.conf
 if ! grep -q '/var/log/boot.log' "$configuration"; then
     {
