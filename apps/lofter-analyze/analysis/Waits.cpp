@@ -79,6 +79,32 @@ std::vector<PluginIndex> ChainTo(PluginIndex last, const std::vector<std::option
     return chain;
 }
 
+std::vector<std::vector<PluginIndex>> FindRunning(const Boot& boot, const std::vector<Span>& spans) {
+    std::vector<PluginIndex> coming;
+    for (PluginIndex index = 0; index < boot.plugins.size(); ++index) {
+        if (boot.plugins[index].Runs() && boot.plugins[index].HasRun()) {
+            coming.push_back(index);
+        }
+    }
+    const auto timingOf = [&](PluginIndex plugin) -> const Timing& {
+        return *boot.plugins[plugin].timing;
+    };
+    std::stable_sort(coming.begin(), coming.end(),
+                     [&](PluginIndex left, PluginIndex right) { return timingOf(left).start < timingOf(right).start; });
+
+    std::vector<std::vector<PluginIndex>> found;
+    std::vector<PluginIndex> running;
+    auto next = coming.begin();
+    for (const Span& span : spans) {
+        for (; next != coming.end() && timingOf(*next).start < span.end; ++next) {
+            running.push_back(*next);
+        }
+        std::erase_if(running, [&](PluginIndex plugin) { return *timingOf(plugin).end <= span.begin; });
+        found.push_back(span.begin < span.end ? running : std::vector<PluginIndex>{});
+    }
+    return found;
+}
+
 std::optional<PluginIndex> LastToEnd(const Boot& boot) {
     std::optional<PluginIndex> last;
     for (PluginIndex index = 0; index < boot.plugins.size(); ++index) {

@@ -28,6 +28,14 @@ std::vector<std::optional<Wait>> FindWaits(const Boot& boot);
 // Ends where a log that does not belong to the graph would lead round in a circle.
 std::vector<PluginIndex> ChainTo(PluginIndex last, const std::vector<std::optional<Wait>>& waits);
 
+struct Span {
+    Microseconds begin;
+    Microseconds end;
+};
+
+// For each of these spans, which follow each other in time, the plugins that ran in it for a while, by their starts.
+std::vector<std::vector<PluginIndex>> FindRunning(const Boot& boot, const std::vector<Span>& spans);
+
 // The plugin that ended last; nothing when none has run.
 std::optional<PluginIndex> LastToEnd(const Boot& boot);
 

@@ -25,6 +25,11 @@ using Command = std::function<int(const Question&)>;
 // Throws UsageError unless the answer is wanted in one of these forms.
 void RequireFormat(const Question& question, const std::string& command, std::initializer_list<Format> formats);
 
+Command DeclarePlan(CLI::App& part);
+Command DeclareBlame(CLI::App& part);
+Command DeclareCriticalChain(CLI::App& part);
+Command DeclareWhy(CLI::App& part);
+Command DeclareWhatIf(CLI::App& part);
 Command DeclareChart(CLI::App& part);
 Command DeclareDot(CLI::App& part);
 Command DeclareVerify(CLI::App& part);

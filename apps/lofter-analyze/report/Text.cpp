@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "posix/Printable.h"
 
@@ -19,10 +20,7 @@ std::size_t Width(std::string_view text) {
 }
 
 // Takes as many of the text's words as fit into that width, at least one character.
-std::string TakeLine(std::string& text, std::size_t width) {
-    if (Width(text) <= width) {
-        return std::exchange(text, {});
-    }
+std::string_view TakeLine(std::string_view& text, std::size_t width) {
     std::size_t bytes = 0;
     std::size_t lastBlank = 0;
     for (std::size_t shown = 0; bytes < text.size() && shown <= width; ++shown) {
@@ -36,9 +34,12 @@ std::string TakeLine(std::string& text, std::size_t width) {
             ++bytes;
         } while (bytes < text.size() && (text[bytes] & 0xc0) == 0x80);
     }
+    if (bytes == text.size()) {
+        return std::exchange(text, {});
+    }
     const std::size_t cut = lastBlank > 0 ? lastBlank : std::max<std::size_t>(bytes, 1);
-    std::string line = text.substr(0, cut);
-    text.erase(0, lastBlank > 0 ? cut + 1 : cut);
+    const std::string_view line = text.substr(0, cut);
+    text.remove_prefix(lastBlank > 0 ? cut + 1 : cut);
     return line;
 }
 
@@ -98,6 +99,12 @@ std::string Palette::Paint(Colour colour, std::string_view text) const {
     return std::string("\x1b[") + CodeOf(colour) + 'm' + std::string(text) + "\x1b[0m";
 }
 
+void PrintWrapped(std::string_view text, std::string_view indent, std::ostream& output) {
+    while (!text.empty()) {
+        output << indent << TakeLine(text, kLineWidth - indent.size()) << '\n';
+    }
+}
+
 void Table::Add(std::vector<std::string> cells, Colour colour) {
     rows.push_back({std::move(cells), colour});
 }
@@ -130,12 +137,13 @@ void Table::Print(std::ostream& output, const Palette& palette) const {
         if (columns.back().align == Align::Right && widths.back() <= lastWidth) {
             last.insert(0, widths.back() - Width(last), ' ');
         }
+        std::string_view rest = last;
         do {
-            line += TakeLine(last, lastWidth);
+            line += TakeLine(rest, lastWidth);
             line.erase(line.find_last_not_of(' ') + 1);
             output << palette.Paint(colour, line) << '\n';
             line.assign(lastAt, ' ');
-        } while (!last.empty());
+        } while (!rest.empty());
     };
 
     std::vector<std::string> headings;

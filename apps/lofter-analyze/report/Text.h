@@ -16,6 +16,9 @@ std::string Shown(std::string_view name);
 // "850us", "12.345ms", "1.234567s": exact to the microsecond, without zeros at the end. Negative ones with a sign.
 std::string ShownDuration(Microseconds duration);
 
+// On as many lines as its words need, each behind the indent. Nothing for an empty text.
+void PrintWrapped(std::string_view text, std::string_view indent, std::ostream& output);
+
 enum class Colour { None, Red, Yellow, Blue, Green, Bold, Faint };
 
 // Adds terminal colours, or does not.

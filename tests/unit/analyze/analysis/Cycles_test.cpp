@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/RandomBoot.h"
 #include "support/TestBoot.h"
 
 namespace lofter::analyze {
@@ -206,23 +207,10 @@ class AllLoops {
 
 TEST(Cycles, OfRandomGraphsAreThoseThatLookingAtEveryLoopFinds) {
     std::mt19937 random(13);
-    const auto draw = [&](std::size_t bound) {
-        return std::to_string(random() % bound);
-    };
     int withCycles = 0;
     for (int round = 0; round < 3000; ++round) {
-        const std::size_t plugins = 1 + random() % 7;
-        const std::size_t barriers = 1 + random() % 6;
-        std::string lines;
-        std::string names = "abcdefg";
-        std::shuffle(names.begin(), names.end(), random);
-        for (std::size_t number = 0; number < plugins; ++number) {
-            lines += std::string(1, names[number]) + ":";
-            for (std::size_t links = random() % 4; links > 0; --links) {
-                lines += (random() % 2 == 0 ? " requires b" : " provides b") + draw(barriers);
-            }
-            lines += random() % 8 == 0 ? " out\n" : "\n";
-        }
+        const std::string lines =
+            test::DrawBoot({.plugins = 7, .barriers = 6, .hasLoops = true, .hasKeptOut = true}, random);
         const Boot boot = BootOf(lines);
         const std::string found = CyclesOf(boot);
         withCycles += found.empty() ? 0 : 1;
