@@ -2,6 +2,7 @@
 import json
 import os
 import pathlib
+import platform
 import subprocess
 
 from lofterdev.repository import REPOSITORY
@@ -13,8 +14,7 @@ static int Start(void) { return 0; }
 LOFTER_PLUGIN(Start, LOFTER_NONE, LOFTER_LIST("thing"));
 """
 MACHINE_AT = 18  # where an object says which machine it is for
-AARCH64 = 183
-X86_64 = 62
+OWN, OTHER, OTHERS_NUMBER = ("AArch64", "x86-64", 62) if platform.machine() == "aarch64" else ("x86-64", "AArch64", 183)
 
 
 class Root:
