@@ -8,7 +8,7 @@ import pytest
 
 from lofterdev.host import Host
 
-PAGES = {"lofter": 8, "lofter-debug.conf": 5, "lofter-plugin": 7, "lofter-plugin-json": 5}
+PAGES = {"lofter": 8, "lofter-analyze": 1, "lofter-debug.conf": 5, "lofter-plugin": 7, "lofter-plugin-json": 5}
 
 
 def read_page(host: Host, name: str) -> pathlib.Path:
