@@ -6,6 +6,7 @@ import pathlib
 import subprocess
 from typing import Any
 
+from answers import faults
 from lofterdev.repository import REPOSITORY
 
 BUILD = pathlib.Path(os.environ.get("LOFTER_BUILD", REPOSITORY / "build" / "release"))
@@ -35,4 +36,7 @@ class Analyze:
         environment = {name: value for name, value in os.environ.items() if name != "NO_COLOR"} | variables
         process = subprocess.run([PROGRAM, *map(str, arguments)], cwd=self.folder, env=environment, input=stdin.encode(),
                                  capture_output=True, timeout=BOUND)
-        return Result(process.returncode, process.stdout.decode(errors="surrogateescape"), process.stderr.decode(errors="surrogateescape"))
+        result = Result(process.returncode, process.stdout.decode(errors="surrogateescape"), process.stderr.decode(errors="surrogateescape"))
+        if "--format=json" in arguments and result.output:
+            assert faults(result.answer) == []
+        return result

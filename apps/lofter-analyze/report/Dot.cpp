@@ -94,6 +94,7 @@ class Drawing {
     std::vector<std::size_t> placeOf;  // of a plugin among them
     std::vector<std::string> pluginNodes;
     std::vector<std::string> barrierNodes;  // empty for those that are not drawn
+    bool hasBarriers = false;
     bool hasMissing = false;
     bool hasLoops = false;
     bool hasKeptOut = false;
@@ -196,8 +197,9 @@ void Drawing::WriteBarrier(BarrierIndex index) {
     if (IsMissing(index)) {
         output << ", " << kMissingStyle;
         hasMissing = true;
-    } else if (loopOfBarrier[index]) {
-        output << ", " << kLoopStyle;
+    } else {
+        output << (loopOfBarrier[index] ? std::string(", ") + kLoopStyle : "");
+        hasBarriers = true;
     }
     output << "];\n";
 }
@@ -259,7 +261,7 @@ void Drawing::WriteLegend() {
         output << "\n    <tr><td" << attributes << ">" << mark << R"(</td><td align="left">)" << text << "</td></tr>";
     };
     row("", "ellipse", boot.run ? "plugin, how long it ran" : "plugin");
-    if (std::any_of(barrierNodes.begin(), barrierNodes.end(), [](const std::string& node) { return !node.empty(); })) {
+    if (hasBarriers) {
         row("", "box", "barrier: opens when all plugins in front of it have ended");
     }
     row("", "arrow", view.foldsBarriers ? "leads to what waits, with the barrier's name" : "leads to what waits");

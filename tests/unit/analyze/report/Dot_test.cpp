@@ -84,6 +84,25 @@ TEST(Dot, FoldsBarriersIntoTheNamesOfLinks) {
 )");
 }
 
+TEST(Dot, TheLegendHasWhatTheGraphHas) {
+    const std::string folded = Written(BootOf("a: provides x\nb: requires x"), {{}, false, true});
+    EXPECT_EQ(folded.substr(folded.find("  legend [")),
+              R"(  legend [shape=plain, label=<<table border="0" cellborder="1" cellspacing="0" cellpadding="4">
+    <tr><td>ellipse</td><td align="left">plugin</td></tr>
+    <tr><td>arrow</td><td align="left">leads to what waits, with the barrier's name</td></tr>
+  </table>>];
+}
+)");
+    const std::string loop = Written(BootOf("a: requires y x provides x"), {{}, false, true});
+    EXPECT_EQ(loop.find("barrier: opens when"), std::string::npos);
+    EXPECT_NE(loop.find(R"(<tr><td bgcolor="#ffe3b3">box</td><td align="left">barrier that nobody provides</td></tr>)"),
+              std::string::npos);
+    EXPECT_NE(
+        loop.find(
+            R"(<tr><td bgcolor="#cc0000"> </td><td align="left">plugins that wait for each other for ever</td></tr>)"),
+        std::string::npos);
+}
+
 TEST(Dot, SeveralBarriersBetweenTwoPluginsAreOneLink) {
     EXPECT_EQ(Statements(BootOf("a: provides y x\nb: requires x y"), {{}, false, true}),
               R"(  "plugin a" [label="a"];
