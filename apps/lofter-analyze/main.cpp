@@ -22,12 +22,15 @@ struct CommandEntry {
 
 // In the order in which the usage text lists them. The first is the one that runs when none is named.
 const std::vector<CommandEntry> kCommands{
+    {"summary", "where the time went", DeclareSummary},
     {"verify", "what is wrong with a host's plugins before it boots", DeclareVerify},
     {"plan", "the order in which plugins would run", DeclarePlan},
     {"blame", "which plugins took how long, and what they had waited for", DeclareBlame},
     {"critical-chain", "the chain of waits that ends at the last plugin, or at a given one", DeclareCriticalChain},
     {"why", "whether a plugin runs, and what it waits for", DeclareWhy},
     {"whatif", "how long the boot would take if something were different", DeclareWhatIf},
+    {"diff", "what became slower or faster", DeclareDiff},
+    {"stuck", "what a boot that hangs waits for", DeclareStuck},
     {"chart", "the boot as a picture, or for a trace viewer", DeclareChart},
     {"dot", "the graph for people, as a Graphviz file", DeclareDot},
     {"flags", "what each boot flag keeps out or lets in", DeclareFlags},

@@ -21,11 +21,6 @@ namespace {
 // Far beyond the log of a hundred thousand plugins.
 constexpr std::size_t kLongestLog = std::size_t{256} * 1024 * 1024;
 
-// How a file is called in messages.
-std::string ShownName(const std::string& path) {
-    return path == "-" ? "standard input" : path;
-}
-
 // Of these findings, each is about something that was lost.
 bool IsLoss(const Finding& finding) {
     return finding.rule == "unreadable" || finding.rule == "native-interface" || finding.rule == "debug-line";
@@ -45,7 +40,7 @@ void WarnOfLosses(const std::vector<Finding>& findings, std::ostream& warnings) 
 
 // A dump says no flags, files or releases, so that of the rules for admission only that about names can be asked.
 std::vector<BootPlugin> ReadGraph(const InputOptions& options, std::ostream& warnings) {
-    const std::string shownName = ShownName(*options.graph);
+    const std::string shownName = ShownInput(*options.graph);
     std::vector<BootPlugin> plugins = ParseDotFile(ReadGivenFile(*options.graph), shownName, warnings);
     if (!options.plugins.empty() || !options.bootFlags.empty() || !options.runOnce.empty()) {
         LineWarnings(shownName, warnings)
@@ -74,6 +69,10 @@ std::optional<std::string> ReadRootsLog(const InputOptions& options) {
 
 }  // namespace
 
+std::string ShownInput(const std::string& path) {
+    return path == "-" ? "standard input" : path;
+}
+
 InputPlugins ReadPlugins(const InputOptions& options, std::ostream& warnings) {
     if (options.graph) {
         return {ReadGraph(options, warnings), {}};
@@ -84,11 +83,11 @@ InputPlugins ReadPlugins(const InputOptions& options, std::ostream& warnings) {
 }
 
 std::optional<LoggedBoot> ReadGivenLog(const std::string& path, std::ostream& warnings) {
-    return ParseProfilingLog(ReadGivenFile(path), ShownName(path), warnings);
+    return ParseProfilingLog(ReadGivenFile(path), ShownInput(path), warnings);
 }
 
 Boot WithLog(std::vector<BootPlugin> plugins, const InputOptions& options, std::ostream& warnings) {
-    const std::string shownName = options.log ? ShownName(*options.log) : paths::kProfilingLog;
+    const std::string shownName = options.log ? ShownInput(*options.log) : paths::kProfilingLog;
     std::optional<LoggedBoot> log;
     if (options.log) {
         log = ReadGivenLog(*options.log, warnings);

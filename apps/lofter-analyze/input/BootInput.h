@@ -17,6 +17,9 @@ namespace lofter::analyze {
 // A root without a log gives a boot without times. Throws InputError for an input that cannot be read.
 Boot ReadBoot(const InputOptions& options, std::ostream& warnings);
 
+// How an input that the command line names is called in messages: "-" is "standard input".
+std::string ShownInput(const std::string& path);
+
 // The pieces of it, for whoever needs one of them only or something else in between.
 
 struct InputPlugins {

@@ -5,6 +5,7 @@
 #include <ostream>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace lofter::analyze {
 
@@ -22,6 +23,8 @@ class LineWarnings {
     void AddLine(int line, const std::string& text);
     // "<file>: <text>"
     void AddWhole(const std::string& text) const;
+    // "<file>: <text>: 'a', 'b' and 3 more", or nothing when there are no names.
+    void AddNames(std::string text, const std::vector<std::string>& names) const;
 
   private:
     const std::string file;

@@ -1,8 +1,6 @@
 #include "input/LogMatch.h"
 
-#include <algorithm>
 #include <deque>
-#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -11,23 +9,6 @@
 namespace lofter::analyze {
 
 namespace {
-
-// "<text>: 'a', 'b' and 3 more"
-void WarnOfPlugins(const LineWarnings& warnings, std::string text, const std::vector<std::string>& names) {
-    constexpr std::size_t kShownNames = 5;
-    if (names.empty()) {
-        return;
-    }
-    const char* separator = ": '";
-    for (std::size_t index = 0; index < std::min(names.size(), kShownNames); ++index) {
-        text += separator + names[index] + '\'';
-        separator = ", '";
-    }
-    if (names.size() > kShownNames) {
-        text += " and " + std::to_string(names.size() - kShownNames) + " more";
-    }
-    warnings.AddWhole(text);
-}
 
 class Matcher {
   public:
@@ -66,9 +47,9 @@ class Matcher {
                 missing.push_back(plugins[index].Name());
             }
         }
-        WarnOfPlugins(warnings, "the log has plugins that are not known otherwise", unknown);
-        WarnOfPlugins(warnings, "the log has plugins that these options keep out", keptOut);
-        WarnOfPlugins(warnings, "the log lacks plugins that should run", missing);
+        warnings.AddNames("the log has plugins that are not known otherwise", unknown);
+        warnings.AddNames("the log has plugins that these options keep out", keptOut);
+        warnings.AddNames("the log lacks plugins that should run", missing);
     }
 
     std::vector<BootPlugin> TakePlugins(NodeOrder order) {
