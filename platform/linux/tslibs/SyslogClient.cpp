@@ -104,7 +104,9 @@ bool SyslogClient::ConnectAs(int type) {
         hung = errno == EAGAIN || (hung && errno == EPROTOTYPE);
         return false;
     }
-    ::fcntl(created.Get(), F_SETFL, 0);
+    if (hung) {
+        ::fcntl(created.Get(), F_SETFL, 0);
+    }
     device = status.st_dev;
     inode = status.st_ino;
     socketType = type;
