@@ -72,7 +72,7 @@ depth  kind  plugin  waits for
 def test_without_a_log_parallel_means_that_nobody_waits_for_a_thread(analyze: Analyze, tmp_path: pathlib.Path) -> None:
     root = make_host(tmp_path, GRAPH)
     assert analyze("plan", "--parallel", "--format=json", "--root", root).answer["threads"] == 3
-    assert analyze("plan", "--parallel", "--threads", 2, "--format=json", "--root", root).answer["threads"] == 2
+    assert analyze("plan", "--parallel", "--threads", "2", "--format=json", "--root", root).answer["threads"] == 2
 
 
 def test_plugins_that_are_kept_out_hold_up_nobody(analyze: Analyze, tmp_path: pathlib.Path) -> None:
