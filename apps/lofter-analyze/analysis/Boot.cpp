@@ -1,6 +1,8 @@
 #include "analysis/Boot.h"
 
-#include <map>
+#include <algorithm>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 
 namespace lofter::analyze {
@@ -13,17 +15,16 @@ void AddOnce(std::vector<PluginIndex>& plugins, PluginIndex plugin) {
     }
 }
 
-std::map<std::string, BarrierIndex> BarrierNames(const std::vector<BootPlugin>& plugins) {
-    std::map<std::string, BarrierIndex> names;
+// Of all that plugins name, each once and by name. The names are the plugins'.
+std::vector<std::string_view> BarrierNames(const std::vector<BootPlugin>& plugins) {
+    std::vector<std::string_view> names;
     for (const BootPlugin& plugin : plugins) {
         for (const BarrierLink& link : plugin.description.links) {
-            names.emplace(link.barrier, 0);
+            names.push_back(link.barrier);
         }
     }
-    BarrierIndex next = 0;
-    for (auto& [name, index] : names) {
-        index = next++;
-    }
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;
 }
 
@@ -31,15 +32,15 @@ std::map<std::string, BarrierIndex> BarrierNames(const std::vector<BootPlugin>& 
 
 Boot MakeBoot(std::vector<BootPlugin> plugins, std::optional<RunRecord> run) {
     Boot boot{std::move(plugins), {}, run};
-    const std::map<std::string, BarrierIndex> names = BarrierNames(boot.plugins);
-    boot.barriers.resize(names.size());
-    for (const auto& [name, index] : names) {
-        boot.barriers[index].name = name;
+    std::unordered_map<std::string_view, BarrierIndex> indices;
+    for (const std::string_view name : BarrierNames(boot.plugins)) {
+        indices.emplace(name, boot.barriers.size());
+        boot.barriers.push_back({std::string(name), {}, {}});
     }
     for (PluginIndex index = 0; index < boot.plugins.size(); ++index) {
         BootPlugin& plugin = boot.plugins[index];
         for (const BarrierLink& link : plugin.description.links) {
-            const BarrierIndex barrier = names.at(link.barrier);
+            const BarrierIndex barrier = indices.at(link.barrier);
             if (link.direction == BarrierLink::Direction::Requires) {
                 plugin.requiredBarriers.push_back(barrier);
                 AddOnce(boot.barriers[barrier].requirers, index);

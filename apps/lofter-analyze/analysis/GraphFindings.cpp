@@ -1,8 +1,9 @@
 #include "analysis/GraphFindings.h"
 
 #include <algorithm>
-#include <map>
+#include <iterator>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "analysis/Cycles.h"
@@ -34,7 +35,7 @@ class GraphCheck {
     }
 
     void CheckNames() {
-        std::map<std::string_view, PluginIndex> first;
+        std::unordered_map<std::string_view, PluginIndex> first;
         for (PluginIndex index = 0; index < boot.plugins.size(); ++index) {
             const BootPlugin& plugin = boot.plugins[index];
             if (!plugin.Runs()) {

@@ -9,7 +9,7 @@
 
 namespace lofter::analyze {
 
-// Sorted. Of a dump only what can be said about the graph. Warnings and errors are those of ReadHost and ReadBoot.
+// Sorted. Of a dump only what can be said about the graph. Warnings and errors are those of ReadHost and ReadPlugins.
 std::vector<Finding> Verify(const InputOptions& options, std::ostream& warnings);
 
 }  // namespace lofter::analyze

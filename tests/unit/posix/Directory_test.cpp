@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "posix/File.h"
 #include "support/ChildOutcome.h"
 #include "support/TemporaryDirectory.h"
 
@@ -23,6 +24,20 @@ TEST(FileNames, AreThoseOfEveryKindOfEntryButTheDots) {
     const std::vector<std::string> names = posix::FileNames(folder.Path());
     EXPECT_EQ(std::multiset<std::string>(names.begin(), names.end()),
               (std::multiset<std::string>{".hidden", "file", "folder", "link"}));
+}
+
+TEST(FileNames, AreThoseOfADirectoryThatIsOpenAlready) {
+    const test::TemporaryDirectory folder;
+    folder.Write("file", "");
+    EXPECT_EQ(posix::FileNames(posix::OpenFile(folder.Path(), O_RDONLY), folder.Path()),
+              std::vector<std::string>{"file"});
+    try {
+        posix::FileNames(posix::OpenFile(folder / "file", O_RDONLY), "what it is called");
+        ADD_FAILURE();
+    } catch (const std::filesystem::filesystem_error& e) {
+        EXPECT_EQ(e.code().value(), ENOTDIR);
+        EXPECT_EQ(e.path1(), "what it is called");
+    }
 }
 
 // Such a directory has no entry at all, not even itself.

@@ -97,6 +97,31 @@ TEST(JsonDocument, IsDiscardedWhenTheTextIsNotValid) {
     EXPECT_TRUE(ParseJson(std::string("{}\0", 3)).is_discarded());
 }
 
+// "<byte>: <what>"
+std::string FaultOf(const std::string& text) {
+    const std::optional<JsonFault> fault = FindJsonFault(text);
+    return fault ? std::to_string(fault->byte) + ": " + fault->text : "";
+}
+
+TEST(JsonFault, IsWhereTheTextIsNotValidAnyMore) {
+    EXPECT_EQ(FaultOf("{\"a\": 1,}"), "8: not valid JSON");
+    EXPECT_EQ(FaultOf("{\"a\": 1"), "7: not valid JSON");
+    EXPECT_EQ(FaultOf(""), "0: not valid JSON");
+    EXPECT_EQ(FaultOf("{} 1"), "3: not valid JSON");
+    EXPECT_EQ(FaultOf("\xEF\xBB\xBF{}"), "0: a byte order mark");
+    EXPECT_EQ(FaultOf(std::string("{}\0", 3)), "2: a NUL byte");
+}
+
+TEST(JsonFault, IsTheSecondOfTwoMembersOfOneName) {
+    EXPECT_EQ(FaultOf(R"({"a":1,"a":1})"), "7: the member \"a\" a second time");
+    EXPECT_EQ(FaultOf(R"({"a":{"a":1},/*"a":*/"\u0061" :2})"), "21: the member \"a\" a second time");
+    EXPECT_EQ(FaultOf(R"({"\"\\":1, "\"\\":2})"), "11: the member \"\"\\\" a second time");
+}
+
+TEST(JsonFault, IsNoneOfAValidText) {
+    EXPECT_EQ(FaultOf(R"({"a": [1, 2.5], "b": {"a": null}} // end)"), "");
+}
+
 TEST(JsonDocument, MayHaveCommentsOfBothForms) {
     EXPECT_EQ(ParseJson("// one\n{\"a\" /* two */ : 1.5} // three").at("a"), 1.5);
 }
