@@ -7,6 +7,7 @@
 #include <string>
 
 #include "analysis/Course.h"
+#include "commands/Answers.h"
 #include "commands/Commands.h"
 #include "input/BootInput.h"
 #include "input/Errors.h"
@@ -41,10 +42,7 @@ int Run(const Question& question, const std::string& path) {
     RequireFormat(question, "chart", {Format::Text});
     const Writer write = WriterFor(path);
     const Boot boot = ReadBoot(question.options.input, std::cerr);
-    if (!LastToEnd(boot)) {
-        throw NoAnswerError(boot.run ? "chart: no plugin ran in this boot"
-                                     : "chart: there is no profiling log of this boot");
-    }
+    RequireLog(boot, "chart");
     std::ostringstream content;
     write(boot, FindCourse(boot), content);
     WriteFile(path, content.str());

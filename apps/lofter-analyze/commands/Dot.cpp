@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "analysis/Reach.h"
+#include "commands/Answers.h"
 #include "commands/Commands.h"
 #include "input/BootInput.h"
 #include "input/Errors.h"
@@ -26,19 +27,11 @@ struct DotOptions {
     bool foldsBarriers = false;
 };
 
-std::vector<PluginIndex> Named(const Boot& boot, const std::string& name) {
-    std::vector<PluginIndex> plugins = PluginsNamed(boot, name);
-    if (plugins.empty()) {
-        throw NoAnswerError("dot: there is no plugin \"" + Shown(name) + '"');
-    }
-    return plugins;
-}
-
 // "net" or "net,2". A name that ends in a comma and a number is known by being a plugin's.
 PluginSet Around(const Boot& boot, const std::string& argument) {
     const std::size_t comma = argument.rfind(',');
     if (comma == std::string::npos || !PluginsNamed(boot, argument).empty()) {
-        return Reach(boot, Named(boot, argument), Direction::Both, 1);
+        return Reach(boot, RequirePlugins(boot, "dot", argument), Direction::Both, 1);
     }
     std::size_t distance = 0;
     const char* const end = argument.data() + argument.size();
@@ -46,7 +39,7 @@ PluginSet Around(const Boot& boot, const std::string& argument) {
     if (problem != std::errc{} || rest != end) {
         throw UsageError("dot: --around takes a plugin, or a plugin, a comma and a number: " + Shown(argument));
     }
-    return Reach(boot, Named(boot, argument.substr(0, comma)), Direction::Both, distance);
+    return Reach(boot, RequirePlugins(boot, "dot", argument.substr(0, comma)), Direction::Both, distance);
 }
 
 void KeepCommon(PluginSet& plugins, const PluginSet& others) {
@@ -58,10 +51,10 @@ void KeepCommon(PluginSet& plugins, const PluginSet& others) {
 PluginSet Select(const Boot& boot, const DotOptions& options) {
     PluginSet plugins(boot.plugins.size(), true);
     if (options.from) {
-        KeepCommon(plugins, Reach(boot, Named(boot, *options.from), Direction::After, kAnyDistance));
+        KeepCommon(plugins, Reach(boot, RequirePlugins(boot, "dot", *options.from), Direction::After, kAnyDistance));
     }
     if (options.to) {
-        KeepCommon(plugins, Reach(boot, Named(boot, *options.to), Direction::Before, kAnyDistance));
+        KeepCommon(plugins, Reach(boot, RequirePlugins(boot, "dot", *options.to), Direction::Before, kAnyDistance));
     }
     if (options.around) {
         KeepCommon(plugins, Around(boot, *options.around));
