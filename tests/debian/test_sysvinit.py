@@ -65,7 +65,7 @@ def test_purge_leaves_nothing_behind() -> None:
         # Also what had a file in the last boot.
         assert "daemon: cron" in machine.run("cat /var/log/sysboot.log")
         machine.run("rm -r /usr/libexec/lofter/plugins/greeting.json /usr/lib/tessel/qorcli/greeting.write")
-        machine.run("dpkg --purge lofter-host lofter-dev lofter-dbgsym lofter")
+        machine.run("dpkg --purge $(dpkg-query -W -f '${Package} ' 'lofter*')")
         left = machine.run("find / -xdev '(' -ipath '*lofter*' -o -ipath '*tessel*' -o -ipath '*bootbank*' -o -name 'sysboot.log*'"
                            " -o -name 'hxed*' ')' -not -path '/root/*' -not -path '/proc/*'; ls -d /run/tessel 2>&1 || :")
         assert left == "ls: cannot access '/run/tessel': No such file or directory\n"

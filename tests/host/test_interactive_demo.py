@@ -175,7 +175,8 @@ def test_the_boot_in_the_readme_is_what_a_person_sees(demo_host: Host, screen: S
     if os.environ.get("RECORD"):
         shown = "".join(f"    {line}".rstrip() + "\n" for line in seen.splitlines())
         README.write_text(README.read_text().replace(whole, f"    $ ./dev boot {options}\n\n{shown}"))
-    assert settled(seen) == [line[4:] for line in settled(transcript()[2])]
+    unwrapped = transcript()[2].replace(" \\\n        ", " ")
+    assert settled(seen) == [line[4:] for line in settled(unwrapped)]
 
 
 def test_dev_boot_asks_in_front_of_every_step_of_the_demo_host(demo_host: Host, screen: Screen) -> None:

@@ -93,7 +93,7 @@ def is_plain(outcome: subprocess.CompletedProcess[str]) -> bool:
 
 def test_every_command_is_among_those_that_are_tried(machine: Machine) -> None:
     usage = machine.dev("help").stdout
-    assert sorted(re.findall(r"^  (\w+) ", usage, re.MULTILINE)) == sorted(COMMANDS)
+    assert sorted(re.findall(r"^  (\w+) ", usage, re.MULTILINE)) == sorted([*COMMANDS, "package"])
 
 
 @pytest.mark.parametrize("words, preset", COMMANDS.values(), ids=COMMANDS)
@@ -103,6 +103,17 @@ def test_a_command_comes_as_far_as_its_build_on_a_fresh_clone(machine: Machine, 
     assert outcome.returncode == 1
     assert "cmake: out of order" in outcome.stdout + outcome.stderr
     assert is_plain(outcome), outcome
+
+
+def test_packages_are_built_of_what_is_in_the_tree(machine: Machine) -> None:
+    machine.tool("dpkg-buildpackage", 'ls -A . debian; echo "dpkg-buildpackage: out of order"; exit 1')
+    outcome = machine.dev("package")
+    assert outcome.returncode == 1
+    assert is_plain(outcome), outcome
+    *listing, reason, last = outcome.stderr.splitlines()
+    assert {"CMakeLists.txt", "apps", "debian", "control", "rules"} <= set(listing) and "build" not in listing
+    assert reason == "dpkg-buildpackage: out of order"
+    assert last == "package: the packages do not build; all of it is in build/debian/build.log"
 
 
 @pytest.mark.parametrize("words", [words for name, (words, _) in COMMANDS.items() if name not in QUIET_BEFORE_THEIR_BUILD])
