@@ -195,10 +195,23 @@ std::vector<BarrierIndex> ClosedBarriers(const BootPlugin& plugin, const Rest& r
     return closed;
 }
 
+PluginIndex PluginOf(const Standstill::Holder& holder) {
+    return holder.plugin;
+}
+PluginIndex PluginOf(const Standstill::Waiter& waiter) {
+    return waiter.plugin;
+}
+PluginIndex PluginOf(const Standstill::Loop& loop) {
+    return loop.cycle.front().plugin;
+}
+
 template <typename Item>
-void SortByWeight(std::vector<Item>& items) {
-    std::stable_sort(items.begin(), items.end(),
-                     [](const Item& left, const Item& right) { return left.holdsUp > right.holdsUp; });
+void SortByWeight(std::vector<Item>& items, const Boot& boot) {
+    std::stable_sort(items.begin(), items.end(), [&](const Item& left, const Item& right) {
+        return left.holdsUp != right.holdsUp
+                   ? left.holdsUp > right.holdsUp
+                   : boot.plugins[PluginOf(left)].Name() < boot.plugins[PluginOf(right)].Name();
+    });
 }
 
 }  // namespace
@@ -243,8 +256,8 @@ Standstill FindStandstill(const Boot& boot, const std::vector<Progress>& progres
         const std::size_t holdsUp = waiters.HeldUpBy(cycle.front().plugin) + 1 - cycle.size();
         standstill.loops.push_back({std::move(cycle), holdsUp});
     }
-    SortByWeight(standstill.running);
-    SortByWeight(standstill.loops);
+    SortByWeight(standstill.running, boot);
+    SortByWeight(standstill.loops, boot);
 
     const RootSearch roots(rest, standstill);
     for (PluginIndex plugin = 0; plugin < boot.plugins.size(); ++plugin) {
@@ -253,7 +266,7 @@ Standstill FindStandstill(const Boot& boot, const std::vector<Progress>& progres
                                           PluginsOf(roots.Of(plugin), standstill), waiters.HeldUpBy(plugin)});
         }
     }
-    SortByWeight(standstill.waiting);
+    SortByWeight(standstill.waiting, boot);
     return standstill;
 }
 

@@ -31,7 +31,7 @@ struct Standstill {
         std::size_t holdsUp;  // outside of the cycle
     };
 
-    // Those that hold up more come first, then in the boot's order.
+    // Those that hold up more come first, then those of lesser names.
     std::vector<Holder> running;
     std::vector<Waiter> waiting;  // without those that wait for a free thread only, in the end
     std::vector<Loop> loops;      // of plugins that did not begin
