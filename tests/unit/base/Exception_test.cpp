@@ -1,5 +1,6 @@
 #include "base/Exception.h"
 
+#include <stdexcept>
 #include <type_traits>
 
 #include <gtest/gtest.h>
@@ -39,6 +40,13 @@ TEST(Exception, NamesPluginMethodAndReasonOfAFailure) {
 TEST(Exception, NamesTheFileOfAnInvalidPlugin) {
     EXPECT_STREQ(InvalidPluginException("/plugins/net.so", "no metadata").what(),
                  "plugin `/plugins/net.so' is invalid: no metadata");
+}
+
+TEST(Exception, HasATextWhateverItIs) {
+    EXPECT_EQ(TextOf(std::make_exception_ptr(Exception("a message"))), "a message");
+    EXPECT_EQ(TextOf(std::make_exception_ptr(std::runtime_error("a reason"))), "a reason");
+    EXPECT_EQ(TextOf(std::make_exception_ptr(7)), "unknown exception");
+    EXPECT_EQ(TextOf(nullptr), "");
 }
 
 }  // namespace
