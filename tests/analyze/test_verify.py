@@ -46,7 +46,7 @@ def test_plugins_that_wait_for_each_other_are_named_in_a_loop(analyze: Analyze, 
 def test_a_plugin_that_requires_what_it_provides_waits_for_ever_whoever_else_provides_it(analyze: Analyze, root: Root) -> None:
     root.json("hw", [], ["net"])
     root.json("net", ["net"], ["net"])
-    says(analyze, f"/{PLUGINS}/net.json: error: wait for each other for ever: net -[net]-> net [cycle]\n" + ONE_ERROR)
+    says(analyze, f"/{PLUGINS}/net.json: error: waits for itself for ever: net -[net]-> net [cycle]\n" + ONE_ERROR)
 
 
 def test_a_chain_is_no_loop_and_neither_is_one_through_a_plugin_that_is_kept_out(analyze: Analyze, root: Root) -> None:

@@ -18,8 +18,8 @@ class GraphCheck {
 
     void CheckCycles() {
         for (const Cycle& cycle : FindCycles(boot)) {
-            Add("cycle", Severity::Error, cycle.front().plugin,
-                "wait for each other for ever: " + ShownCycle(boot, cycle));
+            const std::string what = cycle.size() == 1 ? "waits for itself" : "wait for each other";
+            Add("cycle", Severity::Error, cycle.front().plugin, what + " for ever: " + ShownCycle(boot, cycle));
         }
     }
 

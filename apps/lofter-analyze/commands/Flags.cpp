@@ -1,13 +1,14 @@
 // flags: what each boot flag keeps out or lets in, and what is missing then.
 #include "analysis/Flags.h"
 
+#include <iostream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "commands/Commands.h"
+#include "input/BootInput.h"
 #include "input/Errors.h"
-#include "input/Host.h"
 #include "report/Json.h"
 #include "report/Text.h"
 
@@ -78,7 +79,7 @@ int Run(const Question& question) {
     if (question.options.input.graph) {
         throw NoAnswerError("a dump does not hold boot flags");
     }
-    const Boot boot = MakeBoot(ReadHost(question.options.input).plugins, std::nullopt);
+    const Boot boot = MakeBoot(ReadPlugins(question.options.input, std::cerr).plugins, std::nullopt);
     const std::vector<FlagEffect> effects = FindFlags(boot);
     if (question.options.output.format == Format::Json) {
         PrintJson(boot, effects, question);

@@ -23,7 +23,8 @@ constexpr std::size_t kLongestLog = std::size_t{256} * 1024 * 1024;
 
 // Of these findings, each is about something that was lost.
 bool IsLoss(const Finding& finding) {
-    return finding.rule == "unreadable" || finding.rule == "native-interface" || finding.rule == "debug-line";
+    return finding.rule == "unreadable" || finding.rule == "native-interface" || finding.rule == "wrong-machine" ||
+           finding.rule == "missing-library" || finding.rule == "debug-line";
 }
 
 void WarnOfLosses(const std::vector<Finding>& findings, std::ostream& warnings) {

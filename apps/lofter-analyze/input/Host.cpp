@@ -29,7 +29,7 @@ namespace lofter::analyze {
 
 namespace {
 
-constexpr std::size_t kLongestFile = std::size_t{64} * 1024 * 1024;
+constexpr std::size_t kLongestFile = std::size_t{16} * 1024 * 1024;
 
 std::string Joined(const std::string& directory, const std::string& name) {
     return (std::filesystem::path(directory) / name).string();
@@ -156,9 +156,10 @@ class HostReader {
         if (options.debugConfiguration) {
             debugPath = *options.debugConfiguration;
             ParseDebugEntries(ReadGivenFile(debugPath));
-            struct stat status {};
-            if (debugPath != "-" && ::stat(debugPath.c_str(), &status) == 0) {
-                CheckMode(status, debugPath, "", host.findings);
+            if (debugPath != "-") {
+                CheckGivenMode(debugPath);
+                const std::string directory = std::filesystem::path(debugPath).parent_path().string();
+                CheckGivenMode(directory.empty() ? "." : directory);
             }
         } else if (root) {
             debugPath = paths::kDebugConfiguration;
@@ -174,6 +175,13 @@ class HostReader {
                     }
                 }
             }
+        }
+    }
+
+    void CheckGivenMode(const std::string& path) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0) {
+            CheckMode(status, path, "", host.findings);
         }
     }
 
@@ -254,7 +262,7 @@ class HostReader {
             return;
         }
         if (content && content->size() > kLongestFile) {
-            AddUnreadable({PluginKind::Json, name, shown}, "longer than 64 MiB");
+            AddUnreadable({PluginKind::Json, name, shown}, "longer than 16 MiB");
             return;
         }
         PluginDescription plugin = DescribeJsonContent(name, shown, content);

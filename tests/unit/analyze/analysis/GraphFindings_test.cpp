@@ -27,7 +27,7 @@ TEST(GraphFindings, HaveALoopForEveryPartThatHangsTogether) {
                     "c: requires y z provides z\n",
                     "cycle"),
               "error a.json a: wait for each other for ever: a -[x]-> b -[y]-> a\n"
-              "error c.json c: wait for each other for ever: c -[z]-> c\n");
+              "error c.json c: waits for itself for ever: c -[z]-> c\n");
 }
 
 TEST(GraphFindings, NameAllWhoRequireWhatNobodyProvides) {
