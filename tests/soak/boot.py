@@ -9,6 +9,7 @@ import sys
 from typing import BinaryIO
 
 from compare import Comparison
+from forecast import Foretelling
 from generate import draw_host
 from lofterdev.host import Host, Running
 from lofterdev.syslog import Syslog
@@ -61,6 +62,7 @@ def make_run(plan: HostPlan, run: Run, host: Host, work: pathlib.Path) -> tuple[
         host.path(path).unlink(missing_ok=True)
     host.write(MARKS, "", 0o666)
     expected = expect(plan, run, host)
+    foretelling = Foretelling(host, run, expected)
     syslog = host.syslog()
     problems = []
     with open(work / "output", "w+b") as output, open(work / "errors", "w+b") as errors:
@@ -87,6 +89,8 @@ def make_run(plan: HostPlan, run: Run, host: Host, work: pathlib.Path) -> tuple[
     reports = host.sanitizer_reports()
     comparison = Comparison(plan, run, expected, seen)
     problems += comparison.whole() + ([reports] if reports else [])
+    if not problems and not comparison.lost:
+        problems += foretelling.problems(seen.profile)
     return expected, problems, comparison.lost
 
 

@@ -28,8 +28,7 @@ std::vector<PluginIndex> CandidatesOf(const Boot& boot, const ForecastModel& mod
 
 }  // namespace
 
-std::vector<Gain> RankGains(const Boot& boot, const ForecastModel& model) {
-    const Microseconds makespan = MakeForecast(boot, model).makespan;
+std::vector<Gain> RankGains(const Boot& boot, const ForecastModel& model, Microseconds makespan) {
     ForecastModel changed = model;
     std::vector<Gain> gains;
     for (const PluginIndex plugin : CandidatesOf(boot, model)) {
@@ -46,12 +45,15 @@ std::vector<Gain> RankGains(const Boot& boot, const ForecastModel& model) {
     return gains;
 }
 
-std::vector<ThreadsForecast> ForecastMoreThreads(const Boot& boot, const ForecastModel& model) {
+std::vector<ThreadsForecast> ForecastMoreThreads(const Boot& boot, const ForecastModel& model, Microseconds makespan) {
+    constexpr int kMostDoublings = 4;
     const Microseconds least = model.begin + FindChains(boot, model.durations).floor;
     std::vector<ThreadsForecast> forecasts;
     ForecastModel more = model;
-    Microseconds makespan = MakeForecast(boot, model).makespan;
-    while (makespan > least && more.threads < boot.plugins.size()) {
+    for (int doublings = 0; doublings < kMostDoublings; ++doublings) {
+        if (makespan <= least || more.threads >= boot.plugins.size()) {
+            break;
+        }
         more.threads = std::min(2 * more.threads, boot.plugins.size());
         makespan = MakeForecast(boot, more).makespan;
         forecasts.push_back({more.threads, makespan});

@@ -131,8 +131,8 @@ WhatIf Imagine(const Boot& boot, const WhatIfOptions& options) {
     model.threads = options.threads.value_or(model.threads);
     answer.predicted = MakeForecast(changed, model).makespan;
     if (options.rank) {
-        answer.rank = RankGains(changed, model);
-        answer.threads = ForecastMoreThreads(changed, model);
+        answer.rank = RankGains(changed, model, answer.predicted);
+        answer.threads = ForecastMoreThreads(changed, model, answer.predicted);
     }
     return answer;
 }

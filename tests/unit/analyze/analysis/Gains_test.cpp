@@ -17,7 +17,7 @@ std::string Ranked(const Boot& boot, std::size_t threads) {
     ForecastModel model = MeasuredModel(boot);
     model.threads = threads;
     std::string text;
-    for (const Gain& gain : RankGains(boot, model)) {
+    for (const Gain& gain : RankGains(boot, model, MakeForecast(boot, model).makespan)) {
         text += (text.empty() ? "" : " ") + boot.plugins[gain.plugin].Name() + ':' + std::to_string(gain.gain);
     }
     return text;
@@ -27,7 +27,7 @@ std::string MoreThreads(const Boot& boot, std::size_t threads) {
     ForecastModel model = MeasuredModel(boot);
     model.threads = threads;
     std::string text;
-    for (const ThreadsForecast& forecast : ForecastMoreThreads(boot, model)) {
+    for (const ThreadsForecast& forecast : ForecastMoreThreads(boot, model, MakeForecast(boot, model).makespan)) {
         text += (text.empty() ? "" : " ") + std::to_string(forecast.threads) + ':' + std::to_string(forecast.makespan);
     }
     return text;
@@ -53,7 +53,7 @@ TEST(Gains, OfRandomBootsAreThoseOfAForecastEach) {
         ForecastModel model = MeasuredModel(boot);
         model.threads = 1 + random() % 3;
         const Microseconds makespan = MakeForecast(boot, model).makespan;
-        const std::vector<Gain> gains = RankGains(boot, model);
+        const std::vector<Gain> gains = RankGains(boot, model, makespan);
         ASSERT_EQ(gains.size(), boot.plugins.size());
         for (const Gain& gain : gains) {
             ForecastModel changed = model;
@@ -73,12 +73,20 @@ TEST(Gains, OfMoreThanAThousandPluginsAreThoseOfTheLeastSlack) {
     const Boot boot = BootOf(lines);
     ForecastModel model = MeasuredModel(boot);
     model.threads = 2'000;
-    const std::vector<Gain> gains = RankGains(boot, model);
+    const std::vector<Gain> gains = RankGains(boot, model, MakeForecast(boot, model).makespan);
     ASSERT_EQ(gains.size(), 100U);
     EXPECT_EQ(boot.plugins[gains.front().plugin].Name(), "p1000");
     EXPECT_EQ(gains.front().gain, 1);
     EXPECT_EQ(gains.back().gain, 0);
     EXPECT_TRUE(std::all_of(gains.begin(), gains.end(), [](const Gain& gain) { return gain.plugin > 900; }));
+}
+
+TEST(MoreThreads, AreAtMostSixteenTimesAsMany) {
+    std::string lines;
+    for (int number = 0; number < 100; ++number) {
+        lines += "p" + std::to_string(number) + ": ran 0 100\n";
+    }
+    EXPECT_EQ(MoreThreads(BootOf(lines), 1), "2:5000 4:2500 8:1300 16:700");
 }
 
 TEST(MoreThreads, AreTwiceAsManyUntilTheyBringNothing) {
