@@ -95,7 +95,7 @@ def complete(*words: str) -> list[str]:
 def test_completion_offers_every_command_and_option(analyze: Analyze) -> None:
     known = commands(analyze)
     assert [word for word in complete("") if not word.startswith("-")] == sorted(known)
-    for command in ([], *([name] for name in known)):
+    for command in [list[str](), *([name] for name in known)]:
         offered = {word.rstrip("=") for word in complete(*command, "-")} - {"-h", "-o", "--"}
         assert offered == options(analyze, *command) | options(analyze), command
 

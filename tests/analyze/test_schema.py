@@ -31,7 +31,7 @@ CAPTURE = """[    1.000000] lofter: Activating Lofter plugin devices.
 [    1.200000] lofter: Activating Lofter plugin disks.
 """
 # What each command is asked, beside the host.
-QUESTIONS = {
+QUESTIONS: dict[str, list[list[str]]] = {
     "summary": [[]],
     "verify": [[], ["--disable-plugins=disks"], ["--plugin-flags=a,b"]],
     "plan": [[], ["--threads=3"], ["--parallel"]],
