@@ -1,8 +1,8 @@
 /*
- * The native plugin of the soak: one compiled object that is any plugin, by what is written into its text.
+ * The native plugin of the soak: one compiled object that is any plugin, by what is written into its file.
  *
- * The text is a row of strings, each opened by a letter that says what it is; an empty one ends the row. The metadata
- * block is put together from it while the object is loaded, in the orchestrator as in the runner.
+ * Strings are written into the text, and every pointer here is made to point at one of them, or to be a null pointer,
+ * by its relocation. So the file alone says what the plugin is: nothing has to run for that.
  */
 #include <fcntl.h>
 #include <signal.h>
@@ -23,12 +23,15 @@ struct Block {
     const char** flags[2]; /* required and disabling */
 };
 
-struct Block metadata;
-int (*operations[2])(void);
+char text[16384] = "@the text of a plugin@";
+const char* entries[4][ENTRIES] = {[0 ... 3] = {[0 ... ENTRIES - 1] = text}}; /* of the lists and the flags */
+const char* work[2] = {text, text};
 
-static char text[16384] = "@the text of a plugin@";
-static const char* entries[4][ENTRIES];
-static const char* work[2];
+static int Start(void);
+static int ApplyHostProfile(void);
+
+struct Block metadata = {1, {entries[0], entries[1]}, text, 0, {entries[2], entries[3]}};
+int (*operations[2])(void) = {Start, ApplyHostProfile};
 
 /* Marks are single writes to a file opened for appending, so their order in the file is that of the operations. */
 static void Mark(char sign, const char* name) {
@@ -61,56 +64,4 @@ static int Start(void) {
 }
 static int ApplyHostProfile(void) {
     return Do(work[1]);
-}
-
-static void Add(int list, const char* entry) {
-    int count = 0;
-    while (entries[list][count] != NULL)
-        count++;
-    if (count + 1 < ENTRIES)
-        entries[list][count] = entry;
-}
-
-__attribute__((constructor)) static void PutTogether(void) {
-    for (const char* entry = text; *entry != '\0'; entry += strlen(entry) + 1) {
-        const char* value = entry + 1;
-        switch (*entry) {
-            case 'v':
-                metadata.version = (uint32_t)strtoul(value, NULL, 10);
-                break;
-            case 'R':
-                metadata.release = value;
-                break;
-            case 'o':
-                metadata.runOnce = 1;
-                break;
-            case 'r':
-                Add(0, value);
-                break;
-            case 'p':
-                Add(1, value);
-                break;
-            case 'n':
-                Add(2, value);
-                break;
-            case 'd':
-                Add(3, value);
-                break;
-            case 's':
-                work[0] = value;
-                break;
-            case 'a':
-                work[1] = value;
-                break;
-            default:
-                break;
-        }
-    }
-    for (int list = 0; list < 2; list++) {
-        /* No list and an empty one mean the same; both occur. */
-        metadata.lists[list] = entries[list][0] == NULL && metadata.runOnce ? NULL : entries[list];
-        metadata.flags[list] = entries[2 + list][0] == NULL && metadata.runOnce ? NULL : entries[2 + list];
-    }
-    operations[0] = Start;
-    operations[1] = work[1] == NULL ? NULL : ApplyHostProfile;
 }

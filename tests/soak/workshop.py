@@ -1,14 +1,16 @@
 """Makes a host root of a plan: a copy of a template that is assembled once, plus the files of the plan."""
 import pathlib
+import struct
 import subprocess
 
+from elf import SharedObject
 from lofterdev.host import BUILD, Host
 from lofterdev.roots import assemble
 from plan import HostPlan, JsonFile, NativeFile, Script
 
 SOURCE = pathlib.Path(__file__).resolve().parent / "plugin.c"
-MARKER = b"@the text of a plugin@"
-TEXT_SIZE = 16384
+TEXT_SIZE, ENTRIES, POINTER = 16384, 64, 8
+VERSION, LISTS, RELEASE, RUN_ONCE, FLAGS = 0, 8, 24, 32, 40  # in the metadata
 COMMANDS = "/usr/lib/tessel/qorcli"
 PLUGINS = "/usr/libexec/lofter/plugins"
 
@@ -42,7 +44,7 @@ class Workshop:
 
     def compile_object(self, name: str, *options: pathlib.Path | str) -> None:
         target = self.folder / f"{name}.so"
-        subprocess.run(["cc", "-std=gnu11", "-Wall", "-Werror", "-O1", "-shared", "-fPIC", "-Wl,-Bsymbolic", *options, "-o", target],
+        subprocess.run(["cc", "-std=gnu11", "-Wall", "-Werror", "-O1", "-shared", "-fPIC", "-Wl,-Bsymbolic", "-Wl,-z,nocombreloc", *options, "-o", target],
                        check=True)
         self.objects[name] = target.read_bytes()
 
@@ -69,19 +71,8 @@ class Workshop:
             return self.objects[plugin.flaw]
         if plugin.flaw == "text":
             return b"not an object\n"
-        words = [f"v{plugin.version}"]
-        words += [f"R{plugin.release}"] if plugin.release is not None else []
-        words += ["o"] if plugin.run_once else []
-        for letter, names in (("r", plugin.requires), ("p", plugin.provides), ("n", plugin.required_flags), ("d", plugin.disabling_flags)):
-            words += [letter + name for name in names]
-        for letter, work in (("s", plugin.start), ("a", plugin.profile)):
-            words += [f"{letter}{work.mark} {work.pause} {work.status} {work.signal}"] if work else []
-        text = "".join(f"{word}\0" for word in words).encode()
-        assert len(text) < TEXT_SIZE - 1
-        whole = self.objects["whole"]
-        place = whole.index(MARKER)
-        patched = whole[:place] + text.ljust(TEXT_SIZE, b"\0") + whole[place + TEXT_SIZE:]
-        return patched[:len(patched) // 2] if plugin.flaw == "truncated" else patched
+        whole = written(self.objects["whole"], plugin)
+        return whole[:len(whole) // 2] if plugin.flaw == "truncated" else whole
 
     def furnish(self, host: Host, plan: HostPlan) -> None:
         for file in plan.files:
@@ -116,6 +107,37 @@ class Workshop:
         lines = [f"{line.path} {line.priority}" if isinstance(line, Script) else line for line in plan.listing]
         host.write("/etc/chkconfig.list", "".join(f"{line}\n" for line in lines))
         host.write_script("/bin/chkconfig", '[ "$*" = -p ] && cat /etc/chkconfig.list')
+
+
+def written(whole: bytes, plugin: NativeFile) -> bytes:
+    """The object as this plugin."""
+    file = SharedObject(whole)
+    metadata, entries = file.symbols["metadata"], file.symbols["entries"]
+    text = bytearray()
+
+    def refer(pointer: int, string: str | None) -> None:
+        if string is None:
+            file.clear(pointer)
+            return
+        file.point(pointer, file.symbols["text"] + len(text))
+        text.extend(string.encode() + b"\0")
+
+    file.write(metadata + VERSION, struct.pack("<I", plugin.version & 0xffffffff))
+    file.write(metadata + RUN_ONCE, bytes([plugin.run_once]))
+    refer(metadata + RELEASE, plugin.release)
+    for number, names in enumerate((plugin.requires, plugin.provides, plugin.required_flags, plugin.disabling_flags)):
+        assert len(names) < ENTRIES
+        for place in range(ENTRIES):
+            refer(entries + POINTER * (ENTRIES * number + place), names[place] if place < len(names) else None)
+        if not names and plugin.run_once:  # no list and an empty one mean the same; both occur
+            file.clear(metadata + (LISTS if number < 2 else FLAGS) + POINTER * (number % 2))
+    for number, work in enumerate((plugin.start, plugin.profile)):
+        refer(file.symbols["work"] + POINTER * number, f"{work.mark} {work.pause} {work.status} {work.signal}" if work else None)
+    if plugin.profile is None:
+        file.clear(file.symbols["operations"] + POINTER)
+    assert len(text) <= TEXT_SIZE
+    file.write(file.symbols["text"], bytes(text))
+    return bytes(file.content)
 
 
 def script_body(script: Script) -> str:
