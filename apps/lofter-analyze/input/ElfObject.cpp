@@ -369,8 +369,9 @@ std::optional<std::uint64_t> ElfObject::Symbol(const std::string& name) const {
     for (const Elf64_Sym& symbol : symbols) {
         const unsigned binding = ELF64_ST_BIND(symbol.st_info);
         const unsigned visibility = ELF64_ST_VISIBILITY(symbol.st_other);
-        const bool isExported = symbol.st_shndx != SHN_UNDEF && binding != STB_LOCAL && visibility != STV_HIDDEN &&
-                                visibility != STV_INTERNAL;
+        const bool isInObject = symbol.st_shndx != SHN_UNDEF && symbol.st_shndx != SHN_ABS && symbol.st_value != 0;
+        const bool isExported =
+            isInObject && binding != STB_LOCAL && visibility != STV_HIDDEN && visibility != STV_INTERNAL;
         if (isExported && symbol.st_name < names.size() && name == names.c_str() + symbol.st_name) {
             return symbol.st_value;
         }
