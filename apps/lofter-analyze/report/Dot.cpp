@@ -69,7 +69,7 @@ class Drawing {
     bool IsLinkDrawn(PluginIndex plugin, BarrierIndex barrier) const {
         return isDrawn[plugin] && (!view.isLoopsOnly || IsOnLoop(plugin, barrier));
     }
-    bool IsMissing(BarrierIndex barrier) const { return boot.barriers[barrier].providers.empty(); }
+    bool IsMissing(BarrierIndex barrier) const;
     bool IsFolded(BarrierIndex barrier) const;
     bool IsBarrierDrawn(BarrierIndex barrier) const;
 
@@ -122,6 +122,14 @@ Drawing::Drawing(const Boot& drawn, const DotView& itsView, std::ostream& stream
         placeOf[plugins[place]] = place;
     }
     NameNodes();
+}
+
+// What is kept out misses nothing.
+bool Drawing::IsMissing(BarrierIndex barrier) const {
+    const std::vector<PluginIndex>& requirers = boot.barriers[barrier].requirers;
+    return boot.barriers[barrier].providers.empty() &&
+           std::any_of(requirers.begin(), requirers.end(),
+                       [this](PluginIndex plugin) { return boot.plugins[plugin].Runs(); });
 }
 
 // A barrier without a provider has no link to put its name on.

@@ -103,6 +103,14 @@ TEST(Dot, TheLegendHasWhatTheGraphHas) {
         std::string::npos);
 }
 
+TEST(Dot, APluginThatIsKeptOutMissesNothing) {
+    EXPECT_EQ(Statements(BootOf("a: requires x out")),
+              R"(  "plugin a" [label="a\nkept out", style="dashed", color="#808080", fontcolor="#808080"];
+  "barrier x" [shape=box, label="x"];
+  "barrier x" -> "plugin a";
+)");
+}
+
 TEST(Dot, SeveralBarriersBetweenTwoPluginsAreOneLink) {
     EXPECT_EQ(Statements(BootOf("a: provides y x\nb: requires x y"), {{}, false, true}),
               R"(  "plugin a" [label="a"];
