@@ -87,14 +87,26 @@ class Rest {
 };
 
 // How many plugins wait in and behind each part. A set of plugins for every part would be too much for large boots, so
-// some plugins are looked for at a time.
+// some plugins are looked for at a time, in the order of the parts. Most parts lead to all of them or to none.
 class WaiterCount {
   public:
-    WaiterCount(const Rest& theRest, std::size_t pluginCount)
-        : rest(theRest), counts(rest.Parts().size()), sets(rest.Parts().size()) {
-        for (PluginIndex first = 0; first < pluginCount; first += kAtOnce) {
-            for (std::size_t part = 0; part < sets.size(); ++part) {
-                Fill(part, first);
+    explicit WaiterCount(const Rest& theRest) : rest(theRest), sights(rest.Parts().size()), sets(sights.size()) {
+        for (std::size_t part = 0; part < sights.size(); ++part) {
+            firstOf.push_back(waiterCount);
+            rest.ForEachPluginToBegin(rest.Parts()[part], [this](PluginIndex) { ++waiterCount; });
+            followersFrom.push_back(followers.size());
+            rest.ForEachFollower(part, [this](std::size_t follower) { followers.push_back(follower); });
+        }
+        firstOf.push_back(waiterCount);
+        followersFrom.push_back(followers.size());
+        counts.resize(sights.size());
+        std::size_t part = 0;
+        for (std::size_t first = 0; first < waiterCount; first += kAtOnce) {
+            while (firstOf[part + 1] <= first) {
+                sights[part++] = Sight::None;  // it follows those that are looked for
+            }
+            for (std::size_t leader = part; leader < sights.size(); ++leader) {
+                Look(leader, first, std::min(first + kAtOnce, waiterCount));
             }
         }
     }
@@ -108,27 +120,56 @@ class WaiterCount {
     static constexpr std::size_t kWords = 16;
     static constexpr std::size_t kAtOnce = kWords * kWordBits;
     using Set = std::array<std::uint64_t, kWords>;
+    // How many of those that are looked for are in and behind a part.
+    enum class Sight : std::uint8_t { None, Some, All };
 
-    void Fill(std::size_t part, PluginIndex first) {
+    // Looks for the plugins from the first to before the last; the part's followers have been looked at.
+    void Look(std::size_t part, std::size_t first, std::size_t last) {
+        Sight sight = Sight::None;
+        for (std::size_t link = followersFrom[part]; link < followersFrom[part + 1]; ++link) {
+            sight = std::max(sight, sights[followers[link]]);
+        }
+        const std::size_t ownFirst = std::max(firstOf[part], first);
+        const std::size_t ownLast = std::min(firstOf[part + 1], last);
+        if (sight != Sight::All && (sight == Sight::Some || ownFirst < ownLast)) {
+            const std::size_t seen = Fill(part, ownFirst - first, ownLast - first);
+            counts[part] += seen;
+            sight = seen == last - first ? Sight::All : Sight::Some;
+        } else if (sight == Sight::All) {
+            counts[part] += last - first;
+        }
+        sights[part] = sight;
+    }
+
+    // Fills the part's set from those of its followers and from its own plugins, and counts it.
+    std::size_t Fill(std::size_t part, std::size_t ownFirst, std::size_t ownLast) {
         Set set{};
-        rest.ForEachPluginToBegin(rest.Parts()[part], [&](PluginIndex plugin) {
-            if (plugin >= first && plugin - first < kAtOnce) {
-                set[(plugin - first) / kWordBits] |= std::uint64_t{1} << ((plugin - first) % kWordBits);
+        for (std::size_t link = followersFrom[part]; link < followersFrom[part + 1]; ++link) {
+            if (sights[followers[link]] == Sight::Some) {
+                const Set& other = sets[followers[link]];
+                for (std::size_t word = 0; word < kWords; ++word) {
+                    set[word] |= other[word];
+                }
             }
-        });
-        rest.ForEachFollower(part, [&](std::size_t follower) {
-            for (std::size_t word = 0; word < kWords; ++word) {
-                set[word] |= sets[follower][word];
-            }
-        });
-        for (const std::uint64_t word : set) {
-            counts[part] += static_cast<std::size_t>(std::popcount(word));
+        }
+        for (std::size_t own = ownFirst; own < ownLast; ++own) {
+            set[own / kWordBits] |= std::uint64_t{1} << (own % kWordBits);
         }
         sets[part] = set;
+        std::size_t seen = 0;
+        for (const std::uint64_t word : set) {
+            seen += static_cast<std::size_t>(std::popcount(word));
+        }
+        return seen;
     }
 
     const Rest& rest;
+    std::size_t waiterCount = 0;
+    std::vector<std::size_t> firstOf;  // of each part, among the plugins that are looked for, and their number
+    std::vector<std::size_t> followersFrom;
+    std::vector<std::size_t> followers;  // of all parts, one part behind the other
     std::vector<std::size_t> counts;
+    std::vector<Sight> sights;
     std::vector<Set> sets;
 };
 
@@ -244,7 +285,7 @@ std::vector<Progress> WithWhatMustBeOver(const Boot& boot, std::vector<Progress>
 
 Standstill FindStandstill(const Boot& boot, const std::vector<Progress>& progress) {
     const Rest rest(boot, progress);
-    const WaiterCount waiters(rest, boot.plugins.size());
+    const WaiterCount waiters(rest);
 
     Standstill standstill;
     for (PluginIndex plugin = 0; plugin < boot.plugins.size(); ++plugin) {
