@@ -126,11 +126,10 @@ def test_what_cannot_be_asked_of_a_dump_is_said(analyze: Analyze, tmp_path: path
 
 def test_inputs_that_cannot_be_read_are_told(analyze: Analyze, tmp_path: pathlib.Path) -> None:
     root = make_host(tmp_path, "hw:")
-    for arguments, text in ((["--root", root, "--log=missing"], "missing: No such file or directory"),
-                            (["--root", root, "--log=."], ".: Is a directory"),
-                            (["--graph=missing"], "missing: No such file or directory"),
-                            (["--graph=/dev/null"], "/dev/null: not a dependency dump")):
-        result = analyze(*arguments)
+    for argument, text in (("--log=missing", "missing: No such file or directory"), ("--log=.", ".: Is a directory"),
+                           ("--graph=missing", "missing: No such file or directory"),
+                           ("--graph=/dev/null", "/dev/null: not a dependency dump")):
+        result = analyze("--root", root, argument)
         assert (result.status, result.output, result.errors) == (3, "", f"lofter-analyze: {text}\n")
 
 
