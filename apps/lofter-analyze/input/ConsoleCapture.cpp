@@ -249,14 +249,19 @@ class CaptureReader {
             return;
         }
         Mentions& its = Of(name);
-        std::size_t& count = event.kind == Event::Kind::Skip ? its.skipped : its.ended[event.log];
-        if (count == MostOf(name)) {
-            return;
-        }
-        ++count;
-        if (event.failure) {
+        const bool counts = CountUp(event.kind == Event::Kind::Skip ? its.skipped : its.ended[event.log], name);
+        if (counts && event.failure) {
             its.failures[event.log].emplace_back(*event.failure);
         }
+    }
+
+    // False when as many plugins of the name as there are were counted before.
+    bool CountUp(std::size_t& count, const std::string& name) const {
+        if (count == MostOf(name)) {
+            return false;
+        }
+        ++count;
+        return true;
     }
 
     std::size_t MostOf(const std::string& name) const {
