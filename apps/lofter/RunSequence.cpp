@@ -162,7 +162,7 @@ void RunSequence::DiscoverPlugins() {
                                                 directoryFailure);
     }
     Discovery discovery(
-        {settings.pluginDirectory, paths::kDebugConfiguration, settings.disabledPlugins, options.pluginFlags}, graph,
+        {settings.pluginDirectory, paths::kDebugConfiguration, {settings.disabledPlugins, options.pluginFlags}}, graph,
         activation, runOnce, plugins);
     // The last defence against an object, where there is no process to load it in: a boot that ends here is none that
     // went well.
