@@ -41,8 +41,7 @@ struct ChildDescriptors {
     posix::Descriptor null;
     posix::Descriptor log;
 
-    ChildDescriptors() {
-        root = posix::OpenFile("/", O_RDONLY | O_DIRECTORY);
+    ChildDescriptors() : root(posix::OpenFile("/", O_RDONLY | O_DIRECTORY)) {
         if (root.Get() <= 0) {
             // Another file's name, kept on purpose: operators match on this text.
             Panic("VERIFY %s:%d\n", "apps/lofter/hopper/DaemonPlugin", 86);
