@@ -131,36 +131,28 @@ void Node::Schedule(const Phase& phase, Executor& executor) {
 // same way before it goes on to the next. A node is queued after the last look at its prerequisites, if none was
 // outstanding.
 void Node::ScheduleWithPrerequisites(const Phase& phase, Executor& executor) {
-    struct Visit {
-        Node* node;
-        std::size_t nextLink;
-        bool ready;
-    };
-
-    std::vector<Visit> path;
-    const auto enter = [&](Node* node) {
+    const auto enter = [&phase](Node* node, Node* from) {
         if (node->state == NodeState::Idle) {
             node->state = phase.pending;
         }
-        path.push_back({node, 0, true});
+        node->scheduleVisit = {from, 0, true};
+        return node;
     };
 
-    enter(this);
-    while (!path.empty()) {
-        Visit& visit = path.back();
-        const Links& prerequisites = visit.node->*phase.prerequisites;
+    for (Node* node = enter(this, nullptr); node != nullptr;) {
+        ScheduleVisit& visit = node->scheduleVisit;
+        const Links& prerequisites = node->*phase.prerequisites;
         if (visit.nextLink < prerequisites.size()) {
             Node* prerequisite = prerequisites[visit.nextLink++];
             visit.ready = visit.ready && !phase.IsOutstanding(prerequisite->state);
             if (prerequisite->state == NodeState::Idle) {
-                enter(prerequisite);
+                node = enter(prerequisite, node);
             }
             continue;
         }
-        Node* visited = visit.node;
-        const bool ready = visit.ready;
-        path.pop_back();
-        if (ready) {
+        Node* const visited = node;
+        node = visit.from;
+        if (visit.ready) {
             visited->Queue(phase, executor);
         }
     }

@@ -131,13 +131,20 @@ class Node {
     // total cost of all re-checks linear in the number of links.
     std::size_t satisfiedPrefix = 0;
 
-    // Where a walk that computes depths stands. It keeps its path in the nodes, so it needs no memory of its own.
+    // Where walks along the links stand. They keep their paths in the nodes, so they need no memory of their own, and
+    // apart from each other, since a node whose scheduling queues it has its depth computed.
     struct DepthVisit {
         Node* from;
         std::size_t nextLink;
         std::int32_t deepest;
     };
+    struct ScheduleVisit {
+        Node* from;
+        std::size_t nextLink;
+        bool ready;
+    };
     DepthVisit depthVisit{};
+    ScheduleVisit scheduleVisit{};
 };
 
 }  // namespace lofter

@@ -251,6 +251,19 @@ TEST(Executor, NeedsNoMemoryForTheNodesBehindOneOnceARunHasBegun) {
     }
 }
 
+TEST(Executor, NeedsNoMemoryToScheduleWhatItHasRoomFor) {
+    TestGraph graph("a: provides x\nb: requires x provides y\nc: requires y");
+    Executor executor(0, false);
+    executor.Reserve(graph.graph.Size());
+    Node& last = graph["c"];
+    {
+        const test::FailingCall shortage(test::Call::OperatorNew, 0);
+        last.ScheduleStart(executor);
+        EXPECT_FALSE(shortage.Happened());
+    }
+    EXPECT_EQ(executor.Take(), &graph["a"]);
+}
+
 TEST(Executor, LetsAWorkerFinishItsNodeWhenItIsDestroyed) {
     TestGraph graph("a:\nb:");
     graph.Hold("a");
