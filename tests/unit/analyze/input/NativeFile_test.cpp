@@ -36,11 +36,11 @@ std::string Content(const std::string& path) {
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-// Objects whose loading takes long, or that only a loader knows to be bad.
+// Objects whose loading takes long, crashes the loader, or that only a loader knows to be bad.
 bool IsForLoadersOnly(const std::string& name) {
     static const std::set<std::string> names{"unresolved_data", "change_process_loading"};
     return names.contains(name) || name.ends_with("_loading") || name.ends_with("_unloading") ||
-           name.find("sleep") != std::string::npos;
+           name.starts_with("wild_") || name.find("sleep") != std::string::npos;
 }
 
 // The same description, however it came about.
