@@ -74,7 +74,7 @@ TEST(NativeFile, SaysWhatTheLoadedObjectSays) {
             ++compared;
         }
     }
-    EXPECT_GT(compared, 25);
+    EXPECT_GT(compared, 20);
 }
 
 TEST(NativeFile, SaysWhatIsWrongWithAnObject) {
