@@ -72,7 +72,7 @@ std::string Shown(std::string_view name) {
 std::string ShownDuration(Microseconds duration) {
     struct Unit {
         std::uint64_t size;
-        int digits;
+        std::size_t digits;
         const char* name;
     };
     constexpr Unit kMicrosecond{1, 0, "us"};
@@ -84,7 +84,7 @@ std::string ShownDuration(Microseconds duration) {
     const Unit& unit = size < kMillisecond.size ? kMicrosecond : size < kSecond.size ? kMillisecond : kSecond;
     std::string text = (duration < 0 ? "-" : "") + std::to_string(size / unit.size);
     std::string fraction = std::to_string(size % unit.size);
-    fraction.insert(0, std::max(unit.digits - static_cast<int>(fraction.size()), 0), '0');
+    fraction.insert(0, unit.digits - std::min(unit.digits, fraction.size()), '0');
     fraction.erase(fraction.find_last_not_of('0') + 1);
     if (!fraction.empty()) {
         text += '.' + fraction;
