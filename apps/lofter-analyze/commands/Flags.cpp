@@ -18,6 +18,7 @@ namespace {
 
 std::vector<std::string> PluginNames(const Boot& boot, const std::vector<PluginIndex>& plugins) {
     std::vector<std::string> names;
+    names.reserve(plugins.size());
     for (const PluginIndex index : plugins) {
         names.push_back(boot.plugins[index].Name());
     }
@@ -26,6 +27,7 @@ std::vector<std::string> PluginNames(const Boot& boot, const std::vector<PluginI
 
 std::vector<std::string> BarrierNames(const Boot& boot, const std::vector<BarrierIndex>& barriers) {
     std::vector<std::string> names;
+    names.reserve(barriers.size());
     for (const BarrierIndex index : barriers) {
         names.push_back(boot.barriers[index].name);
     }

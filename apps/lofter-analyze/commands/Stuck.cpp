@@ -29,6 +29,7 @@ struct Answer {
 
     std::vector<std::string> NamesIn(const Cycle& cycle) const {
         std::vector<std::string> names;
+        names.reserve(cycle.size());
         for (const CycleStep& step : cycle) {
             names.push_back(NameOf(step.plugin));
         }
@@ -37,6 +38,7 @@ struct Answer {
 
     std::vector<std::string> NamesIn(const std::vector<BarrierIndex>& barriers) const {
         std::vector<std::string> names;
+        names.reserve(barriers.size());
         for (const BarrierIndex barrier : barriers) {
             names.push_back(boot.barriers[barrier].name);
         }

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -25,7 +26,9 @@ struct ElfMachine {
     bool isLittleEndian = true;
 
     bool operator==(const ElfMachine&) const = default;
-    auto operator<=>(const ElfMachine&) const = default;
+    bool operator<(const ElfMachine& other) const {
+        return std::tie(number, is64Bit, isLittleEndian) < std::tie(other.number, other.is64Bit, other.isLittleEndian);
+    }
 };
 
 // "AArch64", "x86-64" and the like; "machine 4711" for what has no name here.

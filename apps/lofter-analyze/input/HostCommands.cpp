@@ -88,7 +88,7 @@ void HostCommands::AddDirectory(const HostRoot& root, const std::string& directo
     }
     std::sort(names->begin(), names->end());
     for (const std::string& name : *names) {
-        const std::string file = directory + "/" + name;
+        const std::string file = std::string(directory).append("/").append(name);
         const std::optional<struct stat> status = root.Status(file);
         if (!status || !S_ISREG(status->st_mode)) {
             continue;
@@ -104,7 +104,7 @@ void HostCommands::AddDirectory(const HostRoot& root, const std::string& directo
 
 std::optional<Finding> HostCommands::Check(const std::string& command, const std::string& plugin,
                                            const Place& place) const {
-    const std::string sent = std::string(command.c_str()).substr(0, kLongestCommand);
+    const std::string sent = command.substr(0, std::min(command.find('\0'), kLongestCommand));
     if (::strncasecmp(sent.c_str(), kStopWord.data(), kStopWord.size()) == 0 || AsksForHelp(sent)) {
         return std::nullopt;
     }

@@ -47,7 +47,7 @@ void Libraries::AddStandardDirectories() {
         std::sort(names.begin(), names.end());
         for (const std::string& name : names) {
             if (name.find("-linux-") != std::string::npos) {  // of one of several machines
-                AddOnce(directories, directory + "/" + name);
+                AddOnce(directories, std::string(directory).append("/").append(name));
             }
         }
     }
@@ -101,7 +101,7 @@ std::optional<Libraries::Found> Libraries::Find(const std::string& library, cons
             candidates.push_back({besides.value_or(path) + "/" + library, besides ? needs.directoryRoot : &root});
         }
         for (const std::string& directory : directories) {
-            candidates.push_back({directory + "/" + library, &root});
+            candidates.push_back({std::string(directory).append("/").append(library), &root});
         }
     }
     const auto found = std::find_if(candidates.begin(), candidates.end(),
@@ -118,7 +118,9 @@ std::vector<std::string> Libraries::FindMissing(const Needs& needs) {
             continue;
         }
         for (const std::string& indirect : MissingFor(needs.machine, *found)) {
-            AddOnce(names, indirect.ends_with(')') ? indirect : indirect + " (for " + library + ")");
+            AddOnce(names, indirect.ends_with(')')
+                               ? indirect
+                               : std::string(indirect).append(" (for ").append(library).append(")"));
         }
     }
     return names;

@@ -182,7 +182,8 @@ void Picture::ChooseRows() {
     });
     rowTops.resize(boot.plugins.size());
     for (std::size_t row = 0; row < rows.size(); ++row) {
-        rowTops[rows[row]] = RowsTop() + static_cast<double>(row + row / kBlock) * kRowHeight;
+        const std::size_t gaps = row / kBlock;
+        rowTops[rows[row]] = RowsTop() + static_cast<double>(row + gaps) * kRowHeight;
     }
 }
 
@@ -195,8 +196,8 @@ double Picture::RowsTop() const {
 }
 
 double Picture::Height() const {
-    const std::size_t last = rows.empty() ? 0 : rows.size() - 1;
-    return RowsTop() + static_cast<double>(rows.size() + last / kBlock) * kRowHeight + kMargin;
+    const std::size_t gaps = rows.empty() ? 0 : (rows.size() - 1) / kBlock;
+    return RowsTop() + static_cast<double>(rows.size() + gaps) * kRowHeight + kMargin;
 }
 
 std::string Picture::Headline() const {
